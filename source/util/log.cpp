@@ -1,0 +1,51 @@
+#include "util/log.h"
+
+int32_t _svr_verb_array[SS_COUNT] = {};
+boost::thread_specific_ptr<toolkit::CSysLog> _thr_local_syslog;
+uint32_t CLogStack::_max_verbosity = 0;
+
+toolkit::CSysLog& thread_log() {
+    if (!_thr_local_syslog.get())
+        _thr_local_syslog.reset(new toolkit::CSysLog(nullptr, 0, false, true, true));
+    return *_thr_local_syslog;
+}
+
+void install_thread_log(toolkit::CSysLog* log) {
+    if (_thr_local_syslog.get() != log)
+        _thr_local_syslog.reset(log);
+}
+
+int32_t apply_verbosity(const subsystem_levels_t& levels, int32_t fallback, bool use_syslog) {
+    for (unsigned i = 0; i < SS_COUNT; ++i)
+        _svr_verb_array[i] = levels[i] ? *levels[i] : fallback;
+    toolkit::CSysLog& log = thread_log();
+    log.update_options(false, true, use_syslog, nullptr);
+    log._verbosity = fallback;
+    return fallback;
+}
+
+void CLogStack::cache_max_verbosity(int32_t overall,
+                                    std::initializer_list<boost::optional<int32_t>> per_thread) {
+    int32_t max = overall;
+    for (const auto& level : per_thread)
+        if (level && *level > max)
+            max = *level;
+    _max_verbosity = max < 0 ? 0 : static_cast<uint32_t>(max);
+}
+
+void CLogStack::push() {
+    toolkit::CSysLog& log = thread_log();
+    if (log._verbosity > 9)
+        log.debug(10, nullptr, "%*s: %s", static_cast<int>(2 * log._depth + 7), "[ENTER]",
+                  _function);
+    ++log._depth;
+}
+
+void CLogStack::pop() {
+    toolkit::CSysLog& log = thread_log();
+    if (log._depth > 0)
+        --log._depth;
+    if (log._verbosity > 9)
+        log.debug(10, nullptr, "%*s: %s", static_cast<int>(2 * log._depth + 7), "[EXIT] ",
+                  _function);
+}

@@ -1,0 +1,23 @@
+#pragma once
+// Process-level services used at start-up and by worker threads.
+#include "toolkit/tk_string.h"
+#include "util/generic_err.h"
+
+class CRealtimePriority;
+
+class CUtil {
+public:
+    struct no_such_user : generic_err {};
+
+    // Detaches from the terminal: the calling process exits with 0 once the daemon runs;
+    // the daemon continues in "/" with descriptors 0 to 2 on /dev/null and umask 022.
+    static void daemonize();
+    // Switches to the user named (or numbered) by name. An unknown name that is not a
+    // non-negative number throws no_such_user; a refused setuid throws generic_err.
+    static void set_uid(const tk_string& name);
+    // Failures only log a warning.
+    static void set_process_prio(int prio);
+    static void set_thread_prio(const CRealtimePriority& prio);
+    // Blocks (or unblocks) SIGSEGV, SIGILL and SIGFPE for the calling thread.
+    static void alter_signal_mask(bool block);
+};
