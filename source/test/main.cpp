@@ -5,7 +5,9 @@
 #include <boost/test/unit_test.hpp>
 
 namespace {
-bool init_unit_test() { return true; }
+bool init_unit_test() {
+    return true;
+}
 } // namespace
 
 int main(int argc, char** argv) {
@@ -21,9 +23,10 @@ int main(int argc, char** argv) {
     }
     g_test_data = std::move(data);
 
+    // The "default" subsystem's level, when given, is the level of every other one.
     const subsystem_levels_t& levels = g_test_data->subsystem_levels();
-    const int32_t fallback = levels[SS_DEFAULT] ? *levels[SS_DEFAULT] : g_test_data->verbosity();
-    apply_verbosity(levels, fallback, !g_test_data->no_syslogd());
+    setup_verbosity(g_test_data->verbosity(), levels, levels[SS_DEFAULT],
+                    !g_test_data->no_syslogd());
     CLogStack::cache_max_verbosity(g_test_data->verbosity(), {levels[SS_DEFAULT]});
 
     LOG_THREAD(info, 0, "Starting test with RNG seed = %u", g_test_data->random().seed());

@@ -15,10 +15,13 @@ void install_thread_log(toolkit::CSysLog* log) {
         _thr_local_syslog.reset(log);
 }
 
-int32_t apply_verbosity(const subsystem_levels_t& levels, int32_t fallback, bool use_syslog) {
+int32_t setup_verbosity(int32_t overall, const subsystem_levels_t& levels,
+                        const boost::optional<int32_t>& main_level, bool use_syslog) {
+    toolkit::CSysLog& log = thread_log();
+    log._verbosity = overall;
+    const int32_t fallback = main_level ? *main_level : overall;
     for (unsigned i = 0; i < SS_COUNT; ++i)
         _svr_verb_array[i] = levels[i] ? *levels[i] : fallback;
-    toolkit::CSysLog& log = thread_log();
     log.update_options(false, true, use_syslog, nullptr);
     log._verbosity = fallback;
     return fallback;

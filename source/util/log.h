@@ -11,8 +11,8 @@
 #include <boost/thread/tss.hpp>
 
 #include <array>
-#include <initializer_list>
 #include <cstdint>
+#include <initializer_list>
 
 enum subsystem_t : unsigned {
     SS_DEFAULT = 0,
@@ -48,33 +48,38 @@ inline bool log_enabled(unsigned subsystem, unsigned level) {
     return _svr_verb_array[subsystem] >= static_cast<int32_t>(level);
 }
 
-// Fills the verbosity table: subsystems given explicitly keep their level, all others take
-// `fallback`. Then the calling thread's logger gets its options (syslog switch) and the
-// fallback as its own level. Returns the fallback.
-int32_t apply_verbosity(const subsystem_levels_t& levels, int32_t fallback, bool use_syslog);
+// Start-up set-up of the levels: the calling thread's logger first takes `overall`; every
+// subsystem given in `levels` keeps its level and all others take the default level, which
+// is `main_level` when given, else `overall`. Then the logger gets its options (the syslog
+// switch) and the default level as its own. Returns the default level.
+int32_t setup_verbosity(int32_t overall, const subsystem_levels_t& levels,
+                        const boost::optional<int32_t>& main_level, bool use_syslog);
 
-#define MB_LOG_CALL(method, subsystem, level, function, ...)                                    \
-    do {                                                                                       \
-        if (::log_enabled((subsystem), (level)))                                               \
-            ::thread_log().method((level), (function), __VA_ARGS__);                           \
+#define MB_LOG_CALL(method, subsystem, level, function, ...)                                       \
+    do {                                                                                           \
+        if (::log_enabled((subsystem), (level)))                                                   \
+            ::thread_log().method((level), (function), __VA_ARGS__);                               \
     } while (0)
 
 // Errors, warnings and narration carry the caller's function name; debugging lines do not.
-#define LOG_ERR(subsystem, level, ...) MB_LOG_CALL(err, subsystem, level, __PRETTY_FUNCTION__, __VA_ARGS__)
-#define LOG_WARN(subsystem, level, ...) MB_LOG_CALL(warn, subsystem, level, __PRETTY_FUNCTION__, __VA_ARGS__)
-#define LOG_INFO(subsystem, level, ...) MB_LOG_CALL(info, subsystem, level, __PRETTY_FUNCTION__, __VA_ARGS__)
+#define LOG_ERR(subsystem, level, ...)                                                             \
+    MB_LOG_CALL(err, subsystem, level, __PRETTY_FUNCTION__, __VA_ARGS__)
+#define LOG_WARN(subsystem, level, ...)                                                            \
+    MB_LOG_CALL(warn, subsystem, level, __PRETTY_FUNCTION__, __VA_ARGS__)
+#define LOG_INFO(subsystem, level, ...)                                                            \
+    MB_LOG_CALL(info, subsystem, level, __PRETTY_FUNCTION__, __VA_ARGS__)
 #define LOG_DEBUG(subsystem, level, ...) MB_LOG_CALL(debug, subsystem, level, nullptr, __VA_ARGS__)
-#define LOG_DUMP(subsystem, level, data, len, title)                                            \
-    do {                                                                                       \
-        if (::log_enabled((subsystem), (level)))                                               \
-            ::thread_log().dbg_dump((level), (data), (len), (title));                          \
+#define LOG_DUMP(subsystem, level, data, len, title)                                               \
+    do {                                                                                           \
+        if (::log_enabled((subsystem), (level)))                                                   \
+            ::thread_log().dbg_dump((level), (data), (len), (title));                              \
     } while (0)
 
 // Messages tied to no subsystem, gated by the thread logger's own level.
-#define LOG_THREAD(method, level, ...)                                                          \
-    do {                                                                                       \
-        if (::thread_log()._verbosity >= static_cast<int32_t>(level))                          \
-            ::thread_log().method((level), __PRETTY_FUNCTION__, __VA_ARGS__);                  \
+#define LOG_THREAD(method, level, ...)                                                             \
+    do {                                                                                           \
+        if (::thread_log()._verbosity >= static_cast<int32_t>(level))                              \
+            ::thread_log().method((level), __PRETTY_FUNCTION__, __VA_ARGS__);                      \
     } while (0)
 
 // Function entry and exit tracing, two blanks of indentation per nesting level. Costs one

@@ -35,8 +35,8 @@ long long parse_number(const std::vector<tk_string>& args, size_t idx,
         throw generic_err();
     }
     if (max && value > *max) {
-        std::fprintf(stderr, "Error: value '%lld' greater than the allowed maximum (%lld)\n",
-                     value, *max);
+        std::fprintf(stderr, "Error: value '%lld' greater than the allowed maximum (%lld)\n", value,
+                     *max);
         throw generic_err();
     }
     return value;
@@ -79,15 +79,12 @@ COption::parse_func_t parse_subsystem_verb_opt(subsystem_levels_t& levels) {
 }
 
 COption::parse_func_t parse_end_opt() {
-    return [](const std::vector<tk_string>&, size_t) -> size_t {
-        throw COptionsBase::end_args();
-    };
+    return [](const std::vector<tk_string>&, size_t) -> size_t { throw COptionsBase::end_args(); };
 }
 
 COption::parse_func_t parse_help_opt() {
-    return [](const std::vector<tk_string>&, size_t) -> size_t {
-        throw COptionsBase::show_usage();
-    };
+    return
+        [](const std::vector<tk_string>&, size_t) -> size_t { throw COptionsBase::show_usage(); };
 }
 
 COption::parse_func_t parse_detailed_help_opt() {
@@ -97,9 +94,8 @@ COption::parse_func_t parse_detailed_help_opt() {
 }
 
 COption::parse_func_t parse_version_opt() {
-    return [](const std::vector<tk_string>&, size_t) -> size_t {
-        throw COptionsBase::dump_version();
-    };
+    return
+        [](const std::vector<tk_string>&, size_t) -> size_t { throw COptionsBase::dump_version(); };
 }
 
 COption::defaultval_func_t show_bool(const bool& field) {

@@ -8,9 +8,9 @@
 #include <cstdio>
 
 const char* const COptionsBase::subsystem_strings[SS_COUNT] = {
-    "default",  "libcds",  "cds_handle", "serial_io",       "tcp_io",
-    "io_system", "settings", "config",   "mapping",         "maplist",
-    "protocol", "serial_protocol", "tcp_protocol", "function_codes", "cds_thread"};
+    "default",   "libcds",          "cds_handle",   "serial_io",      "tcp_io",
+    "io_system", "settings",        "config",       "mapping",        "maplist",
+    "protocol",  "serial_protocol", "tcp_protocol", "function_codes", "cds_thread"};
 const char* const COptionsBase::version_string = "2.0.0";
 const char* const COptionsBase::build_date = "Feb  9 2017";
 const char* const COptionsBase::build_time = "17:11:59";

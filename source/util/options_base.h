@@ -62,9 +62,8 @@ public:
     virtual ~COptionsBase() = default;
 
     void add_opt(std::initializer_list<tk_string> flags, const tk_string& usage,
-                 const tk_string& description, const tk_string& details,
-                 COption::init_func_t init, COption::parse_func_t parse,
-                 COption::postprocess_func_t postprocess = {},
+                 const tk_string& description, const tk_string& details, COption::init_func_t init,
+                 COption::parse_func_t parse, COption::postprocess_func_t postprocess = {},
                  COption::defaultval_func_t defaultval = {});
 
     option_set_t get_opt_set() const;

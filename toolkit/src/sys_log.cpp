@@ -42,8 +42,8 @@ void write_all(int fd, const char* text, size_t len) {
 
 CSysLog::CSysLog(const char* ident, int level, bool to_stdout, bool to_stderr, bool to_syslog,
                  void* user)
-    : _verbosity(level), _thread(ident ? ident : "main"), _stdout(to_stdout),
-      _stderr(to_stderr), _syslog(to_syslog), _user(user) {}
+    : _verbosity(level), _thread(ident ? ident : "main"), _stdout(to_stdout), _stderr(to_stderr),
+      _syslog(to_syslog), _user(user) {}
 
 void CSysLog::set_ident(const char* ident) {
     _ident = ident ? ident : "";
@@ -58,12 +58,12 @@ void CSysLog::update_options(bool to_stdout, bool to_stderr, bool to_syslog, voi
     _user = user;
 }
 
-#define TK_SYSLOG_METHOD(name, kind)                                                           \
-    void CSysLog::name(unsigned level, const char* function, const char* fmt, ...) {           \
-        va_list ap;                                                                            \
-        va_start(ap, fmt);                                                                     \
-        vlog(kind, level, function, fmt, ap);                                                  \
-        va_end(ap);                                                                            \
+#define TK_SYSLOG_METHOD(name, kind)                                                               \
+    void CSysLog::name(unsigned level, const char* function, const char* fmt, ...) {               \
+        va_list ap;                                                                                \
+        va_start(ap, fmt);                                                                         \
+        vlog(kind, level, function, fmt, ap);                                                      \
+        va_end(ap);                                                                                \
     }
 TK_SYSLOG_METHOD(err, kind_t::error)
 TK_SYSLOG_METHOD(warn, kind_t::warning)
@@ -71,8 +71,7 @@ TK_SYSLOG_METHOD(info, kind_t::info)
 TK_SYSLOG_METHOD(debug, kind_t::debug)
 #undef TK_SYSLOG_METHOD
 
-void CSysLog::vlog(kind_t kind, unsigned level, const char* function, const char* fmt,
-                   va_list ap) {
+void CSysLog::vlog(kind_t kind, unsigned level, const char* function, const char* fmt, va_list ap) {
     char text[4096];
     int n = 0;
     if (function)
@@ -110,8 +109,8 @@ void CSysLog::emit(kind_t kind, const char* text) {
         std::strftime(stamp, sizeof stamp, "%F %T", &tmv);
         char line[4352];
         int n = std::snprintf(line, sizeof line, "%s.%03ld %s[%s] %s %s\n", stamp,
-                              static_cast<long>(tv.tv_usec / 1000), _ident.c_str(),
-                              _thread.c_str(), kind_name(k), text);
+                              static_cast<long>(tv.tv_usec / 1000), _ident.c_str(), _thread.c_str(),
+                              kind_name(k), text);
         size_t len = n < 0 ? 0 : std::min(static_cast<size_t>(n), sizeof line - 1);
         if (len > 0 && line[len - 1] != '\n')
             line[len - 1] = '\n';

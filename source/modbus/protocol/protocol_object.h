@@ -19,7 +19,9 @@ typedef std::pair<boost::logic::tribool, iobuf_const_iter_t> parse_result_t;
 inline bool is_complete(const parse_result_t& r) {
     return r.first.value == boost::logic::tribool::true_value;
 }
-inline bool is_incomplete(const parse_result_t& r) { return boost::logic::indeterminate(r.first); }
+inline bool is_incomplete(const parse_result_t& r) {
+    return boost::logic::indeterminate(r.first);
+}
 inline bool is_bad(const parse_result_t& r) {
     return r.first.value == boost::logic::tribool::false_value;
 }

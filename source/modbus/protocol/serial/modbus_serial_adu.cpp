@@ -4,7 +4,14 @@
 
 bool CModbusSerialAdu::supported_function(uint8_t function) {
     switch (function) {
-    case 1: case 2: case 3: case 4: case 5: case 6: case 15: case 16:
+    case 1:
+    case 2:
+    case 3:
+    case 4:
+    case 5:
+    case 6:
+    case 15:
+    case 16:
         return true;
     default:
         return false;

@@ -24,9 +24,9 @@ static_assert(crc_table.entries[1] == 0xC0C1 && crc_table.entries[3] == 0x0140, 
 } // namespace
 
 const uint16_t CModbusSerialCrc::_crc_table[256] = {
-#define MB_CRC_ROW(i)                                                                          \
-    crc_table.entries[i], crc_table.entries[i + 1], crc_table.entries[i + 2],                  \
-        crc_table.entries[i + 3], crc_table.entries[i + 4], crc_table.entries[i + 5],          \
+#define MB_CRC_ROW(i)                                                                              \
+    crc_table.entries[i], crc_table.entries[i + 1], crc_table.entries[i + 2],                      \
+        crc_table.entries[i + 3], crc_table.entries[i + 4], crc_table.entries[i + 5],              \
         crc_table.entries[i + 6], crc_table.entries[i + 7]
     MB_CRC_ROW(0),   MB_CRC_ROW(8),   MB_CRC_ROW(16),  MB_CRC_ROW(24),  MB_CRC_ROW(32),
     MB_CRC_ROW(40),  MB_CRC_ROW(48),  MB_CRC_ROW(56),  MB_CRC_ROW(64),  MB_CRC_ROW(72),
