@@ -1,0 +1,20 @@
+#include "modbus/map/param_discrete_mapping.h"
+#include "util/log.h"
+
+CParamDiscreteMapping::CParamDiscreteMapping(const toolkit::node_map_t& node, size_t id)
+    : CParamMapping(node, id) {
+    LOG_STACK();
+    const auto it = node.find("NegateValue");
+    _negate = it != node.end() && it->second == "true";
+    LOG_DEBUG(SS_MAPPING, 9, "Creating discrete mapping for '%s'", path().c_str());
+}
+
+bool CParamDiscreteMapping::translate(const toolkit::CElement& el) const {
+    LOG_STACK();
+    return el.to_bool() != _negate;
+}
+
+toolkit::CElement CParamDiscreteMapping::translate(bool value) const {
+    LOG_STACK();
+    return toolkit::CElement::from_bool(value != _negate, toolkit::CElement::_invalid_time);
+}

@@ -1,0 +1,23 @@
+#pragma once
+// A parameter on one or more consecutive registers, through the translator that the node's
+// "ExternalValueType" selects. Owns its translator.
+#include "modbus/map/param_mapping.h"
+#include "modbus/map/register_mapping.h"
+
+#include <memory>
+
+class CParamRegisterMapping : public CParamMapping {
+public:
+    // Throws generic_err for a bad "Name" or a translator that cannot be built.
+    CParamRegisterMapping(const toolkit::node_map_t& node, size_t id);
+
+    regvec_t to_registers(const toolkit::CElement& el, const CModbusParamDynamicConfig& cfg) const;
+    toolkit::CElement from_registers(const regvec_t& regs,
+                                     const CModbusParamDynamicConfig& cfg) const;
+    size_t reg_count() const;
+
+    const CRegisterMapping& mapping() const;
+
+private:
+    std::unique_ptr<CRegisterMapping> _mapping;
+};

@@ -1,0 +1,77 @@
+#include "modbus/map/register_mapping.h"
+#include "modbus/map/bool_mapping.h"
+#include "modbus/map/float_mapping.h"
+#include "modbus/map/int_mapping.h"
+#include "modbus/map/map_util.h"
+#include "modbus/map/string_mapping.h"
+#include "modbus/map/time_mapping.h"
+#include "util/generic_err.h"
+#include "util/log.h"
+
+#include <cassert>
+
+std::unique_ptr<CRegisterMapping> CRegisterMapping::create(const toolkit::node_map_t& node) {
+    LOG_STACK();
+    const auto it = node.find("ExternalValueType");
+    if (it == node.end())
+        throw generic_err();
+    const tk_string& type = it->second;
+    if (type == "DATATYPE_STRING")
+        return std::make_unique<CStringMapping>(node);
+    if (type == "DATATYPE_UINT" || type == "DATATYPE_INT")
+        return std::make_unique<CIntMapping>(node);
+    if (type == "DATATYPE_FLOAT")
+        return std::make_unique<CFloatMapping>(node);
+    if (type == "DATATYPE_BOOL")
+        return std::make_unique<CBoolMapping>(node);
+    if (type == "DATATYPE_TIME")
+        return std::make_unique<CTimeMapping>(node);
+    throw generic_err();
+}
+
+CRegisterMapping::CRegisterMapping(const toolkit::node_map_t& node) {
+    LOG_STACK();
+    auto it = node.find("Size");
+    if (it != node.end()) {
+        const long size = CMapUtil::num(it);
+        if (size <= 0 || size > 65535)
+            throw generic_err();
+        _size = static_cast<uint16_t>(size);
+    }
+    it = node.find("BitOffset");
+    if (it != node.end()) {
+        const unsigned long offset = static_cast<unsigned long>(CMapUtil::num(it));
+        if (offset > 15)
+            throw generic_err();
+        _offset = static_cast<uint8_t>(offset);
+    }
+    _swap_bytes = CMapUtil::flag(node, "Endianness");
+    _swap_words = CMapUtil::flag(node, "WordOrder");
+}
+
+size_t CRegisterMapping::reg_count() const {
+    assert((_offset == 0) || (_offset == 8));
+    return _offset == 0 ? (_size + 1u) / 2 : (_size + 2u) / 2;
+}
+
+regvec_t CRegisterMapping::to_registers(const toolkit::CElement& el,
+                                        const CModbusParamDynamicConfig& cfg) const {
+    LOG_STACK();
+    regvec_t regs = translate(el, cfg);
+    if (_swap_bytes)
+        CMapUtil::swap_endianness(regs);
+    if (_swap_words)
+        CMapUtil::swap_word_order(regs);
+    return regs;
+}
+
+toolkit::CElement CRegisterMapping::from_registers(const regvec_t& regs,
+                                                   const CModbusParamDynamicConfig& cfg) const {
+    LOG_STACK();
+    regvec_t natural(regs);
+    if (_swap_words)
+        CMapUtil::swap_word_order(natural);
+    if (_swap_bytes)
+        CMapUtil::swap_endianness(natural);
+    return translate(natural, cfg);
+}

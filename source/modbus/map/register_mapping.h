@@ -1,0 +1,64 @@
+#pragma once
+// Base of the register value translators: one data-store value <-> consecutive registers.
+//
+// The common node keys: "Size" (bytes of the external value, 1 to 65535; 0 when absent, for
+// the translator to decide), "BitOffset" (0 to 15, where in the first register the value
+// starts), "Endianness" (swap the bytes of every register) and "WordOrder" (reverse the
+// registers). A translator's translate() works in natural order: most significant byte
+// first, register 0 first, each register's high byte first. to_registers/from_registers
+// apply the swaps around it, so the two are exact inverses as far as the layout goes.
+//
+// Every translator produces elements stamped with the invalid time, so that the store
+// stamps what Modbus writes.
+#include "modbus/config/modbus_param_dynamic_config.h"
+#include "modbus/map/profile_mapping.h"
+#include "modbus/modbus_types.h"
+
+#include "toolkit/eds.h"
+#include "toolkit/element.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+
+class CRegisterMapping {
+public:
+    // The translator named by "ExternalValueType"; throws generic_err when the key is
+    // missing or names no translator, or when the translator rejects the node.
+    static std::unique_ptr<CRegisterMapping> create(const toolkit::node_map_t& node);
+
+    // Reads the common keys; throws generic_err for a bad "Size" or "BitOffset".
+    explicit CRegisterMapping(const toolkit::node_map_t& node);
+    virtual ~CRegisterMapping() = default;
+
+    // The profile row fields that depend on the translator, for the value el whose units
+    // the store gives as `units`.
+    virtual CProfileMapping reverse_map(const toolkit::CElement& el, const tk_string& units,
+                                        const CModbusParamDynamicConfig& cfg) const = 0;
+    // Natural-order translation, without the swaps.
+    virtual regvec_t translate(const toolkit::CElement& el,
+                               const CModbusParamDynamicConfig& cfg) const = 0;
+    virtual toolkit::CElement translate(const regvec_t& regs,
+                                        const CModbusParamDynamicConfig& cfg) const = 0;
+
+    // Registers the value occupies: (size + 1) / 2 at offset 0, (size + 2) / 2 at offset 8.
+    // Any other offset is an assertion, on purpose: a file with one stops the process while
+    // it is parsed.
+    size_t reg_count() const;
+
+    regvec_t to_registers(const toolkit::CElement& el, const CModbusParamDynamicConfig& cfg) const;
+    // regs must hold reg_count() registers.
+    toolkit::CElement from_registers(const regvec_t& regs,
+                                     const CModbusParamDynamicConfig& cfg) const;
+
+    uint16_t size() const { return _size; }
+    uint8_t offset() const { return _offset; }
+    bool swap_bytes() const { return _swap_bytes; }
+    bool swap_words() const { return _swap_words; }
+
+protected:
+    uint16_t _size = 0;
+    uint8_t _offset = 0;
+    bool _swap_bytes = false;
+    bool _swap_words = false;
+};

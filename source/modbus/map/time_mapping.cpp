@@ -1,0 +1,112 @@
+#include "modbus/map/time_mapping.h"
+#include "modbus/map/map_util.h"
+#include "util/generic_err.h"
+#include "util/log.h"
+
+#include <cassert>
+#include <cerrno>
+
+CTimeMapping::CTimeMapping(const toolkit::node_map_t& node) : CRegisterMapping(node) {
+    LOG_STACK();
+    if (_offset % 8 != 0)
+        throw generic_err();
+    _timestamp = CMapUtil::flag(node, "Timestamp");
+    const auto it = node.find("DateSpec");
+    if (it == node.end())
+        throw generic_err();
+    _spec = std::make_unique<CTimeMappingSpec>(it->second);
+    if (_spec->size() == 0)
+        throw generic_err();
+    if (_size == 0)
+        _size = static_cast<uint16_t>(_spec->size());
+    // One letter per byte: any other size leaves letters without bytes or bytes without.
+    if (_size != _spec->size())
+        throw generic_err();
+}
+
+const CTimeMappingSpec& CTimeMapping::spec() const {
+    assert(_spec);
+    return *_spec;
+}
+
+regvec_t CTimeMapping::translate(const toolkit::CElement& el,
+                                 const CModbusParamDynamicConfig&) const {
+    LOG_STACK();
+    const size_t nregs = reg_count();
+    assert((_offset == 0) || (_offset == 8));
+    assert(nregs != 0);
+    assert(_size != 0);
+    assert(_spec);
+    const timeval tv = _timestamp ? el.time() : el.to_timeval();
+    const time_t secs = tv.tv_sec;
+    tm t;
+    if (!gmtime_r(&secs, &t)) {
+        LOG_WARN(SS_MAPPING, 1, "Time %lld has no calendar date", static_cast<long long>(secs));
+        throw generic_err();
+    }
+    regvec_t regs(nregs, 0);
+    size_t i = 0;
+    size_t r = 0;
+    if (_offset == 8) {
+        regs[r++] = _spec->translate(i++, t, tv) & 0xff;
+    }
+    for (; r < nregs; ++r, i += 2) {
+        if (_spec->double_specifier(i)) {
+            regs[r] = _spec->translate(i, t, tv);
+            continue;
+        }
+        const mbreg_t low = i + 1 < _spec->size() ? _spec->translate(i + 1, t, tv) & 0xff : 0;
+        regs[r] = static_cast<mbreg_t>((_spec->translate(i, t, tv) & 0xff) << 8 | low);
+    }
+    return regs;
+}
+
+toolkit::CElement CTimeMapping::translate(const regvec_t& regs,
+                                          const CModbusParamDynamicConfig&) const {
+    LOG_STACK();
+    const size_t nregs = reg_count();
+    assert(_spec);
+    assert(regs.size() == nregs);
+    if (_timestamp) {
+        LOG_WARN(SS_MAPPING, 1, "Can't set a value's timestamp via Modbus");
+        throw generic_err();
+    }
+    timeval tv;
+    tm t;
+    if (gettimeofday(&tv, nullptr) != 0 || !gmtime_r(&tv.tv_sec, &t))
+        throw generic_err();
+    size_t i = 0;
+    size_t r = 0;
+    if (_offset == 8)
+        _spec->translate(i++, regs[r++] & 0xff, t, tv);
+    for (; r < nregs; ++r, i += 2) {
+        if (_spec->double_specifier(i)) {
+            _spec->translate(i, regs[r], t, tv);
+            continue;
+        }
+        _spec->translate(i, regs[r] >> 8, t, tv);
+        if (i + 1 < _spec->size())
+            _spec->translate(i + 1, regs[r] & 0xff, t, tv);
+    }
+    assert(i >= _spec->size());
+    errno = 0;
+    const time_t secs = mktime(&t);
+    if (secs == static_cast<time_t>(-1) && errno != 0) {
+        LOG_WARN(SS_MAPPING, 1, "Date written is out of range");
+        throw generic_err();
+    }
+    // A doubled q may carry more than a second of milliseconds.
+    tv.tv_sec = secs + tv.tv_usec / 1000000;
+    tv.tv_usec %= 1000000;
+    return toolkit::CElement::from_time(tv, toolkit::CElement::_invalid_time);
+}
+
+CProfileMapping CTimeMapping::reverse_map(const toolkit::CElement&, const tk_string&,
+                                          const CModbusParamDynamicConfig&) const {
+    LOG_STACK();
+    CProfileMapping row;
+    row[CProfileMapping::TYPE] = "DATE";
+    row[CProfileMapping::IS_TIMESTAMP] = _timestamp ? "Yes" : "No";
+    spec().reverse_map(row);
+    return row;
+}
