@@ -1,5 +1,13 @@
 #pragma once
 // Reader of EDS mapping files: INI style, "[label]" starts a node, "key = value" fills it.
+//
+// Blanks around keys and values are trimmed; lines starting with "#" or ";" are comments;
+// empty lines are ignored. Values are taken verbatim otherwise (";" or "#" inside a value
+// is text, not a comment). The label is for people and is not returned.
+//
+// A small reader of its own rather than inih: Debian's inih is built to treat indented lines
+// as continuations, to accept "key: value", to cut values at " ;" and to split lines longer
+// than 200 bytes, all of which would silently change what a mapping file says.
 #include "toolkit/tk_string.h"
 
 #include <fstream>
@@ -12,7 +20,7 @@ typedef std::unordered_multimap<tk_string, tk_string> node_map_t;
 
 class CEds {
 public:
-    // 0 on success; otherwise error() says why.
+    // 0 on success; otherwise error() says why, naming the file.
     int open(const tk_string& path);
     // 0: node holds the next node; greater than 0: end of file; less than 0: a malformed
     // line, and error() names the file and the line number.
@@ -20,11 +28,13 @@ public:
     const tk_string& error() const { return _error; }
 
 private:
+    int fail(const tk_string& why);
+
     tk_string _path;
     std::ifstream _in;
     unsigned _line = 0;
-    tk_string _pending_label;
-    bool _have_pending = false;
+    bool _in_node = false; // a "[label]" line has been read and its keys are next
+    bool _failed = false;
     tk_string _error;
 };
 

@@ -44,7 +44,9 @@ public:
     // Integer or float (a bool or a numeric text is not numeric).
     bool is_numeric() const;
 
-    // Conversions; an empty element gives false / 0 / "" / the zero time.
+    // Conversions; an empty element gives false / 0 / "" / the zero time. Integers convert
+    // to each other by their two's complement bits, floats are truncated and clamped; bools
+    // print as "true"/"false", floats in their shortest exact form, times as time_to_string.
     bool to_bool() const;
     int64_t to_int() const;
     uint64_t to_uint() const;
@@ -59,6 +61,21 @@ public:
     // Splits text at every separator; empty pieces are dropped.
     static void split_string(std::vector<tk_string>& out, const tk_string& text, char separator);
 
+    static bool is_invalid_time(const timeval& t) { return t.tv_sec == 0 && t.tv_usec == 0; }
+
+    // The strict conversion a store applies when a value is written into a leaf of type
+    // `to`: numbers must fit and texts must parse completely, otherwise false and `out` is
+    // left alone. The stamp is kept.
+    static bool convert(const CElement& in, type_t to, CElement& out);
+    // "bool", "int", "uint", "float", "string", "time" (and "none").
+    static const char* type_name(type_t type);
+    static bool type_from_name(const tk_string& name, type_t& type);
+
+    // Time as text: UTC, ISO 8601 with microseconds ("2024-05-01T12:00:00.250000Z").
+    static tk_string time_to_string(const timeval& t);
+    // Accepts the form above (fraction and "Z" optional) or a number of seconds.
+    static bool time_from_string(const tk_string& text, timeval& t);
+
 private:
     type_t _type = TYPE_NONE;
     union {
@@ -69,7 +86,7 @@ private:
     } _num{};
     tk_string _text;
     timeval _tv{0, 0};
-    timeval _stamp;
+    timeval _stamp{0, 0};
 };
 
 } // namespace toolkit

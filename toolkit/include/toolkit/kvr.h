@@ -9,10 +9,10 @@ typedef int api_status_t;
 enum : api_status_t {
     API_STATUS_NONE = 0,
     API_STATUS_OK = 1,
-    API_STATUS_NOT_FOUND = 2,   // no such leaf (or node without children for "/Children")
-    API_STATUS_BAD_VALUE = 3,   // the value cannot be converted to the leaf's type
-    API_STATUS_READ_ONLY = 4,   // the connection is read-only
-    API_STATUS_FAILURE = 5,     // any other failure of this leaf
+    API_STATUS_NOT_FOUND = 2, // no such leaf (or node without children for "/Children")
+    API_STATUS_BAD_VALUE = 3, // the value cannot be converted to the leaf's type
+    API_STATUS_READ_ONLY = 4, // the connection is read-only
+    API_STATUS_FAILURE = 5,   // any other failure of this leaf
 };
 
 // Property/source word stored with every value.
@@ -37,6 +37,7 @@ tk_string kvr_store_path();
 // Units known to the store. 95 means "no units"; -1 is returned for an unknown text.
 enum : int { KVR_UNITS_NONE = 95, KVR_UNITS_UNKNOWN = -1 };
 int kvr_units_str_to_enum(const char* text);
+// The text of a unit number; null for an unknown number.
 const char* kvr_units_enum_to_str(int units);
 // The factor that turns a value in units `from` into units `to`; 0.0 when they do not
 // convert by a factor (other dimension, unknown, or offset scales such as degrees C and F).

@@ -1,0 +1,98 @@
+#include "toolkit/eds.h"
+
+#include <cerrno>
+#include <cstring>
+#include <sys/stat.h>
+
+namespace toolkit {
+
+namespace {
+
+const char* const k_blanks = " \t\r\v\f";
+
+tk_string trim(const tk_string& text, size_t begin, size_t end) {
+    begin = text.find_first_not_of(k_blanks, begin);
+    if (begin == tk_string::npos || begin >= end)
+        return tk_string();
+    const size_t last = text.find_last_not_of(k_blanks, end - 1);
+    return text.substr(begin, last - begin + 1);
+}
+
+} // namespace
+
+int CEds::fail(const tk_string& why) {
+    _error = _path + ":" + std::to_string(_line) + ": " + why;
+    _failed = true;
+    return -1;
+}
+
+int CEds::open(const tk_string& path) {
+    _path = path;
+    _line = 0;
+    _in_node = false;
+    _failed = false;
+    _error.clear();
+    _in.close();
+    _in.clear();
+    struct stat st;
+    if (::stat(path.c_str(), &st) != 0) {
+        _error = path + ": cannot open: " + std::strerror(errno);
+        return -1;
+    }
+    if (!S_ISREG(st.st_mode)) {
+        _error = path + ": cannot open: not a regular file";
+        return -1;
+    }
+    _in.open(path, std::ios::binary);
+    if (!_in) {
+        _error = path + ": cannot open: " + std::strerror(errno);
+        return -1;
+    }
+    return 0;
+}
+
+int CEds::next_node(node_map_t& node) {
+    node.clear();
+    if (_failed)
+        return -1;
+    if (!_in.is_open()) {
+        _error = "no EDS file is open";
+        return -1;
+    }
+    tk_string line;
+    while (std::getline(_in, line)) {
+        ++_line;
+        if (_line == 1 && line.compare(0, 3, "\xEF\xBB\xBF") == 0)
+            line.erase(0, 3);
+        const tk_string text = trim(line, 0, line.size());
+        if (text.empty() || text[0] == '#' || text[0] == ';')
+            continue;
+        if (text[0] == '[') {
+            if (text.back() != ']')
+                return fail("malformed section line (no closing ']'): " + text);
+            if (_in_node)
+                return 0; // the next call reads this section's keys
+            _in_node = true;
+            continue;
+        }
+        const size_t eq = text.find('=');
+        if (eq == tk_string::npos)
+            return fail("malformed line (expected \"key = value\"): " + text);
+        if (!_in_node)
+            return fail("key before the first section: " + text);
+        const tk_string key = trim(text, 0, eq);
+        if (key.empty())
+            return fail("malformed line (empty key): " + text);
+        if (node.find(key) == node.end())
+            node.emplace(key, trim(text, eq + 1, text.size()));
+    }
+    if (_in.bad())
+        return fail(tk_string("read error: ") + std::strerror(errno));
+    if (_in_node) {
+        _in_node = false;
+        return 0;
+    }
+    return 1;
+}
+
+} // namespace toolkit

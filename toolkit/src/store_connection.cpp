@@ -1,0 +1,638 @@
+#include "store_connection.h"
+
+#include "store_file.h"
+
+#include <algorithm>
+#include <cmath>
+#include <limits>
+#include <unistd.h>
+#include <unordered_set>
+
+namespace toolkit {
+
+namespace {
+
+const char k_children[] = "/Children";
+const size_t k_children_len = sizeof k_children - 1;
+
+// A time stored as microseconds must fit in 64 bits.
+const int64_t k_max_time_sec = std::numeric_limits<int64_t>::max() / 1000000 - 1;
+
+timeval now() {
+    timeval t;
+    gettimeofday(&t, nullptr);
+    return t;
+}
+
+time_t clamp_time(int64_t sec) {
+    if (sec > std::numeric_limits<time_t>::max())
+        return std::numeric_limits<time_t>::max();
+    if (sec < std::numeric_limits<time_t>::min())
+        return std::numeric_limits<time_t>::min();
+    return static_cast<time_t>(sec);
+}
+
+timeval make_timeval(int64_t sec, int64_t usec) {
+    timeval t;
+    t.tv_sec = clamp_time(sec);
+    t.tv_usec = static_cast<suseconds_t>(usec);
+    return t;
+}
+
+bool is_children_path(const tk_string& path) {
+    return path.size() >= k_children_len &&
+           path.compare(path.size() - k_children_len, k_children_len, k_children) == 0;
+}
+
+// Paths below node sort in [node + "/", node + "0"): '0' follows '/'.
+tk_string lower_bound_of(const tk_string& node) {
+    return node == "/" ? node : node + "/";
+}
+
+tk_string upper_bound_of(const tk_string& node) {
+    return node == "/" ? tk_string("0") : node + "0";
+}
+
+void bind_value(CSqliteStatement& s, int index, const CElement& v) {
+    switch (v.type()) {
+    case CElement::TYPE_BOOL:
+        s.bind(index, static_cast<int64_t>(v.to_bool() ? 1 : 0));
+        break;
+    case CElement::TYPE_INT:
+        s.bind(index, v.to_int());
+        break;
+    case CElement::TYPE_UINT:
+        s.bind(index, static_cast<int64_t>(v.to_uint()));
+        break;
+    case CElement::TYPE_FLOAT:
+        if (std::isnan(v.to_float()))
+            s.bind(index, tk_string("nan"));
+        else
+            s.bind(index, v.to_float());
+        break;
+    case CElement::TYPE_STRING:
+        s.bind(index, v.str());
+        break;
+    case CElement::TYPE_TIME: {
+        const timeval t = v.to_timeval();
+        const int64_t sec =
+            std::max(-k_max_time_sec, std::min(k_max_time_sec, static_cast<int64_t>(t.tv_sec)));
+        s.bind(index, sec * 1000000 + static_cast<int64_t>(t.tv_usec));
+        break;
+    }
+    case CElement::TYPE_NONE:
+        s.bind_null(index);
+        break;
+    }
+}
+
+// Builds the element of a row (type, value, sec, usec starting at column `col`). A value
+// that does not fit its declared type (a file edited by hand) gives false.
+bool element_from_row(const CSqliteStatement& s, int col, CElement& out) {
+    const int64_t type = s.column_int(col);
+    const int kind = s.column_type(col + 1);
+    const timeval stamp = make_timeval(s.column_int(col + 2), s.column_int(col + 3));
+    if (kind == SQLITE_NULL)
+        return false;
+    switch (type) {
+    case CElement::TYPE_BOOL:
+        if (kind != SQLITE_INTEGER)
+            return false;
+        out = CElement::from_bool(s.column_int(col + 1) != 0, stamp);
+        return true;
+    case CElement::TYPE_INT:
+        if (kind != SQLITE_INTEGER)
+            return false;
+        out = CElement::from_int(s.column_int(col + 1), stamp);
+        return true;
+    case CElement::TYPE_UINT:
+        if (kind != SQLITE_INTEGER)
+            return false;
+        out = CElement::from_uint(static_cast<uint64_t>(s.column_int(col + 1)), stamp);
+        return true;
+    case CElement::TYPE_FLOAT:
+        if (kind == SQLITE_TEXT) {
+            if (s.column_text(col + 1) != "nan")
+                return false;
+            out = CElement::from_float(std::numeric_limits<double>::quiet_NaN(), stamp);
+        } else {
+            out = CElement::from_float(s.column_double(col + 1), stamp);
+        }
+        return true;
+    case CElement::TYPE_STRING:
+        out = CElement::from_string(s.column_text(col + 1), stamp);
+        return true;
+    case CElement::TYPE_TIME: {
+        if (kind != SQLITE_INTEGER)
+            return false;
+        const int64_t us = s.column_int(col + 1);
+        int64_t sec = us / 1000000, usec = us % 1000000;
+        if (usec < 0) {
+            usec += 1000000;
+            --sec;
+        }
+        out = CElement::from_time(make_timeval(sec, usec), stamp);
+        return true;
+    }
+    default:
+        return false;
+    }
+}
+
+// Why a path cannot name a leaf, or empty when it can.
+tk_string bad_leaf_path(const tk_string& path) {
+    if (path == "/")
+        return "the root cannot be a leaf";
+    if (path.find('\0') != tk_string::npos)
+        return "path holds a NUL character";
+    size_t start = 1;
+    while (start <= path.size()) {
+        size_t end = path.find('/', start);
+        if (end == tk_string::npos)
+            end = path.size();
+        if (path.compare(start, end - start, "Children") == 0)
+            return "\"Children\" is answered by the store and cannot be a name";
+        start = end + 1;
+    }
+    return tk_string();
+}
+
+} // namespace
+
+const tk_string& CStoreConnection::normal_path(const tk_string& path, tk_string& scratch) {
+    if (!path.empty() && path[0] == '/' && (path.size() == 1 || path.back() != '/') &&
+        path.find("//") == tk_string::npos)
+        return path;
+    scratch.assign(1, '/');
+    for (char c : path)
+        if (c != '/' || scratch.back() != '/')
+            scratch.push_back(c);
+    if (scratch.size() > 1 && scratch.back() == '/')
+        scratch.pop_back();
+    return scratch;
+}
+
+bool CStoreConnection::open(const tk_string& path, tk_string& error) {
+    if (!open_store_file(_db, path, error))
+        return false;
+    try {
+        sqlite3* db = _db.get();
+        _data_version.prepare(db, "PRAGMA data_version");
+        _select_leaf.prepare(db,
+                             "SELECT type, value, sec, usec, property FROM leaves WHERE path = ?1");
+        _select_type.prepare(db, "SELECT type FROM leaves WHERE path = ?1");
+        _update_leaf.prepare(db, "UPDATE leaves SET value = ?2, sec = ?3, usec = ?4, "
+                                 "writer = ?5 WHERE path = ?1");
+        _next_after.prepare(
+            db, "SELECT path FROM leaves WHERE path > ?1 AND path < ?2 ORDER BY path LIMIT 1");
+        _next_from.prepare(
+            db, "SELECT path FROM leaves WHERE path >= ?1 AND path < ?2 ORDER BY path LIMIT 1");
+        _insert_leaf.prepare(db, "INSERT OR REPLACE INTO leaves"
+                                 "(path, type, value, sec, usec, property, writer) "
+                                 "VALUES(?1, ?2, ?3, ?4, ?5, ?6, ?7)");
+        _watchdog_set.prepare(db, "INSERT OR REPLACE INTO watchdog"
+                                  "(ident, pid, timeout_ms, enabled, ping_sec, ping_usec) "
+                                  "VALUES(?1, ?2, ?3, ?4, ?5, ?6)");
+        _watchdog_ping.prepare(
+            db, "UPDATE watchdog SET ping_sec = ?2, ping_usec = ?3 WHERE ident = ?1");
+    } catch (const CSqliteError& e) {
+        error = "cannot use data store '" + path + "': " + e.what();
+        _db.close();
+        return false;
+    }
+    return true;
+}
+
+int CStoreConnection::fail(const CSqliteError& e) {
+    _error = e.what();
+    return e.code() != 0 ? e.code() : -1;
+}
+
+int64_t CStoreConnection::data_version() {
+    CStatementScope scope(_data_version);
+    _data_version.step();
+    return _data_version.column_int(0);
+}
+
+void CStoreConnection::read_entry(const tk_string& path, cache_entry_t& entry) {
+    if (is_children_path(path))
+        read_children(path.size() == k_children_len ? tk_string("/")
+                                                    : path.substr(0, path.size() - k_children_len),
+                      entry);
+    else
+        read_leaf(path, entry);
+}
+
+void CStoreConnection::read_leaf(const tk_string& path, cache_entry_t& entry) {
+    CStatementScope scope(_select_leaf);
+    _select_leaf.bind(1, path);
+    entry.value = CElement();
+    entry.source = 0;
+    if (!_select_leaf.step()) {
+        entry.status = API_STATUS_NOT_FOUND;
+        return;
+    }
+    entry.source = static_cast<element_property_t>(_select_leaf.column_int(4));
+    entry.status =
+        element_from_row(_select_leaf, 0, entry.value) ? API_STATUS_OK : API_STATUS_FAILURE;
+}
+
+void CStoreConnection::child_names(const tk_string& node,
+                                   std::vector<std::pair<tk_string, bool>>& names) {
+    // Skips over each child's subtree, so the cost grows with the number of children
+    // rather than with the size of the subtree.
+    names.clear();
+    const tk_string prefix = lower_bound_of(node);
+    const tk_string upper = upper_bound_of(node);
+    tk_string bound = prefix;
+    bool inclusive = false;
+    for (;;) {
+        CSqliteStatement& stmt = inclusive ? _next_from : _next_after;
+        CStatementScope scope(stmt);
+        stmt.bind(1, bound);
+        stmt.bind(2, upper);
+        if (!stmt.step())
+            break;
+        const tk_string path = stmt.column_text(0);
+        const size_t slash = path.find('/', prefix.size());
+        if (slash == tk_string::npos) {
+            names.emplace_back(path.substr(prefix.size()), false);
+            bound = path;
+            inclusive = false;
+        } else {
+            names.emplace_back(path.substr(prefix.size(), slash - prefix.size()), true);
+            bound = path.substr(0, slash) + "0";
+            inclusive = true;
+        }
+    }
+    std::sort(names.begin(), names.end());
+    // A hand-edited file may hold a leaf that also has children: list the name once.
+    auto same = [](const std::pair<tk_string, bool>& a, const std::pair<tk_string, bool>& b) {
+        return a.first == b.first;
+    };
+    names.erase(std::unique(names.begin(), names.end(), same), names.end());
+}
+
+void CStoreConnection::read_children(const tk_string& node, cache_entry_t& entry) {
+    std::vector<std::pair<tk_string, bool>> names;
+    child_names(node, names);
+    entry.source = 0;
+    if (names.empty()) {
+        entry.status = API_STATUS_NOT_FOUND;
+        entry.value = CElement();
+        return;
+    }
+    tk_string joined;
+    for (const auto& n : names) {
+        if (!joined.empty())
+            joined += ';';
+        joined += n.first;
+    }
+    entry.status = API_STATUS_OK;
+    entry.value = CElement::from_string(joined);
+}
+
+int CStoreConnection::get(const std::vector<tk_string>& paths, std::vector<api_status_t>& statuses,
+                          std::vector<CElement>& values, std::vector<element_property_t>& sources) {
+    const size_t n = paths.size();
+    statuses.assign(n, API_STATUS_NONE);
+    values.resize(n);
+    sources.assign(n, 0);
+    try {
+        // One autocommit statement: when nothing has changed since the cached entries
+        // were read, they are the committed state right now.
+        const int64_t version = data_version();
+        if (version != _cache_version) {
+            _cache.clear();
+            _cache_version = version;
+        }
+        _misses.clear();
+        for (size_t i = 0; i < n; ++i) {
+            auto it = _cache.find(normal_path(paths[i], _scratch));
+            if (it == _cache.end()) {
+                _misses.push_back(i);
+                continue;
+            }
+            statuses[i] = it->second.status;
+            values[i] = it->second.value;
+            sources[i] = it->second.source;
+        }
+        if (_misses.empty())
+            return 0;
+
+        CSqliteTransaction txn(_db, false);
+        const int64_t now_version = data_version();
+        if (now_version != _cache_version) {
+            // Someone committed in between: the hits above are stale, read them all.
+            _cache.clear();
+            _cache_version = now_version;
+            _misses.resize(n);
+            for (size_t i = 0; i < n; ++i)
+                _misses[i] = i;
+        }
+        if (_cache.size() + _misses.size() > k_cache_limit)
+            _cache.clear();
+        for (size_t i : _misses) {
+            const tk_string& path = normal_path(paths[i], _scratch);
+            cache_entry_t& entry = _cache[path];
+            read_entry(path, entry);
+            statuses[i] = entry.status;
+            values[i] = entry.value;
+            sources[i] = entry.source;
+        }
+        txn.commit();
+        return 0;
+    } catch (const CSqliteError& e) {
+        _cache.clear();
+        _cache_version = -1;
+        statuses.assign(n, API_STATUS_FAILURE);
+        return fail(e);
+    }
+}
+
+int CStoreConnection::set(const std::vector<tk_string>& paths, const std::vector<CElement>& values,
+                          std::vector<api_status_t>& statuses, const tk_string& writer) {
+    const size_t n = paths.size();
+    if (_read_only) {
+        statuses.assign(n, API_STATUS_READ_ONLY);
+        return 0;
+    }
+    statuses.assign(n, API_STATUS_FAILURE);
+    if (values.size() != n) {
+        _error = "set_leaves: " + std::to_string(n) + " paths but " +
+                 std::to_string(values.size()) + " values";
+        return -1;
+    }
+    try {
+        const timeval stamp_now = now();
+        std::vector<api_status_t> result(n, API_STATUS_FAILURE);
+        CSqliteTransaction txn(_db, true);
+        for (size_t i = 0; i < n; ++i) {
+            const tk_string& path = normal_path(paths[i], _scratch);
+            if (is_children_path(path)) {
+                result[i] = API_STATUS_NOT_FOUND;
+                continue;
+            }
+            int64_t type;
+            {
+                CStatementScope scope(_select_type);
+                _select_type.bind(1, path);
+                if (!_select_type.step()) {
+                    result[i] = API_STATUS_NOT_FOUND;
+                    continue;
+                }
+                type = _select_type.column_int(0);
+            }
+            CElement value;
+            if (type < CElement::TYPE_BOOL || type > CElement::TYPE_TIME ||
+                !CElement::convert(values[i], static_cast<CElement::type_t>(type), value)) {
+                result[i] = API_STATUS_BAD_VALUE;
+                continue;
+            }
+            const timeval& stamp =
+                CElement::is_invalid_time(values[i].time()) ? stamp_now : values[i].time();
+            CStatementScope scope(_update_leaf);
+            _update_leaf.bind(1, path);
+            bind_value(_update_leaf, 2, value);
+            _update_leaf.bind(3, static_cast<int64_t>(stamp.tv_sec));
+            _update_leaf.bind(4, static_cast<int64_t>(stamp.tv_usec));
+            _update_leaf.bind(5, writer);
+            _update_leaf.step();
+            result[i] = API_STATUS_OK;
+        }
+        txn.commit();
+        for (size_t i = 0; i < n; ++i)
+            if (result[i] == API_STATUS_OK)
+                _cache.erase(normal_path(paths[i], _scratch));
+        statuses.swap(result);
+        return 0;
+    } catch (const CSqliteError& e) {
+        return fail(e);
+    }
+}
+
+int CStoreConnection::watchdog_register(api_status_t& status, const tk_string& ident,
+                                        unsigned int timeout, bool enable) {
+    status = API_STATUS_FAILURE;
+    try {
+        const timeval t = now();
+        CStatementScope scope(_watchdog_set);
+        _watchdog_set.bind(1, ident);
+        _watchdog_set.bind(2, static_cast<int64_t>(getpid()));
+        _watchdog_set.bind(3, static_cast<int64_t>(timeout));
+        _watchdog_set.bind(4, static_cast<int64_t>(enable ? 1 : 0));
+        _watchdog_set.bind(5, static_cast<int64_t>(t.tv_sec));
+        _watchdog_set.bind(6, static_cast<int64_t>(t.tv_usec));
+        _watchdog_set.step();
+        _watchdog_ident = ident;
+        status = API_STATUS_OK;
+        return 0;
+    } catch (const CSqliteError& e) {
+        return fail(e);
+    }
+}
+
+int CStoreConnection::watchdog_ping(api_status_t& status) {
+    if (_watchdog_ident.empty()) {
+        status = API_STATUS_NOT_FOUND;
+        _error = "watchdog_ping: not registered";
+        return 0;
+    }
+    status = API_STATUS_FAILURE;
+    try {
+        const timeval t = now();
+        CStatementScope scope(_watchdog_ping);
+        _watchdog_ping.bind(1, _watchdog_ident);
+        _watchdog_ping.bind(2, static_cast<int64_t>(t.tv_sec));
+        _watchdog_ping.bind(3, static_cast<int64_t>(t.tv_usec));
+        _watchdog_ping.step();
+        // Someone removed the registration (cdsctl, a new store file): say so.
+        status = sqlite3_changes(_db.get()) > 0 ? API_STATUS_OK : API_STATUS_NOT_FOUND;
+        return 0;
+    } catch (const CSqliteError& e) {
+        return fail(e);
+    }
+}
+
+bool CStoreConnection::leaf_exists(const tk_string& path) {
+    CStatementScope scope(_select_type);
+    _select_type.bind(1, path);
+    return _select_type.step();
+}
+
+bool CStoreConnection::first_below(const tk_string& node, tk_string& found) {
+    CStatementScope scope(_next_after);
+    _next_after.bind(1, lower_bound_of(node));
+    _next_after.bind(2, upper_bound_of(node));
+    if (!_next_after.step())
+        return false;
+    found = _next_after.column_text(0);
+    return true;
+}
+
+int CStoreConnection::define(const std::vector<CLeafInfo>& leaves, bool replace_all) {
+    std::vector<CLeafInfo> checked(leaves.size());
+    for (size_t i = 0; i < leaves.size(); ++i) {
+        CLeafInfo& leaf = checked[i];
+        leaf.path = CCdsStore::normal_path(leaves[i].path);
+        leaf.type = leaves[i].type;
+        leaf.property = leaves[i].property;
+        const tk_string why = bad_leaf_path(leaf.path);
+        if (!why.empty()) {
+            _error = leaf.path + ": " + why;
+            return -1;
+        }
+        if (leaf.type < CElement::TYPE_BOOL || leaf.type > CElement::TYPE_TIME) {
+            _error = leaf.path + ": no type";
+            return -1;
+        }
+        if (!CElement::convert(leaves[i].value, leaf.type, leaf.value)) {
+            _error = leaf.path + ": '" + leaves[i].value.str() + "' is not a valid " +
+                     CElement::type_name(leaf.type);
+            return -1;
+        }
+    }
+    try {
+        CSqliteTransaction txn(_db, true);
+        if (replace_all)
+            _db.exec("DELETE FROM leaves");
+        const timeval stamp_now = now();
+        // Prefixes known not to be leaves; a leaf added later at such a prefix is caught
+        // by its own check for children.
+        std::unordered_set<tk_string> nodes;
+        tk_string below;
+        for (const CLeafInfo& leaf : checked) {
+            for (size_t slash = leaf.path.find('/', 1); slash != tk_string::npos;
+                 slash = leaf.path.find('/', slash + 1)) {
+                const tk_string parent = leaf.path.substr(0, slash);
+                if (nodes.count(parent))
+                    continue;
+                if (leaf_exists(parent)) {
+                    _error = leaf.path + ": " + parent + " is a leaf and cannot have children";
+                    return -1;
+                }
+                nodes.insert(parent);
+            }
+            if (first_below(leaf.path, below)) {
+                _error = leaf.path + ": is a node (it holds " + below + "), not a leaf";
+                return -1;
+            }
+            const timeval& stamp =
+                CElement::is_invalid_time(leaf.value.time()) ? stamp_now : leaf.value.time();
+            CStatementScope scope(_insert_leaf);
+            _insert_leaf.bind(1, leaf.path);
+            _insert_leaf.bind(2, static_cast<int64_t>(leaf.type));
+            bind_value(_insert_leaf, 3, leaf.value);
+            _insert_leaf.bind(4, static_cast<int64_t>(stamp.tv_sec));
+            _insert_leaf.bind(5, static_cast<int64_t>(stamp.tv_usec));
+            _insert_leaf.bind(6, static_cast<int64_t>(leaf.property));
+            _insert_leaf.bind(7, tk_string());
+            _insert_leaf.step();
+        }
+        txn.commit();
+        _cache.clear();
+        return 0;
+    } catch (const CSqliteError& e) {
+        return fail(e);
+    }
+}
+
+int CStoreConnection::remove(const tk_string& path, bool recursive, size_t& removed) {
+    removed = 0;
+    const tk_string node = CCdsStore::normal_path(path);
+    try {
+        CSqliteTransaction txn(_db, true);
+        tk_string below;
+        if (node != "/" && leaf_exists(node)) {
+            CSqliteStatement del;
+            del.prepare(_db.get(), "DELETE FROM leaves WHERE path = ?1");
+            del.bind(1, node);
+            del.step();
+            removed = 1;
+        } else if (first_below(node, below)) {
+            if (!recursive) {
+                _error = node + ": is a node; remove it recursively to delete everything below";
+                return -1;
+            }
+            CSqliteStatement del;
+            del.prepare(_db.get(), "DELETE FROM leaves WHERE path > ?1 AND path < ?2");
+            del.bind(1, lower_bound_of(node));
+            del.bind(2, upper_bound_of(node));
+            del.step();
+            removed = static_cast<size_t>(sqlite3_changes(_db.get()));
+        } else {
+            _error = node + ": no such leaf or node";
+            return -1;
+        }
+        txn.commit();
+        _cache.clear();
+        return 0;
+    } catch (const CSqliteError& e) {
+        return fail(e);
+    }
+}
+
+int CStoreConnection::list(const tk_string& path, std::vector<CLeafInfo>& leaves) {
+    leaves.clear();
+    const tk_string node = CCdsStore::normal_path(path);
+    try {
+        CSqliteTransaction txn(_db, false);
+        CSqliteStatement stmt;
+        stmt.prepare(_db.get(), "SELECT path, type, value, sec, usec, property FROM leaves "
+                                "WHERE path = ?1 OR (path > ?2 AND path < ?3) ORDER BY path");
+        stmt.bind(1, node);
+        stmt.bind(2, lower_bound_of(node));
+        stmt.bind(3, upper_bound_of(node));
+        while (stmt.step()) {
+            CLeafInfo leaf;
+            leaf.path = stmt.column_text(0);
+            if (!element_from_row(stmt, 1, leaf.value)) {
+                _error = leaf.path + ": the stored value does not match the leaf's type";
+                return -1;
+            }
+            leaf.type = leaf.value.type();
+            leaf.property = static_cast<element_property_t>(stmt.column_int(5));
+            leaves.push_back(std::move(leaf));
+        }
+        stmt.reset();
+        txn.commit();
+        return 0;
+    } catch (const CSqliteError& e) {
+        return fail(e);
+    }
+}
+
+int CStoreConnection::children(const tk_string& path,
+                               std::vector<std::pair<tk_string, bool>>& names) {
+    try {
+        CSqliteTransaction txn(_db, false);
+        child_names(CCdsStore::normal_path(path), names);
+        txn.commit();
+        return 0;
+    } catch (const CSqliteError& e) {
+        return fail(e);
+    }
+}
+
+int CStoreConnection::watchdogs(std::vector<CWatchdogInfo>& entries) {
+    entries.clear();
+    try {
+        CSqliteStatement stmt;
+        stmt.prepare(_db.get(), "SELECT ident, pid, timeout_ms, enabled, ping_sec, ping_usec "
+                                "FROM watchdog ORDER BY ident");
+        while (stmt.step()) {
+            CWatchdogInfo w;
+            w.ident = stmt.column_text(0);
+            w.pid = stmt.column_int(1);
+            w.timeout_ms = static_cast<unsigned int>(stmt.column_int(2));
+            w.enabled = stmt.column_int(3) != 0;
+            w.last_ping = make_timeval(stmt.column_int(4), stmt.column_int(5));
+            entries.push_back(std::move(w));
+        }
+        return 0;
+    } catch (const CSqliteError& e) {
+        return fail(e);
+    }
+}
+
+} // namespace toolkit

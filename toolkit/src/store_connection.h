@@ -1,0 +1,83 @@
+#pragma once
+// One connection to a store file: what a kvr_handle_t points to.
+//
+// Reads keep a per-connection cache of leaves. It is valid only as long as SQLite's
+// data_version is unchanged (no other connection has committed since the entries were
+// read); the connection's own writes drop the entries they touch. So a read never
+// returns a value older than the last commit.
+#include "sqlite_db.h"
+#include "toolkit/cds_store.h"
+#include "toolkit/kvr.h"
+
+#include <unordered_map>
+#include <vector>
+
+namespace toolkit {
+
+class CStoreConnection {
+public:
+    bool open(const tk_string& path, tk_string& error);
+    const tk_string& error() const { return _error; }
+
+    int get(const std::vector<tk_string>& paths, std::vector<api_status_t>& statuses,
+            std::vector<CElement>& values, std::vector<element_property_t>& sources);
+    int set(const std::vector<tk_string>& paths, const std::vector<CElement>& values,
+            std::vector<api_status_t>& statuses, const tk_string& writer);
+    void set_read_only() { _read_only = true; }
+    bool read_only() const { return _read_only; }
+    int watchdog_register(api_status_t& status, const tk_string& ident, unsigned int timeout,
+                          bool enable);
+    int watchdog_ping(api_status_t& status);
+
+    int define(const std::vector<CLeafInfo>& leaves, bool replace_all);
+    int remove(const tk_string& path, bool recursive, size_t& removed);
+    int list(const tk_string& path, std::vector<CLeafInfo>& leaves);
+    int children(const tk_string& path, std::vector<std::pair<tk_string, bool>>& names);
+    int watchdogs(std::vector<CWatchdogInfo>& entries);
+
+    // Returns path itself when it is already normal, else the normal form in scratch.
+    static const tk_string& normal_path(const tk_string& path, tk_string& scratch);
+
+private:
+    struct cache_entry_t {
+        api_status_t status = API_STATUS_NONE;
+        CElement value;
+        element_property_t source = 0;
+    };
+    // Bounds the memory a long-running reader spends on the cache.
+    static const size_t k_cache_limit = 32768;
+
+    int fail(const CSqliteError& e);
+    int64_t data_version();
+    void read_entry(const tk_string& path, cache_entry_t& entry);
+    void read_leaf(const tk_string& path, cache_entry_t& entry);
+    void read_children(const tk_string& node, cache_entry_t& entry);
+    void child_names(const tk_string& node, std::vector<std::pair<tk_string, bool>>& names);
+    bool leaf_exists(const tk_string& path);
+    bool first_below(const tk_string& node, tk_string& found);
+
+    CSqliteDb _db;
+    tk_string _error;
+    bool _read_only = false;
+    tk_string _watchdog_ident;
+
+    CSqliteStatement _data_version;
+    CSqliteStatement _select_leaf;
+    CSqliteStatement _select_type;
+    CSqliteStatement _update_leaf;
+    CSqliteStatement _next_after; // first path > ?1 and < ?2
+    CSqliteStatement _next_from;  // first path >= ?1 and < ?2
+    CSqliteStatement _insert_leaf;
+    CSqliteStatement _watchdog_set;
+    CSqliteStatement _watchdog_ping;
+
+    std::unordered_map<tk_string, cache_entry_t> _cache;
+    int64_t _cache_version = -1;
+    std::vector<size_t> _misses;
+    tk_string _scratch;
+};
+
+} // namespace toolkit
+
+// The opaque connection type of the C entry points.
+struct kvr_connection : toolkit::CStoreConnection {};
