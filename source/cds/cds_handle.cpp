@@ -1,0 +1,159 @@
+#include "cds/cds_handle.h"
+
+#include "toolkit/sys_log.h"
+#include "util/generic_err.h"
+#include "util/log.h"
+
+#include <cassert>
+
+namespace {
+
+void build_paths(const std::unordered_set<CCdsLeaf>& leaves, const tk_string& prefix,
+                 std::vector<tk_string>& paths) {
+    paths.reserve(leaves.size());
+    for (const CCdsLeaf& leaf : leaves)
+        paths.push_back(prefix + "/" + leaf._path);
+}
+
+} // namespace
+
+CCdsHandle::CCdsHandle() : _cds(new toolkit::CCds) {
+    LOG_STACK();
+    if (!_cds->is_initialized()) {
+        kvr_handle_t handle = kvr_init(0);
+        if (!handle) {
+            LOG_ERR(SS_CDS_HANDLE, 0, "Can't connect to CDS: %s", kvr_last_error());
+            throw generic_err();
+        }
+        _cds->set_handle(handle);
+    }
+    api_status_t status = 0;
+    toolkit::CElement value;
+    element_property_t source = 0;
+    _cds->get_leaf("/ReadOnlyCDS", status, value, source);
+    if (status == API_STATUS_OK && value.to_bool())
+        _cds->setReadOnly();
+}
+
+void CCdsHandle::check() const {
+    assert(_cds);
+    assert(_cds->is_initialized());
+}
+
+void CCdsHandle::get(std::unordered_set<CCdsLeaf>& leaves, const tk_string& prefix) {
+    check();
+    if (leaves.empty())
+        return;
+    std::vector<tk_string> paths;
+    build_paths(leaves, prefix, paths);
+    std::vector<api_status_t> statuses;
+    std::vector<toolkit::CElement> values;
+    std::vector<element_property_t> sources;
+    if (_cds->get_leaves(paths, statuses, values, sources) != 0)
+        throw generic_err();
+    assert(values.size() == leaves.size());
+    assert(statuses.size() == leaves.size());
+    assert(sources.size() == leaves.size());
+    size_t i = 0;
+    for (const CCdsLeaf& leaf : leaves) {
+        leaf._element = std::move(values[i]);
+        leaf._status = statuses[i];
+        leaf._source = sources[i];
+        ++i;
+    }
+}
+
+void CCdsHandle::set(std::unordered_set<CCdsLeaf>& leaves, const tk_string& prefix) {
+    LOG_STACK();
+    check();
+    if (leaves.empty())
+        return;
+    std::vector<tk_string> paths;
+    build_paths(leaves, prefix, paths);
+    std::vector<toolkit::CElement> values;
+    values.reserve(leaves.size());
+    for (const CCdsLeaf& leaf : leaves)
+        values.emplace_back(leaf._element, toolkit::CElement::_invalid_time);
+    const std::vector<kvr_tribool_t> flags(leaves.size(), 2);
+    std::vector<api_status_t> statuses;
+    if (_cds->set_leaves(paths, values, flags, statuses, tk_string()) != 0) {
+        LOG_ERR(SS_CDS_HANDLE, 1, "Can't set CDS leaves");
+        throw generic_err();
+    }
+    assert(statuses.size() == leaves.size());
+    size_t i = 0;
+    for (const CCdsLeaf& leaf : leaves) {
+        leaf._status = statuses[i++];
+        leaf._source = 0;
+    }
+}
+
+boost::optional<toolkit::CElement> CCdsHandle::get(const tk_string& path) {
+    check();
+    std::unordered_set<CCdsLeaf> leaves;
+    leaves.emplace(path);
+    get(leaves, tk_string());
+    assert(!leaves.empty());
+    const CCdsLeaf& leaf = *leaves.begin();
+    if (leaf._status != API_STATUS_OK)
+        return boost::none;
+    return toolkit::CElement(leaf._element, toolkit::CElement::_invalid_time);
+}
+
+std::unordered_set<tk_string> CCdsHandle::list_nodes(const tk_string& path) {
+    check();
+    std::unordered_set<tk_string> names;
+    const boost::optional<toolkit::CElement> children = get(path + "/Children");
+    if (!children)
+        return names;
+    tk_string text;
+    children->to_string(text);
+    std::vector<tk_string> strvec;
+    toolkit::CElement::split_string(strvec, text, ';');
+    for (size_t i = 0; i < strvec.size(); ++i) {
+        assert(!strvec[i].empty());
+        names.insert(strvec[i]);
+    }
+    return names;
+}
+
+int CCdsHandle::get_val(const tk_string& path, toolkit::CElement& element) {
+    check();
+    api_status_t status = 0;
+    element_property_t source = 0;
+    return _cds->get_leaf(path, status, element, source);
+}
+
+std::vector<toolkit::CElement> CCdsHandle::get_vals(const std::vector<tk_string>& paths) {
+    check();
+    std::vector<api_status_t> statuses;
+    std::vector<toolkit::CElement> values;
+    std::vector<element_property_t> sources;
+    if (_cds->get_leaves(paths, statuses, values, sources) != 0 || values.size() != paths.size() ||
+        values.size() != statuses.size())
+        return std::vector<toolkit::CElement>();
+    return values;
+}
+
+void CCdsHandle::watchdog_register(unsigned int timeout) {
+    LOG_STACK();
+    check();
+    assert(timeout > 0);
+    api_status_t status = 0;
+    const int rc = _cds->watchdog_register(status, toolkit::CSysLog::_ident, timeout, true);
+    if (rc != 0 || status != API_STATUS_OK) {
+        LOG_ERR(SS_CDS_HANDLE, 1, "Can't register for watchdog (%d / %d)", rc, status);
+        throw generic_err();
+    }
+}
+
+void CCdsHandle::watchdog_ping() {
+    LOG_STACK();
+    check();
+    api_status_t status = 0;
+    const int rc = _cds->watchdog_ping(status);
+    if (rc != 0 || status != API_STATUS_OK) {
+        LOG_ERR(SS_CDS_HANDLE, 1, "Can't ping watchdog (%d / %d)", rc, status);
+        throw generic_err();
+    }
+}

@@ -1,0 +1,47 @@
+#pragma once
+// The server's one connection to the data store.
+//
+// Created once (it connects in its constructor and throws generic_err when it cannot) and
+// shared by std::shared_ptr between the settings readers and the CDS thread, which use it
+// one after the other, never at once: it has no lock. Every batch is a single call into the
+// store, so it is read or written in one transaction. Per-leaf failures are left in the
+// leaves' statuses; only a failing store throws. If the leaf "/ReadOnlyCDS" is true when
+// connecting, every write fails for the handle's whole life.
+#include "cds/cds_leaf.h"
+#include "toolkit/cds.h"
+
+#include <boost/optional.hpp>
+
+#include <memory>
+#include <unordered_set>
+#include <vector>
+
+class CCdsHandle {
+public:
+    CCdsHandle();
+    CCdsHandle(const CCdsHandle&) = delete;
+    CCdsHandle& operator=(const CCdsHandle&) = delete;
+
+    // Reads every leaf at prefix + "/" + leaf path. Nothing is normalised: with an empty
+    // prefix a leaf path "/x" is read as "//x" (the store folds it).
+    void get(std::unordered_set<CCdsLeaf>& leaves, const tk_string& prefix);
+    // Writes every leaf (paths as for get); the store stamps the values.
+    void set(std::unordered_set<CCdsLeaf>& leaves, const tk_string& prefix);
+    // One leaf by its full path; empty unless it was read successfully.
+    boost::optional<toolkit::CElement> get(const tk_string& path);
+    // The names of a node's children; empty when the node cannot be read.
+    std::unordered_set<tk_string> list_nodes(const tk_string& path);
+
+    // Direct store calls: get_val returns the store's return code; get_vals the values of
+    // full paths in order, or nothing when the batch failed.
+    int get_val(const tk_string& path, toolkit::CElement& element);
+    std::vector<toolkit::CElement> get_vals(const std::vector<tk_string>& paths);
+
+    // timeout in milliseconds, greater than 0.
+    void watchdog_register(unsigned int timeout);
+    void watchdog_ping();
+
+private:
+    void check() const;
+    std::unique_ptr<toolkit::CCds> _cds;
+};
