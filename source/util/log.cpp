@@ -4,9 +4,18 @@ int32_t _svr_verb_array[SS_COUNT] = {};
 boost::thread_specific_ptr<toolkit::CSysLog> _thr_local_syslog;
 uint32_t CLogStack::_max_verbosity = 0;
 
+namespace {
+// Set once at start-up, before worker threads exist.
+bool g_use_syslog = true;
+} // namespace
+
+toolkit::CSysLog* make_thread_log(const char* name) {
+    return new toolkit::CSysLog(name, 0, false, true, g_use_syslog);
+}
+
 toolkit::CSysLog& thread_log() {
     if (!_thr_local_syslog.get())
-        _thr_local_syslog.reset(new toolkit::CSysLog(nullptr, 0, false, true, true));
+        _thr_local_syslog.reset(make_thread_log(nullptr));
     return *_thr_local_syslog;
 }
 
@@ -22,6 +31,7 @@ int32_t setup_verbosity(int32_t overall, const subsystem_levels_t& levels,
     const int32_t fallback = main_level ? *main_level : overall;
     for (unsigned i = 0; i < SS_COUNT; ++i)
         _svr_verb_array[i] = levels[i] ? *levels[i] : fallback;
+    g_use_syslog = use_syslog;
     log.update_options(false, true, use_syslog, nullptr);
     log._verbosity = fallback;
     return fallback;

@@ -41,6 +41,8 @@ extern int32_t _svr_verb_array[SS_COUNT];
 extern boost::thread_specific_ptr<toolkit::CSysLog> _thr_local_syslog;
 
 toolkit::CSysLog& thread_log();
+// A new logger for a thread named `name`, sending to syslog unless start-up switched it off.
+toolkit::CSysLog* make_thread_log(const char* name);
 // Installs log as the calling thread's logger (deleting a different previous one).
 void install_thread_log(toolkit::CSysLog* log);
 

@@ -1,4 +1,4 @@
-#include "stderr_capture.h"
+#include "support/stderr_capture.h"
 #include "util/option_helpers.h"
 
 #include <boost/test/unit_test.hpp>

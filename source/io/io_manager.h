@@ -1,0 +1,35 @@
+#pragma once
+// The main thread's event loop. It owns the live actors; quit() closes them all and stops
+// the loop. Other threads reach the loop only by posting to its io_service.
+#include <boost/asio/io_context.hpp>
+
+#include <memory>
+#include <unordered_set>
+
+class CIoActor;
+class CServerCore;
+
+class CIoManager {
+public:
+    explicit CIoManager(CServerCore& core);
+    ~CIoManager();
+    CIoManager(const CIoManager&) = delete;
+    CIoManager& operator=(const CIoManager&) = delete;
+
+    // Runs the loop until quit() or until no work is left.
+    void run();
+    void add(const std::shared_ptr<CIoActor>& actor);
+    // Closes the actor and drops it. An actor whose close fails is dropped all the same.
+    void close(const std::shared_ptr<CIoActor>& actor);
+    void quit();
+
+    boost::asio::io_context& service() { return _service; }
+    CServerCore& server_core() const { return _core; }
+    size_t actor_count() const { return _actors.size(); }
+    bool contains(const std::shared_ptr<CIoActor>& actor) const { return _actors.count(actor) > 0; }
+
+private:
+    CServerCore& _core;
+    boost::asio::io_context _service;
+    std::unordered_set<std::shared_ptr<CIoActor>> _actors;
+};

@@ -1,0 +1,35 @@
+#pragma once
+// What a transport (messenger) needs of the code that interprets its bytes. Every
+// connection owns one handler, cloned from the prototype its listener or the server core
+// was given.
+#include <memory>
+
+class CIoMessenger;
+class CServerCore;
+
+class CProtocolHandler {
+public:
+    explicit CProtocolHandler(CIoMessenger* messenger) : _messenger(messenger) {}
+    CProtocolHandler(const CProtocolHandler&) = delete;
+    CProtocolHandler& operator=(const CProtocolHandler&) = delete;
+    virtual ~CProtocolHandler() = default;
+
+    // Called after every read; true when the handler acted on the receive buffer (it will
+    // answer, and nothing more is read until then).
+    virtual bool parse() = 0;
+    // Whether an address byte (a serial slave address) belongs to this handler.
+    virtual bool validate(unsigned char) { return true; }
+    // The response time-out, in milliseconds.
+    virtual void set_timeout(unsigned int) {}
+    // Makes the transport's frame object ahead of the first byte, where that matters.
+    virtual void create_adu() {}
+    virtual bool parse_request() = 0;
+    // A new handler of the same kind bound to messenger (null for a prototype).
+    virtual std::shared_ptr<CProtocolHandler> clone(CIoMessenger* messenger) const = 0;
+
+    CServerCore& get_server_core() const;
+    CIoMessenger* messenger() const { return _messenger; }
+
+protected:
+    CIoMessenger* _messenger;
+};

@@ -1,0 +1,64 @@
+#include "threads/queue/thread_queue.h"
+
+#include "io/io_manager.h"
+#include "threads/thread_io_actor.h"
+
+void CThreadBaseQueue::insert(cmd_ptr_t cmd, bool urgent) {
+    if (urgent)
+        _list.push_front(std::move(cmd));
+    else
+        _list.push_back(std::move(cmd));
+    _cond.notify_one();
+}
+
+void CThreadBaseQueue::add(cmd_ptr_t cmd, bool urgent) {
+    std::lock_guard<std::mutex> lock(_mutex);
+    insert(std::move(cmd), urgent);
+}
+
+cmdlist_t CThreadBaseQueue::remove(bool wait) {
+    std::unique_lock<std::mutex> lock(_mutex);
+    if (wait)
+        _cond.wait(lock, [this] { return !_list.empty(); });
+    cmdlist_t taken;
+    taken.swap(_list);
+    return taken;
+}
+
+CThreadResponseQueue::~CThreadResponseQueue() {
+    if (auto actor = _last_actor.lock())
+        actor->forget_queue();
+}
+
+void CThreadResponseQueue::add(cmd_ptr_t cmd, bool urgent) {
+    std::lock_guard<std::mutex> lock(_mutex);
+    insert(std::move(cmd), urgent);
+    if (_actor)
+        _actor->post();
+}
+
+void CThreadResponseQueue::create_actor(CIoManager& manager) {
+    auto actor = CThreadIoActor::create(manager, *this);
+    {
+        std::lock_guard<std::mutex> lock(_mutex);
+        _actor = actor;
+        _last_actor = actor;
+    }
+    manager.add(actor);
+}
+
+void CThreadResponseQueue::exit() {
+    std::shared_ptr<CThreadIoActor> actor;
+    {
+        std::lock_guard<std::mutex> lock(_mutex);
+        actor.swap(_actor);
+    }
+    if (actor)
+        actor->close();
+}
+
+void CThreadResponseQueue::detach(const CThreadIoActor* actor) {
+    std::lock_guard<std::mutex> lock(_mutex);
+    if (_actor.get() == actor)
+        _actor.reset();
+}

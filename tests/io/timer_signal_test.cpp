@@ -1,0 +1,93 @@
+#include "io/io_sighandler.h"
+#include "io/io_timer.h"
+#include "io/timed_object.h"
+#include "support/loop_fixture.h"
+#include "support/stderr_capture.h"
+
+#include <boost/test/unit_test.hpp>
+
+#include <csignal>
+
+namespace {
+
+class CIdleActor : public CIoActor {
+public:
+    using CIoActor::CIoActor;
+};
+
+struct CCounter : CTimedObject {
+    void timeout(const CIoTimer&) override { ++count; }
+    int count = 0;
+};
+
+// Raises sig while the loop runs; true when the loop ended by itself (not by the guard).
+bool loop_ended_by(int sig, std::string& log) {
+    CLoopFixture f;
+    f.manager.add(CIoSighandler::create(f.manager));
+    const int32_t saved = _svr_verb_array[SS_IO_SYSTEM];
+    _svr_verb_array[SS_IO_SYSTEM] = 1;
+    CStderrCapture capture;
+    std::atomic<bool> running{true};
+    std::thread side([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        ::kill(::getpid(), sig);
+        // The loop gets a second to end; otherwise it is ended for the test.
+        for (int i = 0; i < 100 && running; ++i)
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        boost::asio::post(f.manager.service(), [&] { f.manager.quit(); });
+    });
+    const auto start = std::chrono::steady_clock::now();
+    f.manager.run();
+    running = false;
+    const auto took = std::chrono::steady_clock::now() - start;
+    side.join();
+    _svr_verb_array[SS_IO_SYSTEM] = saved;
+    log = capture.text();
+    return took < std::chrono::milliseconds(900);
+}
+
+} // namespace
+
+BOOST_AUTO_TEST_SUITE(io)
+BOOST_AUTO_TEST_SUITE(timers_and_signals)
+
+BOOST_AUTO_TEST_CASE(timer_fires_once_per_reset) {
+    CLoopFixture f;
+    auto actor = std::make_shared<CIdleActor>(f.manager);
+    CCounter fired, detached, cancelled;
+    auto t1 = CIoTimer::create(*actor, 20000);
+    auto t2 = CIoTimer::create(*actor, 20000);
+    auto t3 = CIoTimer::create(*actor, 20000);
+    t1->assign(&fired);
+    t2->assign(&detached);
+    t3->assign(&cancelled);
+    t1->reset();
+    t1->reset(30000); // re-arming replaces the pending expiry
+    t2->reset();
+    t2->assign(nullptr);
+    t3->reset();
+    t3->cancel();
+    f.run_with([] { std::this_thread::sleep_for(std::chrono::milliseconds(150)); });
+    BOOST_TEST(fired.count == 1);
+    BOOST_TEST(detached.count == 0);
+    BOOST_TEST(cancelled.count == 0);
+}
+
+BOOST_AUTO_TEST_CASE(terminating_signals) {
+    for (int sig : {SIGTERM, SIGINT, SIGHUP, SIGQUIT}) {
+        std::string log;
+        BOOST_TEST(loop_ended_by(sig, log), "signal " << sig);
+        BOOST_TEST(log.find("Caught signal " + std::to_string(sig) + ", exiting") !=
+                       std::string::npos,
+                   log);
+    }
+}
+
+BOOST_AUTO_TEST_CASE(sigpipe_is_ignored) {
+    std::string log;
+    BOOST_TEST(!loop_ended_by(SIGPIPE, log));
+    BOOST_TEST(log.find("Caught SIGPIPE; ignoring") != std::string::npos, log);
+}
+
+BOOST_AUTO_TEST_SUITE_END()
+BOOST_AUTO_TEST_SUITE_END()
