@@ -1,6 +1,7 @@
 #include "store_file.h"
 
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -47,8 +48,24 @@ CREATE TABLE events(
 CREATE INDEX events_by_time ON events(sec, usec, seq);
 )";
 
+// Short, jittered sleeps until the time-out: SQLite's own handler sleeps longer and longer,
+// so a writer facing a busy peer rarely hits the gap between the peer's transactions.
+int busy_wait(void*, int count) {
+    typedef std::chrono::steady_clock clock_t;
+    thread_local clock_t::time_point start;
+    thread_local uint32_t jitter = static_cast<uint32_t>(::getpid());
+    const clock_t::time_point now = clock_t::now();
+    if (count == 0)
+        start = now;
+    else if (now - start >= std::chrono::milliseconds(k_busy_timeout_ms))
+        return 0;
+    jitter = jitter * 1103515245u + 12345u;
+    ::usleep(200 + (jitter >> 16) % 800);
+    return 1;
+}
+
 void configure(CSqliteDb& db) {
-    sqlite3_busy_timeout(db.get(), k_busy_timeout_ms);
+    sqlite3_busy_handler(db.get(), &busy_wait, nullptr);
     // In WAL mode NORMAL keeps every commit atomic across crashes of the process; only a
     // power cut may lose the last commits.
     db.exec("PRAGMA synchronous=NORMAL");

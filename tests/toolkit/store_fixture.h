@@ -1,0 +1,147 @@
+#pragma once
+// Helpers for tests against real store files: a temporary folder that is removed with
+// everything in it, a store inside it, CDS_STORE pointed at it, and running cdsctl.
+#include "toolkit/cds_store.h"
+
+#include <boost/test/unit_test.hpp>
+
+#include <cstdlib>
+#include <fcntl.h>
+#include <fstream>
+#include <iterator>
+#include <memory>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <vector>
+
+#include <ftw.h>
+
+class CTempDir {
+public:
+    CTempDir() {
+        char name[] = "/tmp/mb_test_XXXXXX";
+        BOOST_REQUIRE(::mkdtemp(name));
+        _path = name;
+    }
+    ~CTempDir() {
+        auto remove = [](const char* p, const struct stat*, int, struct FTW*) {
+            return ::remove(p);
+        };
+        ::nftw(_path.c_str(), remove, 16, FTW_DEPTH | FTW_PHYS);
+    }
+    CTempDir(const CTempDir&) = delete;
+    CTempDir& operator=(const CTempDir&) = delete;
+
+    const tk_string& path() const { return _path; }
+    tk_string file(const tk_string& name) const { return _path + "/" + name; }
+
+private:
+    tk_string _path;
+};
+
+// Sets an environment variable for a scope.
+class CScopedEnv {
+public:
+    CScopedEnv(const char* name, const tk_string& value) : _name(name) {
+        if (const char* old = std::getenv(name))
+            _old.reset(new tk_string(old));
+        ::setenv(name, value.c_str(), 1);
+    }
+    ~CScopedEnv() {
+        if (_old)
+            ::setenv(_name, _old->c_str(), 1);
+        else
+            ::unsetenv(_name);
+    }
+    CScopedEnv(const CScopedEnv&) = delete;
+    CScopedEnv& operator=(const CScopedEnv&) = delete;
+
+private:
+    const char* _name;
+    std::unique_ptr<tk_string> _old;
+};
+
+// A new store "store.db" in a temporary folder, with CDS_STORE pointing at it.
+class CTestStore {
+public:
+    CTestStore() : _path(_dir.file("store.db")), _env("CDS_STORE", _path) {
+        tk_string error;
+        BOOST_REQUIRE_MESSAGE(toolkit::CCdsStore::create(_path, error) == 0, error);
+        BOOST_REQUIRE_MESSAGE(_store.open(_path) == 0, _store.error());
+    }
+
+    const tk_string& path() const { return _path; }
+    const CTempDir& dir() const { return _dir; }
+    toolkit::CCdsStore& store() { return _store; }
+
+    void define(const std::vector<toolkit::CLeafInfo>& leaves) {
+        BOOST_REQUIRE_MESSAGE(_store.define(leaves) == 0, _store.error());
+    }
+    void define(const tk_string& path, toolkit::CElement::type_t type,
+                const toolkit::CElement& value) {
+        define({{path, type, value, 0}});
+    }
+    // The stored value, read through a fresh connection.
+    toolkit::CElement value(const tk_string& path) {
+        std::vector<toolkit::CLeafInfo> leaves;
+        BOOST_REQUIRE_EQUAL(_store.list(path, leaves), 0);
+        BOOST_REQUIRE_EQUAL(leaves.size(), 1u);
+        return leaves[0].value;
+    }
+
+private:
+    CTempDir _dir;
+    tk_string _path;
+    CScopedEnv _env;
+    toolkit::CCdsStore _store;
+};
+
+struct CRunResult {
+    int status = -1; // exit status, or -1 when killed by a signal
+    tk_string out;
+    tk_string err;
+};
+
+inline tk_string read_text(const tk_string& path) {
+    std::ifstream in(path, std::ios::binary);
+    return tk_string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+inline void write_text(const tk_string& path, const tk_string& text) {
+    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    out << text;
+    BOOST_REQUIRE(out.good());
+}
+
+// Runs the built cdsctl with args, its output caught in files of dir.
+inline CRunResult run_cdsctl(const CTempDir& dir, const std::vector<tk_string>& args) {
+    const tk_string exe = MB_BINARY_DIR "/cdsctl";
+    const tk_string out = dir.file("cdsctl.out"), err = dir.file("cdsctl.err");
+    std::vector<char*> argv;
+    argv.push_back(const_cast<char*>(exe.c_str()));
+    for (const tk_string& a : args)
+        argv.push_back(const_cast<char*>(a.c_str()));
+    argv.push_back(nullptr);
+    const pid_t pid = ::fork();
+    BOOST_REQUIRE(pid >= 0);
+    if (pid == 0) {
+        const int fo = ::open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        const int fe = ::open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        ::dup2(fo, 1);
+        ::dup2(fe, 2);
+        ::execv(exe.c_str(), argv.data());
+        ::_exit(127);
+    }
+    int status = 0;
+    BOOST_REQUIRE_EQUAL(::waitpid(pid, &status, 0), pid);
+    CRunResult r;
+    r.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    r.out = read_text(out);
+    r.err = read_text(err);
+    return r;
+}
+
+inline bool has_text(const tk_string& text, const tk_string& part) {
+    return text.find(part) != tk_string::npos;
+}
