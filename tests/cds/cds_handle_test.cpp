@@ -1,0 +1,181 @@
+#include "cds/cds_handle.h"
+#include "toolkit/store_fixture.h"
+#include "toolkit/sys_log.h"
+#include "util/generic_err.h"
+
+#include <boost/test/unit_test.hpp>
+
+#include <sqlite3.h>
+
+#include <chrono>
+
+using toolkit::CElement;
+
+namespace {
+
+struct CHandleFixture {
+    CTestStore store;
+    CHandleFixture() {
+        store.define({
+            {"/Dev/Port", CElement::TYPE_UINT, CElement::from_uint(502), 3},
+            {"/Dev/Name", CElement::TYPE_STRING, CElement::from_string("unit"), 0},
+            {"/Dev/Units/a", CElement::TYPE_INT, CElement::from_int(1), 0},
+            {"/Dev/Units/b/x", CElement::TYPE_INT, CElement::from_int(2), 0},
+            {"/Dev/Units/c", CElement::TYPE_INT, CElement::from_int(3), 0},
+        });
+    }
+};
+
+const CCdsLeaf& find(const cds_leaf_set_t& leaves, const char* path) {
+    auto it = leaves.find(CCdsLeaf(path));
+    BOOST_REQUIRE(it != leaves.end());
+    return *it;
+}
+
+} // namespace
+
+BOOST_AUTO_TEST_SUITE(cds)
+
+BOOST_AUTO_TEST_CASE(leaf_identity_is_the_path) {
+    timeval stamp{5, 6};
+    CCdsLeaf a(tk_string("/a"), CElement::from_int(1, stamp));
+    BOOST_TEST(CElement::is_invalid_time(a._element.time()));
+    BOOST_TEST(a._element.to_int() == 1);
+    BOOST_TEST(a._status == 0);
+    BOOST_TEST(a._source == 0u);
+    const tk_string path = "/a";
+    CCdsLeaf b(path, CElement::from_string("other"));
+    b._status = 1;
+    BOOST_TEST((a == b));
+    BOOST_TEST(a.hash() == std::hash<tk_string>()("/a"));
+    BOOST_TEST(std::hash<CCdsLeaf>()(a) == a.hash());
+    BOOST_TEST((a != CCdsLeaf("/a/")));
+    BOOST_TEST((CCdsLeaf(tk_string("ab", 1)) == CCdsLeaf("a")));
+    cds_leaf_set_t set;
+    BOOST_TEST(set.insert(std::move(a)).second);
+    BOOST_TEST(!set.insert(std::move(b)).second);
+    BOOST_TEST(set.size() == 1u);
+    BOOST_TEST(find(set, "/a")._element.to_int() == 1);
+}
+
+BOOST_AUTO_TEST_CASE(connecting) {
+    CTempDir dir;
+    {
+        CScopedEnv env("CDS_STORE", dir.file("missing.db"));
+        BOOST_CHECK_THROW(CCdsHandle(), generic_err);
+    }
+    CHandleFixture f;
+    BOOST_CHECK_NO_THROW(CCdsHandle());
+}
+
+BOOST_FIXTURE_TEST_CASE(batches_with_prefixes, CHandleFixture) {
+    CCdsHandle cds;
+    cds_leaf_set_t leaves;
+    leaves.emplace("Port");
+    leaves.emplace("/Name"); // "/Dev//Name": the store folds the slashes
+    leaves.emplace("Missing");
+    cds.get(leaves, "/Dev");
+    BOOST_TEST(find(leaves, "Port")._status == API_STATUS_OK);
+    BOOST_TEST(find(leaves, "Port")._element.to_uint() == 502u);
+    BOOST_TEST(find(leaves, "Port")._source == 3u);
+    BOOST_TEST(find(leaves, "/Name")._element.str() == "unit");
+    BOOST_TEST(find(leaves, "Missing")._status == API_STATUS_NOT_FOUND);
+
+    // With no prefix "/Dev/Port" becomes "//Dev/Port".
+    cds_leaf_set_t writes;
+    writes.emplace("/Dev/Port", CElement::from_string("503"));
+    writes.emplace("/Dev/Missing", CElement::from_int(1));
+    writes.emplace("/Dev/Units/a", CElement::from_string("abc"));
+    for (const CCdsLeaf& leaf : writes)
+        leaf._source = 9;
+    cds.set(writes, "");
+    BOOST_TEST(find(writes, "/Dev/Port")._status == API_STATUS_OK);
+    BOOST_TEST(find(writes, "/Dev/Missing")._status == API_STATUS_NOT_FOUND);
+    BOOST_TEST(find(writes, "/Dev/Units/a")._status == API_STATUS_BAD_VALUE);
+    for (const CCdsLeaf& leaf : writes)
+        BOOST_TEST(leaf._source == 0u);
+    BOOST_TEST(store.value("/Dev/Port").to_uint() == 503u);
+    BOOST_TEST(!CElement::is_invalid_time(store.value("/Dev/Port").time()));
+
+    BOOST_TEST(cds.get("/Dev/Port")->to_uint() == 503u);
+    BOOST_TEST(CElement::is_invalid_time(cds.get("/Dev/Port")->time()));
+    BOOST_TEST(!cds.get("/Dev/Missing"));
+    BOOST_TEST(!cds.get("/Dev"));
+
+    CElement el;
+    BOOST_TEST(cds.get_val("/Dev/Name", el) == 0);
+    BOOST_TEST(el.str() == "unit");
+    std::vector<CElement> vals = cds.get_vals({"/Dev/Name", "/Dev/Units/c", "/Nope"});
+    BOOST_REQUIRE_EQUAL(vals.size(), 3u);
+    BOOST_TEST(vals[1].to_int() == 3);
+    BOOST_TEST(!vals[2].has_value());
+}
+
+BOOST_FIXTURE_TEST_CASE(empty_batches_do_not_reach_the_store, CHandleFixture) {
+    CCdsHandle cds;
+    // Another connection holds the write lock: a set that reached the store would wait and
+    // then throw.
+    sqlite3* holder = nullptr;
+    BOOST_REQUIRE_EQUAL(sqlite3_open(store.path().c_str(), &holder), SQLITE_OK);
+    BOOST_REQUIRE_EQUAL(sqlite3_exec(holder, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr),
+                        SQLITE_OK);
+    cds_leaf_set_t none;
+    const auto start = std::chrono::steady_clock::now();
+    BOOST_CHECK_NO_THROW(cds.set(none, "/Dev"));
+    BOOST_CHECK_NO_THROW(cds.get(none, "/Dev"));
+    const bool quick = std::chrono::steady_clock::now() - start < std::chrono::milliseconds(200);
+    BOOST_TEST(quick);
+    cds_leaf_set_t one;
+    one.emplace("Port", CElement::from_int(1));
+    BOOST_CHECK_THROW(cds.set(one, "/Dev"), generic_err);
+    sqlite3_exec(holder, "ROLLBACK", nullptr, nullptr, nullptr);
+    sqlite3_close(holder);
+}
+
+BOOST_FIXTURE_TEST_CASE(read_only_store, CHandleFixture) {
+    auto write = [](CCdsHandle& cds) {
+        cds_leaf_set_t leaves;
+        leaves.emplace("/Dev/Units/a", CElement::from_int(42));
+        cds.set(leaves, "");
+        return leaves.begin()->_status;
+    };
+    {
+        CCdsHandle cds; // no /ReadOnlyCDS leaf
+        BOOST_TEST(write(cds) == API_STATUS_OK);
+    }
+    store.define("/ReadOnlyCDS", CElement::TYPE_BOOL, CElement::from_bool(false));
+    {
+        CCdsHandle cds;
+        BOOST_TEST(write(cds) == API_STATUS_OK);
+    }
+    store.define("/ReadOnlyCDS", CElement::TYPE_BOOL, CElement::from_bool(true));
+    store.define("/Dev/Units/a", CElement::TYPE_INT, CElement::from_int(0));
+    CCdsHandle cds;
+    BOOST_TEST(write(cds) == API_STATUS_READ_ONLY);
+    BOOST_TEST(store.value("/Dev/Units/a").to_int() == 0);
+    // Lasts for the handle's life, whatever the leaf says later.
+    store.define("/ReadOnlyCDS", CElement::TYPE_BOOL, CElement::from_bool(false));
+    BOOST_TEST(write(cds) == API_STATUS_READ_ONLY);
+}
+
+BOOST_FIXTURE_TEST_CASE(listing_nodes, CHandleFixture) {
+    CCdsHandle cds;
+    BOOST_TEST((cds.list_nodes("/Dev/Units") == std::unordered_set<tk_string>{"a", "b", "c"}));
+    BOOST_TEST((cds.list_nodes("/Dev") == std::unordered_set<tk_string>{"Name", "Port", "Units"}));
+    BOOST_TEST(cds.list_nodes("/Dev/Port").empty());
+    BOOST_TEST(cds.list_nodes("/Nope").empty());
+}
+
+BOOST_FIXTURE_TEST_CASE(watchdog, CHandleFixture) {
+    CCdsHandle cds;
+    BOOST_CHECK_THROW(cds.watchdog_ping(), generic_err); // not registered
+    cds.watchdog_register(2000);
+    BOOST_CHECK_NO_THROW(cds.watchdog_ping());
+    std::vector<toolkit::CWatchdogInfo> entries;
+    BOOST_REQUIRE_EQUAL(store.store().watchdogs(entries), 0);
+    BOOST_REQUIRE_EQUAL(entries.size(), 1u);
+    BOOST_TEST(entries[0].ident == toolkit::CSysLog::_ident);
+    BOOST_TEST(entries[0].timeout_ms == 2000u);
+}
+
+BOOST_AUTO_TEST_SUITE_END()
