@@ -1,12 +1,7 @@
 #include "mapping_test_util.h"
-#include "modbus/map/bool_mapping.h"
-#include "modbus/map/float_mapping.h"
-#include "modbus/map/int_mapping.h"
 #include "modbus/map/map_util.h"
 #include "modbus/map/param_discrete_mapping.h"
 #include "modbus/map/param_register_mapping.h"
-#include "modbus/map/string_mapping.h"
-#include "modbus/map/time_mapping.h"
 #include "util/generic_err.h"
 
 #include <boost/test/unit_test.hpp>
@@ -88,23 +83,6 @@ BOOST_AUTO_TEST_CASE(common_register_keys) {
         BOOST_TEST(m->swap_bytes());
         BOOST_TEST(m->swap_words());
     }
-}
-
-BOOST_AUTO_TEST_CASE(factory) {
-    const auto type_of = [](const char* type, const char* size) {
-        return CRegisterMapping::create(
-            make_node({{"ExternalValueType", type}, {"Size", size}, {"DateSpec", "YYmd"}}));
-    };
-    BOOST_TEST(dynamic_cast<CStringMapping*>(type_of("DATATYPE_STRING", "3").get()));
-    BOOST_TEST(dynamic_cast<CIntMapping*>(type_of("DATATYPE_UINT", "2").get()));
-    BOOST_TEST(dynamic_cast<CIntMapping*>(type_of("DATATYPE_INT", "2").get()));
-    BOOST_TEST(dynamic_cast<CFloatMapping*>(type_of("DATATYPE_FLOAT", "4").get()));
-    BOOST_TEST(dynamic_cast<CBoolMapping*>(type_of("DATATYPE_BOOL", "1").get()));
-    BOOST_TEST(dynamic_cast<CTimeMapping*>(type_of("DATATYPE_TIME", "4").get()));
-    CMappingLog log;
-    BOOST_CHECK_THROW(type_of("datatype_uint", "2"), generic_err);
-    BOOST_CHECK_THROW(CRegisterMapping::create(make_node({{"Size", "2"}})), generic_err);
-    BOOST_TEST(log.text().empty());
 }
 
 BOOST_AUTO_TEST_CASE(register_counts) {
