@@ -246,14 +246,47 @@ BOOST_FIXTURE_TEST_CASE(reads_see_every_commit, CStoreFixture) {
             BOOST_TEST(get({"/Dev/Port"}).values[0].to_uint() == unsigned(i));
         }
     }
-    // Structure changes by the administration side show too.
+    // Structure changes by the administration side show too, also for leaves that were
+    // cached as missing.
+    BOOST_TEST(get({"/Dev/New"}).statuses[0] == API_STATUS_NOT_FOUND);
     BOOST_TEST(get({"/Dev/Children"}).values[0].str() == "Gain;Name;Offset;On;Port;Since;Sub Node");
     store.define({{"/Dev/New", CElement::TYPE_INT, CElement::from_int(1), 0}});
     size_t removed = 0;
     BOOST_REQUIRE_EQUAL(store.store().remove("/Dev/Sub Node", true, removed), 0);
     BOOST_TEST(removed == 1u);
-    BOOST_TEST(get({"/Dev/Children"}).values[0].str() == "Gain;Name;New;Offset;On;Port;Since");
-    BOOST_TEST(get({"/Dev/Sub Node/Leaf"}).statuses[0] == API_STATUS_NOT_FOUND);
+    CRead r = get({"/Dev/Children", "/Dev/New", "/Dev/Sub Node/Leaf"});
+    BOOST_TEST(r.values[0].str() == "Gain;Name;New;Offset;On;Port;Since");
+    BOOST_TEST(r.statuses[1] == API_STATUS_OK);
+    BOOST_TEST(r.statuses[2] == API_STATUS_NOT_FOUND);
+
+    // A writer that knows nothing of the cache (the sqlite3 shell) is seen as well.
+    exec_sql(store.path(), "UPDATE leaves SET value = 77 WHERE path = '/Dev/Offset'");
+    BOOST_TEST(get({"/Dev/Offset"}).values[0].to_int() == 77);
+
+    // Many leaves written at once by another connection.
+    std::vector<CLeafInfo> many;
+    std::vector<tk_string> paths;
+    for (int i = 0; i < 600; ++i) {
+        paths.push_back("/Many/" + std::to_string(i));
+        many.push_back({paths.back(), CElement::TYPE_INT, CElement::from_int(0), 0});
+    }
+    store.define(many);
+    for (int k = 1; k <= 3; ++k) {
+        BOOST_TEST(get(paths).values[599].to_int() == k - 1);
+        const size_t count = k == 1 ? 10 : k == 2 ? 300 : 600;
+        std::vector<tk_string> some(paths.begin(), paths.begin() + count);
+        some.push_back(paths[599]);
+        BOOST_REQUIRE_EQUAL(
+            other.set_leaves(some, std::vector<CElement>(some.size(), CElement::from_int(k)),
+                             std::vector<kvr_tribool_t>(some.size(), 2), st, "other"),
+            0);
+        r = get(paths);
+        BOOST_TEST(r.values[0].to_int() == k);
+        BOOST_TEST(r.values[count - 1].to_int() == k);
+        BOOST_TEST(r.values[599].to_int() == k);
+        if (count < 599)
+            BOOST_TEST(r.values[count].to_int() == 0);
+    }
 }
 
 BOOST_FIXTURE_TEST_CASE(defining_and_removing, CStoreFixture) {

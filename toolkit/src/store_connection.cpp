@@ -182,7 +182,10 @@ bool CStoreConnection::open(const tk_string& path, tk_string& error) {
                              "SELECT type, value, sec, usec, property FROM leaves WHERE path = ?1");
         _select_type.prepare(db, "SELECT type FROM leaves WHERE path = ?1");
         _update_leaf.prepare(db, "UPDATE leaves SET value = ?2, sec = ?3, usec = ?4, "
-                                 "writer = ?5 WHERE path = ?1");
+                                 "writer = ?5, seq = ?6 WHERE path = ?1");
+        _bump_seq.prepare(db, "UPDATE changes SET seq = seq + 1");
+        _select_changes.prepare(db, "SELECT seq, generation FROM changes");
+        _changed_since.prepare(db, "SELECT path FROM leaves WHERE seq > ?1 LIMIT ?2");
         _next_after.prepare(
             db, "SELECT path FROM leaves WHERE path > ?1 AND path < ?2 ORDER BY path LIMIT 1");
         _next_from.prepare(
@@ -292,6 +295,49 @@ void CStoreConnection::read_children(const tk_string& node, cache_entry_t& entry
     entry.value = CElement::from_string(joined);
 }
 
+bool CStoreConnection::serve_from_cache(const std::vector<tk_string>& paths,
+                                        std::vector<api_status_t>& statuses,
+                                        std::vector<CElement>& values,
+                                        std::vector<element_property_t>& sources) {
+    for (size_t i = 0; i < paths.size(); ++i) {
+        auto it = _cache.find(normal_path(paths[i], _scratch));
+        if (it == _cache.end())
+            return false;
+        statuses[i] = it->second.status;
+        values[i] = it->second.value;
+        sources[i] = it->second.source;
+    }
+    return true;
+}
+
+void CStoreConnection::sync_cache() {
+    int64_t seq, generation;
+    {
+        CStatementScope scope(_select_changes);
+        if (!_select_changes.step())
+            throw CSqliteError(SQLITE_CORRUPT, "the changes table is empty");
+        seq = _select_changes.column_int(0);
+        generation = _select_changes.column_int(1);
+    }
+    if (generation != _cache_generation || seq < _cache_seq) {
+        _cache.clear();
+    } else if (seq != _cache_seq) {
+        std::vector<tk_string> changed;
+        CStatementScope scope(_changed_since);
+        _changed_since.bind(1, _cache_seq);
+        _changed_since.bind(2, k_sync_limit + 1);
+        while (_changed_since.step())
+            changed.push_back(_changed_since.column_text(0));
+        if (static_cast<int64_t>(changed.size()) > k_sync_limit)
+            _cache.clear();
+        else
+            for (const tk_string& path : changed)
+                _cache.erase(path);
+    }
+    _cache_seq = seq;
+    _cache_generation = generation;
+}
+
 int CStoreConnection::get(const std::vector<tk_string>& paths, std::vector<api_status_t>& statuses,
                           std::vector<CElement>& values, std::vector<element_property_t>& sources) {
     const size_t n = paths.size();
@@ -299,46 +345,29 @@ int CStoreConnection::get(const std::vector<tk_string>& paths, std::vector<api_s
     values.resize(n);
     sources.assign(n, 0);
     try {
-        // One autocommit statement: when nothing has changed since the cached entries
+        // One autocommit statement: when no one else has committed since the cached entries
         // were read, they are the committed state right now.
+        if (data_version() == _cache_version && serve_from_cache(paths, statuses, values, sources))
+            return 0;
+
+        CSqliteTransaction txn(_db, false);
         const int64_t version = data_version();
         if (version != _cache_version) {
-            _cache.clear();
+            sync_cache();
             _cache_version = version;
         }
-        _misses.clear();
+        if (_cache.size() + n > k_cache_limit)
+            _cache.clear();
         for (size_t i = 0; i < n; ++i) {
-            auto it = _cache.find(normal_path(paths[i], _scratch));
+            const tk_string& path = normal_path(paths[i], _scratch);
+            auto it = _cache.find(path);
             if (it == _cache.end()) {
-                _misses.push_back(i);
-                continue;
+                it = _cache.emplace(path, cache_entry_t()).first;
+                read_entry(path, it->second);
             }
             statuses[i] = it->second.status;
             values[i] = it->second.value;
             sources[i] = it->second.source;
-        }
-        if (_misses.empty())
-            return 0;
-
-        CSqliteTransaction txn(_db, false);
-        const int64_t now_version = data_version();
-        if (now_version != _cache_version) {
-            // Someone committed in between: the hits above are stale, read them all.
-            _cache.clear();
-            _cache_version = now_version;
-            _misses.resize(n);
-            for (size_t i = 0; i < n; ++i)
-                _misses[i] = i;
-        }
-        if (_cache.size() + _misses.size() > k_cache_limit)
-            _cache.clear();
-        for (size_t i : _misses) {
-            const tk_string& path = normal_path(paths[i], _scratch);
-            cache_entry_t& entry = _cache[path];
-            read_entry(path, entry);
-            statuses[i] = entry.status;
-            values[i] = entry.value;
-            sources[i] = entry.source;
         }
         txn.commit();
         return 0;
@@ -367,6 +396,15 @@ int CStoreConnection::set(const std::vector<tk_string>& paths, const std::vector
         const timeval stamp_now = now();
         std::vector<api_status_t> result(n, API_STATUS_FAILURE);
         CSqliteTransaction txn(_db, true);
+        int64_t seq;
+        {
+            CStatementScope bump(_bump_seq);
+            _bump_seq.step();
+            CStatementScope select(_select_changes);
+            if (!_select_changes.step())
+                throw CSqliteError(SQLITE_CORRUPT, "the changes table is empty");
+            seq = _select_changes.column_int(0);
+        }
         for (size_t i = 0; i < n; ++i) {
             const tk_string& path = normal_path(paths[i], _scratch);
             if (is_children_path(path)) {
@@ -397,6 +435,7 @@ int CStoreConnection::set(const std::vector<tk_string>& paths, const std::vector
             _update_leaf.bind(3, static_cast<int64_t>(stamp.tv_sec));
             _update_leaf.bind(4, static_cast<int64_t>(stamp.tv_usec));
             _update_leaf.bind(5, writer);
+            _update_leaf.bind(6, seq);
             _update_leaf.step();
             result[i] = API_STATUS_OK;
         }

@@ -1,9 +1,10 @@
 #pragma once
 // One connection to a store file: what a kvr_handle_t points to.
 //
-// Reads keep a per-connection cache of leaves. It is valid only as long as SQLite's
-// data_version is unchanged (no other connection has committed since the entries were
-// read); the connection's own writes drop the entries they touch. So a read never
+// Reads keep a per-connection cache of leaves. While SQLite's data_version is unchanged no
+// other connection has committed, and the cache is served as it is; the connection's own
+// writes drop the entries they touch. When it has changed, the store's change sequence
+// tells which leaves were written since (or that the cache must go). So a read never
 // returns a value older than the last commit.
 #include "sqlite_db.h"
 #include "toolkit/cds_store.h"
@@ -46,9 +47,14 @@ private:
     };
     // Bounds the memory a long-running reader spends on the cache.
     static const size_t k_cache_limit = 32768;
+    // Past this many leaves written by others, dropping the cache is cheaper.
+    static const int64_t k_sync_limit = 256;
 
     int fail(const CSqliteError& e);
     int64_t data_version();
+    bool serve_from_cache(const std::vector<tk_string>& paths, std::vector<api_status_t>& statuses,
+                          std::vector<CElement>& values, std::vector<element_property_t>& sources);
+    void sync_cache();
     void read_entry(const tk_string& path, cache_entry_t& entry);
     void read_leaf(const tk_string& path, cache_entry_t& entry);
     void read_children(const tk_string& node, cache_entry_t& entry);
@@ -65,6 +71,9 @@ private:
     CSqliteStatement _select_leaf;
     CSqliteStatement _select_type;
     CSqliteStatement _update_leaf;
+    CSqliteStatement _bump_seq;
+    CSqliteStatement _select_changes;
+    CSqliteStatement _changed_since;
     CSqliteStatement _next_after; // first path > ?1 and < ?2
     CSqliteStatement _next_from;  // first path >= ?1 and < ?2
     CSqliteStatement _insert_leaf;
@@ -73,7 +82,8 @@ private:
 
     std::unordered_map<tk_string, cache_entry_t> _cache;
     int64_t _cache_version = -1;
-    std::vector<size_t> _misses;
+    int64_t _cache_seq = -1;
+    int64_t _cache_generation = -1;
     tk_string _scratch;
 };
 

@@ -14,6 +14,12 @@ namespace {
 // Leaf types are stored as the numbers of CElement::type_t (1 bool to 6 time). Values of
 // uint leaves keep their 64 bits in a signed INTEGER, times are microseconds since the
 // epoch, a NaN float is the text 'nan' (SQLite would store NULL).
+//
+// Readers cache leaves. "changes" lets them revalidate cheaply after another connection
+// committed: a value write takes the next seq and stamps its leaves with it, so a reader
+// re-reads only the leaves with a newer seq. Anything else that changes the leaves (a new or
+// removed leaf, or a writer that does not keep seq, such as the sqlite3 shell) bumps the
+// generation through the triggers, and readers drop their whole cache.
 const char* const k_schema = R"(
 CREATE TABLE schema_version(version INTEGER NOT NULL);
 CREATE TABLE leaves(
@@ -23,8 +29,18 @@ CREATE TABLE leaves(
     sec INTEGER NOT NULL,
     usec INTEGER NOT NULL,
     property INTEGER NOT NULL DEFAULT 0,
-    writer TEXT NOT NULL DEFAULT ''
+    writer TEXT NOT NULL DEFAULT '',
+    seq INTEGER NOT NULL DEFAULT 0
 ) WITHOUT ROWID;
+CREATE INDEX leaves_by_seq ON leaves(seq);
+CREATE TABLE changes(seq INTEGER NOT NULL, generation INTEGER NOT NULL);
+INSERT INTO changes VALUES(0, 0);
+CREATE TRIGGER leaves_inserted AFTER INSERT ON leaves
+    BEGIN UPDATE changes SET generation = generation + 1; END;
+CREATE TRIGGER leaves_deleted AFTER DELETE ON leaves
+    BEGIN UPDATE changes SET generation = generation + 1; END;
+CREATE TRIGGER leaves_updated AFTER UPDATE ON leaves WHEN NEW.seq IS OLD.seq
+    BEGIN UPDATE changes SET generation = generation + 1; END;
 CREATE TABLE watchdog(
     ident TEXT PRIMARY KEY NOT NULL,
     pid INTEGER NOT NULL,

@@ -1,0 +1,194 @@
+// Batched reads and writes on a store of 100,000 leaves, with the store unchanged since the
+// previous call and with another connection having written in between.
+#include "cds/cds_handle.h"
+#include "toolkit/cds_store.h"
+
+#include <benchmark/benchmark.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <ftw.h>
+#include <unistd.h>
+
+using toolkit::CCds;
+using toolkit::CElement;
+
+namespace {
+
+const int k_store_leaves = 100000;
+tk_string g_dir;
+tk_string g_store;
+
+tk_string leaf_path(int i) {
+    char buf[96];
+    std::snprintf(buf, sizeof buf, "/Bench/Device %d/Group %d/Param %d", i / 1000, i / 50 % 20,
+                  i % 50);
+    return buf;
+}
+
+CElement::type_t leaf_type(int i) {
+    static const CElement::type_t types[] = {CElement::TYPE_INT, CElement::TYPE_FLOAT,
+                                             CElement::TYPE_UINT, CElement::TYPE_STRING};
+    return types[i % 4];
+}
+
+bool make_store() {
+    char dir[] = "/tmp/bench_cds_XXXXXX";
+    if (!::mkdtemp(dir))
+        return false;
+    g_dir = dir;
+    g_store = g_dir + "/store.db";
+    tk_string error;
+    if (toolkit::CCdsStore::create(g_store, error) != 0) {
+        std::fprintf(stderr, "%s\n", error.c_str());
+        return false;
+    }
+    toolkit::CCdsStore store;
+    std::vector<toolkit::CLeafInfo> leaves;
+    for (int i = 0; i < k_store_leaves; ++i)
+        leaves.push_back({leaf_path(i), leaf_type(i), CElement::from_string(std::to_string(i)), 0});
+    if (store.open(g_store) != 0 || store.define(leaves) != 0) {
+        std::fprintf(stderr, "%s\n", store.error().c_str());
+        return false;
+    }
+    ::setenv("CDS_STORE", g_store.c_str(), 1);
+    return true;
+}
+
+void remove_store() {
+    auto remove = [](const char* p, const struct stat*, int, struct FTW*) { return ::remove(p); };
+    if (!g_dir.empty())
+        ::nftw(g_dir.c_str(), remove, 8, FTW_DEPTH | FTW_PHYS);
+}
+
+// n paths spread over the store.
+std::vector<tk_string> batch(int n, int offset = 0) {
+    std::vector<tk_string> paths;
+    for (int i = 0; i < n; ++i)
+        paths.push_back(leaf_path((offset + i * 997) % k_store_leaves));
+    return paths;
+}
+
+CCds& connection(CCds& cds) {
+    if (!cds.is_initialized())
+        cds.set_handle(kvr_init(0));
+    return cds;
+}
+
+// One leaf that no benchmark reads, written by the other connection.
+void write_elsewhere(CCds& other, int64_t value) {
+    std::vector<api_status_t> st;
+    other.set_leaves({leaf_path(1)}, {CElement::from_int(value)}, {2}, st, "bench");
+}
+
+// Writes 10 of the leaves that the 100-leaf batch reads.
+void write_in_batch(CCds& other, int64_t value) {
+    const std::vector<tk_string> all = batch(100, 3);
+    std::vector<tk_string> paths;
+    for (size_t i = 0; i < all.size(); i += 10)
+        paths.push_back(all[i]);
+    std::vector<api_status_t> st;
+    other.set_leaves(paths, std::vector<CElement>(paths.size(), CElement::from_int(value % 100)),
+                     std::vector<kvr_tribool_t>(paths.size(), 2), st, "bench");
+}
+
+enum change_t { UNCHANGED, CHANGED_ELSEWHERE, CHANGED_IN_BATCH };
+
+void get(benchmark::State& state, change_t change) {
+    CCds cds, other;
+    connection(cds);
+    connection(other);
+    const std::vector<tk_string> paths = batch(static_cast<int>(state.range(0)), 3);
+    std::vector<api_status_t> st;
+    std::vector<CElement> values;
+    std::vector<element_property_t> sources;
+    cds.get_leaves(paths, st, values, sources);
+    int64_t n = 0;
+    for (auto _ : state) {
+        if (change != UNCHANGED) {
+            state.PauseTiming();
+            if (change == CHANGED_ELSEWHERE)
+                write_elsewhere(other, ++n);
+            else
+                write_in_batch(other, ++n);
+            state.ResumeTiming();
+        }
+        if (cds.get_leaves(paths, st, values, sources) != 0)
+            state.SkipWithError("get_leaves failed");
+        benchmark::DoNotOptimize(values.data());
+    }
+    state.SetItemsProcessed(state.iterations() * state.range(0));
+}
+
+void set(benchmark::State& state, bool changed) {
+    CCds cds, other;
+    connection(cds);
+    connection(other);
+    const std::vector<tk_string> paths = batch(10, 5);
+    std::vector<CElement> values(paths.size(), CElement::from_uint(0));
+    const std::vector<kvr_tribool_t> flags(paths.size(), 2);
+    std::vector<api_status_t> st;
+    uint64_t n = 0;
+    for (auto _ : state) {
+        if (changed) {
+            state.PauseTiming();
+            write_elsewhere(other, static_cast<int64_t>(n));
+            state.ResumeTiming();
+        }
+        values[0] = CElement::from_uint(++n);
+        if (cds.set_leaves(paths, values, flags, st, "bench") != 0)
+            state.SkipWithError("set_leaves failed");
+    }
+}
+
+void BM_get_unchanged(benchmark::State& state) {
+    get(state, UNCHANGED);
+}
+void BM_get_after_change(benchmark::State& state) {
+    get(state, CHANGED_ELSEWHERE);
+}
+// The other connection wrote 10 of the leaves read.
+void BM_get_after_change_in_batch(benchmark::State& state) {
+    get(state, CHANGED_IN_BATCH);
+}
+void BM_set10_unchanged(benchmark::State& state) {
+    set(state, false);
+}
+void BM_set10_after_change(benchmark::State& state) {
+    set(state, true);
+}
+
+// What the server pays per request: the handle's batch of leaves with a prefix.
+void BM_handle_get_unchanged(benchmark::State& state) {
+    CCdsHandle handle;
+    cds_leaf_set_t leaves;
+    for (const tk_string& p : batch(static_cast<int>(state.range(0)), 3))
+        leaves.emplace(p.substr(1));
+    handle.get(leaves, "");
+    for (auto _ : state)
+        handle.get(leaves, "");
+    state.SetItemsProcessed(state.iterations() * state.range(0));
+}
+
+BENCHMARK(BM_get_unchanged)->Arg(1)->Arg(10)->Arg(100);
+BENCHMARK(BM_get_after_change)->Arg(1)->Arg(10)->Arg(100);
+BENCHMARK(BM_get_after_change_in_batch)->Arg(100);
+BENCHMARK(BM_set10_unchanged);
+BENCHMARK(BM_set10_after_change);
+BENCHMARK(BM_handle_get_unchanged)->Arg(100);
+
+} // namespace
+
+int main(int argc, char** argv) {
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv))
+        return 1;
+    if (!make_store()) {
+        remove_store();
+        return 1;
+    }
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+    remove_store();
+    return 0;
+}
