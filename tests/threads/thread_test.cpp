@@ -164,6 +164,9 @@ BOOST_AUTO_TEST_CASE(failures_and_verbosity) {
     BOOST_TEST(!worker.running());
 }
 
+#ifndef __SANITIZE_ADDRESS__
+// AddressSanitizer cannot unwind a cancelled thread (it fails an internal check), so this
+// case runs in the plain build only.
 BOOST_AUTO_TEST_CASE(stuck_worker_is_cancelled) {
     const int32_t level = thread_log()._verbosity;
     thread_log()._verbosity = 1;
@@ -186,6 +189,8 @@ BOOST_AUTO_TEST_CASE(stuck_worker_is_cancelled) {
                    std::string::npos,
                log);
 }
+
+#endif
 
 BOOST_AUTO_TEST_CASE(responses_through_the_loop) {
     auto worker_owner = std::make_unique<CThreadBase>("w", boost::none);
