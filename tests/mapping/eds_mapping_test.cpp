@@ -141,6 +141,8 @@ BOOST_AUTO_TEST_CASE(malformed_files) {
         {"size_too_big.eds", nullptr},
         {"bit_offset_16.eds", nullptr},
         {"int_bit_offset_4.eds", nullptr},
+        {"int_size_1_offset_0.eds", nullptr},
+        {"int_size_2_offset_8.eds", nullptr},
         {"int_without_size.eds", nullptr},
         {"float_size_2.eds", nullptr},
         {"unknown_units.eds", nullptr},
@@ -152,6 +154,7 @@ BOOST_AUTO_TEST_CASE(malformed_files) {
         {"event_lower_case_property.eds", "Event mapping has invalid type: 'time'"},
         {"event_without_property.eds", "No type specified for event mapping"},
         {"event_negative_index.eds", "Bad index: -1"},
+        {"event_index_too_big.eds", "Bad index: 65536"},
     };
     for (const auto& c : cases) {
         CMappingLog log;

@@ -61,13 +61,10 @@ BOOST_AUTO_TEST_CASE(integer_layouts) {
     BOOST_TEST(integer("DATATYPE_UINT", "1", "8")->from_registers({0xAB12}, no_units).to_uint() ==
                0x12u);
 
-    // Two layouts stay assertions, in both directions.
-    const auto byte0 = integer("DATATYPE_UINT", "1", "0");
-    const auto word8 = integer("DATATYPE_INT", "2", "8");
-    BOOST_TEST(aborts([&] { byte0->to_registers(CElement::from_uint(1), no_units); }));
-    BOOST_TEST(aborts([&] { byte0->from_registers({0x0100}, no_units); }));
-    BOOST_TEST(aborts([&] { word8->to_registers(CElement::from_uint(1), no_units); }));
-    BOOST_TEST(aborts([&] { word8->from_registers({0, 0}, no_units); }));
+    // The two layouts the translation cannot place are refused when built, so a mapping
+    // file cannot carry them to a read or write.
+    BOOST_CHECK_THROW(integer("DATATYPE_UINT", "1", "0"), generic_err);
+    BOOST_CHECK_THROW(integer("DATATYPE_INT", "2", "8"), generic_err);
 }
 
 BOOST_AUTO_TEST_CASE(integer_signs) {

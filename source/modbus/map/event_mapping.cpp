@@ -42,7 +42,8 @@ CEventMapping::CEventMapping(const toolkit::node_map_t& node) {
         throw generic_err();
     }
     const long index = CMapUtil::num(iindex);
-    if (index < 0) {
+    // The event queue holds max index + 1 slots: keep it to what a register address can name.
+    if (index < 0 || index > 65535) {
         LOG_ERR(SS_MAPPING, 1, "Bad index: %ld", index);
         throw generic_err();
     }

@@ -20,7 +20,7 @@ public:
     enum property_t : unsigned { ID = 1, TIME, CAUSE, PARAM, WAVEFORM_ID };
 
     // Throws generic_err (after an error line) for a missing or unknown "EventProperty", a
-    // missing or negative "EventIndex", and when the translator cannot be built.
+    // missing, negative or above 65535 "EventIndex", and when the translator cannot be built.
     explicit CEventMapping(const toolkit::node_map_t& node);
     virtual ~CEventMapping() = default;
 

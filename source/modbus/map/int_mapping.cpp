@@ -48,6 +48,9 @@ CIntMapping::CIntMapping(const toolkit::node_map_t& node) : CRegisterMapping(nod
     // Without a size the mapping would occupy no register at all.
     if (_size == 0)
         throw generic_err();
+    // The two layouts the translation cannot place; refused here rather than on first use.
+    if ((_offset == 0 && _size == 1) || (_offset == 8 && _size == 2))
+        throw generic_err();
     const auto icfg = node.find("ExternalValueType");
     assert(icfg != node.end());
     _signed = icfg->second == "DATATYPE_INT";

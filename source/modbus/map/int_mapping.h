@@ -11,12 +11,14 @@
 // Layout: at offset 0 the bytes fill the registers from the high byte of register 0; at
 // offset 8 the most significant byte sits in the low byte of register 0. A signed value
 // shorter than 4 bytes is sign-extended when read back. One byte at offset 0 and two bytes
-// at offset 8 are not supported layouts: translating them is an assertion.
+// at offset 8 are not supported layouts: the constructor refuses them, and translating
+// them stays an assertion.
 #include "modbus/map/register_mapping.h"
 
 class CIntMapping : public CRegisterMapping {
 public:
-    // Throws generic_err for an offset other than 0 or 8, a missing "Size", a zero
+    // Throws generic_err for an offset other than 0 or 8, a missing "Size", one of the two
+    // unsupported layouts, a zero
     // "Multiplier" or "Divider", or "Units" the store does not know.
     explicit CIntMapping(const toolkit::node_map_t& node);
 

@@ -1,0 +1,109 @@
+#include "modbus/config/modbus_config.h"
+#include "util/log.h"
+
+#include <cassert>
+#include <set>
+
+namespace {
+
+uint32_t nine_tenths(uint32_t timeout) {
+    return static_cast<uint32_t>(static_cast<uint64_t>(timeout) * 9 / 10);
+}
+
+} // namespace
+
+CModbusConfig::CModbusConfig(const CModbusSettings& settings)
+    : _tcp_timeout(settings.tcp().timeout()), _tcp_working_limit(nine_tenths(_tcp_timeout)),
+      _serial_timeout(settings.serial().timeout()),
+      _serial_working_limit(nine_tenths(_serial_timeout)) {
+    LOG_STACK();
+    eds_map_t eds_map;
+    parse(settings, eds_map);
+
+    for (const CModbusTcpUnitSettings& unit : settings.tcp().units()) {
+        const unit_id_t id = unit.unit_id();
+        for (const tk_string& path : unit.eds_paths())
+            LOG_DEBUG(SS_CONFIG, 5, "Unit ID %u : EDS '%s'", static_cast<unsigned>(id),
+                      path.c_str());
+        // Store data, not a programming error: the first unit keeps the id.
+        if (_tcp_map.count(id)) {
+            LOG_ERR(SS_CONFIG, 1, "Duplicate Unit ID %u; ignoring unit with device path '%s'",
+                    static_cast<unsigned>(id), unit.device_path().c_str());
+            continue;
+        }
+        _tcp_map.insert(id, std::make_unique<CModbusDeviceConfig>(unit.device_path(),
+                                                                  lookup(eds_map, unit.eds_paths()),
+                                                                  settings.zero_fill()));
+    }
+
+    for (const CModbusSerialInterfaceSettings& iface : settings.serial().interfaces()) {
+        for (const CModbusSerialSlaveSettings& slave : iface.slaves()) {
+            const serial_key_t key(iface.number(), slave.slave_address());
+            for (const tk_string& path : slave.eds_paths())
+                LOG_DEBUG(SS_CONFIG, 5,
+                          "Interface ID %u, Serial Port Name %s, Slave Address %u : EDS '%s'",
+                          iface.number(), iface.serial_port().c_str(),
+                          static_cast<unsigned>(key.second), path.c_str());
+            if (_serial_map.count(key)) {
+                LOG_ERR(SS_CONFIG, 1,
+                        "Duplicate Slave Address %u on interface %u; ignoring slave with device "
+                        "path '%s'",
+                        static_cast<unsigned>(key.second), key.first, slave.device_path().c_str());
+                continue;
+            }
+            _serial_map.insert(key, std::make_unique<CModbusDeviceConfig>(
+                                        slave.device_path(), lookup(eds_map, slave.eds_paths()),
+                                        settings.zero_fill()));
+        }
+    }
+}
+
+void CModbusConfig::parse(const CModbusSettings& settings, eds_map_t& eds_map) {
+    std::set<tk_string> paths;
+    for (const CModbusTcpUnitSettings& unit : settings.tcp().units())
+        paths.insert(unit.eds_paths().begin(), unit.eds_paths().end());
+    for (const CModbusSerialInterfaceSettings& iface : settings.serial().interfaces())
+        for (const CModbusSerialSlaveSettings& slave : iface.slaves())
+            paths.insert(slave.eds_paths().begin(), slave.eds_paths().end());
+
+    for (const tk_string& edspath : paths) {
+        LOG_DEBUG(SS_CONFIG, 4, "Parsing EDS file '%s'", edspath.c_str());
+        assert(!eds_map.count(edspath));
+        std::shared_ptr<const CEdsMapping> eds;
+        try {
+            eds = std::make_shared<const CEdsMapping>(edspath);
+        } catch (...) {
+            LOG_ERR(SS_CONFIG, 0, "Error parsing EDS file: '%s'", edspath.c_str());
+            throw;
+        }
+        if (eds->max_event_index() > _max_event_index)
+            _max_event_index = eds->max_event_index();
+        eds_map.emplace(edspath, std::move(eds));
+    }
+}
+
+eds_mapvec_t CModbusConfig::lookup(const eds_map_t& eds_map,
+                                   const std::vector<tk_string>& paths) const {
+    eds_mapvec_t out;
+    for (const tk_string& edspath : paths) {
+        assert(eds_map.count(edspath));
+        out.push_back(eds_map.find(edspath)->second);
+    }
+    return out;
+}
+
+CModbusDeviceConfig* CModbusConfig::tcp_config(unit_id_t id) {
+    const auto imap = _tcp_map.find(id);
+    if (imap == _tcp_map.end())
+        return nullptr;
+    assert(imap->second != nullptr);
+    return imap->second;
+}
+
+CModbusDeviceConfig* CModbusConfig::serial_config(unsigned int iface, slave_addr_t addr) {
+    const auto imap = _serial_map.find(serial_key_t(iface, addr));
+    if (imap == _serial_map.end())
+        return nullptr;
+    assert(imap->second != nullptr);
+    return imap->second;
+}

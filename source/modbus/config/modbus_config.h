@@ -1,0 +1,56 @@
+#pragma once
+// The registry of units that request handling consults: one device configuration per TCP
+// unit id and per (serial interface number, slave address), built once at start from the
+// settings. Every mapping file is parsed once, however many units name it.
+//
+// Construction throws generic_err, after "Error parsing EDS file: '<path>'", when a file
+// does not parse: the server must not run with a broken map. A second unit with a unit id
+// (or interface and slave address) already taken is logged and left out. Read-only after
+// construction, except for the units' dynamic configurations.
+#include "modbus/config/modbus_device_config.h"
+#include "modbus/config/modbus_settings.h"
+
+#include <boost/ptr_container/ptr_map.hpp>
+
+#include <cstddef>
+#include <cstdint>
+#include <utility>
+
+class CModbusConfig {
+public:
+    typedef std::pair<unsigned int, slave_addr_t> serial_key_t;
+
+    explicit CModbusConfig(const CModbusSettings& settings);
+    CModbusConfig(const CModbusConfig&) = delete;
+    CModbusConfig& operator=(const CModbusConfig&) = delete;
+
+    // Null when no unit has the id (or the interface no such slave).
+    CModbusDeviceConfig* tcp_config(unit_id_t id);
+    CModbusDeviceConfig* serial_config(unsigned int iface, slave_addr_t addr);
+
+    uint32_t tcp_timeout() const { return _tcp_timeout; }
+    // Nine tenths of the time-out: the time a request may take before its answer is late.
+    uint32_t tcp_working_limit() const { return _tcp_working_limit; }
+    uint32_t serial_timeout() const { return _serial_timeout; }
+    uint32_t serial_working_limit() const { return _serial_working_limit; }
+    // The largest event index any file maps (0 without event mappings): the event queue
+    // needs one slot more.
+    size_t max_event_index() const { return _max_event_index; }
+
+    size_t tcp_count() const { return _tcp_map.size(); }
+    size_t serial_count() const { return _serial_map.size(); }
+
+private:
+    typedef std::map<tk_string, std::shared_ptr<const CEdsMapping>> eds_map_t;
+
+    void parse(const CModbusSettings& settings, eds_map_t& eds_map);
+    eds_mapvec_t lookup(const eds_map_t& eds_map, const std::vector<tk_string>& paths) const;
+
+    boost::ptr_map<unit_id_t, CModbusDeviceConfig> _tcp_map;
+    boost::ptr_map<serial_key_t, CModbusDeviceConfig> _serial_map;
+    uint32_t _tcp_timeout;
+    uint32_t _tcp_working_limit;
+    uint32_t _serial_timeout;
+    uint32_t _serial_working_limit;
+    size_t _max_event_index = 0;
+};

@@ -1,0 +1,135 @@
+#pragma once
+// The server's settings as the data store holds them, read once at start.
+//
+// Every setting is a store node whose value is its "/Value" leaf. A missing or unusable
+// global value keeps its default; a unit, interface or slave that cannot be read completely
+// is logged and left out of its list, so the lists hold only valid entries. Nothing here
+// throws for bad store contents. All lines go to the "settings" subsystem: narration at
+// level 3, errors at level 1.
+//
+// Plain values, copyable and movable. The handle is not const because reading through it
+// is not; the objects keep no reference to it.
+#include "cds/cds_handle.h"
+#include "modbus/modbus_types.h"
+
+#include <cstdint>
+#include <vector>
+
+// One TCP unit: a node under ".../Interface Type/TCP/Mappings".
+class CModbusTcpUnitSettings {
+public:
+    // idstr: the unit node's name. Check valid() before using the other fields.
+    CModbusTcpUnitSettings(CCdsHandle& cds, const tk_string& idstr);
+
+    unit_id_t unit_id() const { return _unit_id; }
+    const tk_string& device_path() const { return _device_path; }
+    const std::vector<tk_string>& eds_paths() const { return _eds_paths; }
+    bool valid() const { return _valid; }
+
+private:
+    bool read(CCdsHandle& cds, const tk_string& idstr);
+
+    unit_id_t _unit_id = 0;
+    tk_string _device_path;
+    std::vector<tk_string> _eds_paths;
+    bool _valid = false;
+};
+
+// Port 502 and time-out 1000 unless the store says otherwise; units in enumeration order.
+class CModbusTcpSettings {
+public:
+    explicit CModbusTcpSettings(CCdsHandle& cds);
+
+    uint32_t port() const { return _port; }
+    const std::vector<CModbusTcpUnitSettings>& units() const { return _units; }
+    uint32_t timeout() const { return _timeout; }
+
+private:
+    uint32_t _port = 502;
+    std::vector<CModbusTcpUnitSettings> _units;
+    uint32_t _timeout = 1000;
+};
+
+// One slave on a serial interface: a node under the interface node's "/Mappings".
+class CModbusSerialSlaveSettings {
+public:
+    // iface_id: the interface node's name; subnode: the slave node's name.
+    CModbusSerialSlaveSettings(CCdsHandle& cds, const tk_string& iface_id,
+                               const tk_string& subnode);
+
+    // 1 to 247 when valid.
+    slave_addr_t slave_address() const { return _slave_address; }
+    const tk_string& device_path() const { return _device_path; }
+    const std::vector<tk_string>& eds_paths() const { return _eds_paths; }
+    bool valid() const { return _valid; }
+
+private:
+    bool read(CCdsHandle& cds, const tk_string& iface_id, const tk_string& subnode);
+
+    slave_addr_t _slave_address = 0;
+    tk_string _device_path;
+    std::vector<tk_string> _eds_paths;
+    bool _valid = false;
+};
+
+// One serial line: a node under ".../Interface Type/Serial/Interface". Valid when its serial
+// port is known; the line settings fall back to 9600 8N1 without flow control.
+class CModbusSerialInterfaceSettings {
+public:
+    enum flow_control_t : unsigned { FLOW_NONE = 0, FLOW_SOFTWARE = 1, FLOW_HARDWARE = 2 };
+    enum parity_t : unsigned { PARITY_NONE = 0, PARITY_ODD = 1, PARITY_EVEN = 2 };
+    enum stop_bits_t : unsigned { STOP_ONE = 0, STOP_ONE_AND_HALF = 1, STOP_TWO = 2 };
+
+    // number: the interface's number among the valid ones, given by the caller.
+    CModbusSerialInterfaceSettings(CCdsHandle& cds, const tk_string& idstr, unsigned int number);
+
+    unsigned int number() const { return _number; }
+    const tk_string& serial_port() const { return _serial_port; }
+    uint32_t baud_rate() const { return _baud_rate; }
+    unsigned flow_control() const { return _flow_control; }
+    // 5 to 8.
+    unsigned char_size() const { return _char_size; }
+    unsigned parity() const { return _parity; }
+    unsigned stop_bits() const { return _stop_bits; }
+    const std::vector<CModbusSerialSlaveSettings>& slaves() const { return _slaves; }
+    bool valid() const { return _valid; }
+
+private:
+    unsigned int _number;
+    tk_string _serial_port;
+    uint32_t _baud_rate = 9600;
+    unsigned _flow_control = FLOW_NONE;
+    unsigned _char_size = 8;
+    unsigned _parity = PARITY_NONE;
+    unsigned _stop_bits = STOP_ONE;
+    std::vector<CModbusSerialSlaveSettings> _slaves;
+    bool _valid = false;
+};
+
+// Interfaces numbered 0, 1, 2, ... in enumeration order; invalid ones take no number.
+class CModbusSerialSettings {
+public:
+    explicit CModbusSerialSettings(CCdsHandle& cds);
+
+    const std::vector<CModbusSerialInterfaceSettings>& interfaces() const { return _interfaces; }
+    uint32_t timeout() const { return _timeout; }
+
+private:
+    std::vector<CModbusSerialInterfaceSettings> _interfaces;
+    uint32_t _timeout = 1000;
+};
+
+class CModbusSettings {
+public:
+    explicit CModbusSettings(CCdsHandle& cds);
+
+    // Whether unmapped or unreadable addresses read as 0; false by default.
+    bool zero_fill() const { return _zero_fill; }
+    const CModbusTcpSettings& tcp() const { return _tcp; }
+    const CModbusSerialSettings& serial() const { return _serial; }
+
+private:
+    bool _zero_fill;
+    CModbusTcpSettings _tcp;
+    CModbusSerialSettings _serial;
+};

@@ -1,0 +1,197 @@
+#include "data/sample_store.h"
+#include "modbus/config/modbus_config.h"
+#include "support/subsystem_log.h"
+#include "util/generic_err.h"
+
+#include <boost/test/unit_test.hpp>
+
+using toolkit::CElement;
+
+namespace {
+
+const tk_string tcp_units = "/Software/Data Servers/Modbus/Interface Type/TCP/Mappings/";
+const tk_string interfaces = "/Software/Data Servers/Modbus/Interface Type/Serial/Interface/";
+
+CModbusSettings read_settings() {
+    CCdsHandle cds;
+    return CModbusSettings(cds);
+}
+
+// Units and slaves of its own, over mapping files written into the store's folder.
+struct CRegistryStore {
+    CTestStore store;
+
+    tk_string eds(const tk_string& name, const tk_string& text) {
+        const tk_string path = store.dir().file(name);
+        write_text(path, text);
+        return path;
+    }
+    void setting(const tk_string& node, const CElement& value) {
+        store.define(node + "/Value", value.type(), value);
+    }
+    void unit(const tk_string& name, unsigned id, const tk_string& eds_paths,
+              const tk_string& device = "/Dev") {
+        setting(tcp_units + name + "/Slave ID", CElement::from_uint(id));
+        setting(tcp_units + name + "/Device Path", CElement::from_string(device));
+        setting(tcp_units + name + "/EDS Paths", CElement::from_string(eds_paths));
+    }
+    void slave(const tk_string& iface, const tk_string& name, unsigned addr,
+               const tk_string& eds_paths, const tk_string& device = "/Dev") {
+        setting(interfaces + iface + "/Serial Port", CElement::from_string("/dev/null"));
+        const tk_string node = interfaces + iface + "/Mappings/" + name;
+        setting(node + "/Slave ID", CElement::from_uint(addr));
+        setting(node + "/Device Path", CElement::from_string(device));
+        setting(node + "/EDS Paths", CElement::from_string(eds_paths));
+    }
+};
+
+tk_string uint_node(const char* name, unsigned address) {
+    return "[p]\nName = /" + tk_string(name) + "/Value\nAddress = " + std::to_string(address) +
+           "\nExternalValueType = DATATYPE_UINT\nSize = 2\n";
+}
+
+} // namespace
+
+BOOST_AUTO_TEST_SUITE(config)
+
+BOOST_AUTO_TEST_CASE(sample_registry) {
+    CTestStore store;
+    load_sample_store(store);
+    const CModbusSettings settings = read_settings();
+    CSubsystemLog log(SS_CONFIG, 5);
+    CModbusConfig cfg(settings);
+    const std::string text = log.text();
+
+    // Three distinct files for four units, each parsed once, in path order.
+    BOOST_TEST(count_of(text, "Parsing EDS file '") == 3u);
+    BOOST_TEST(text.find("meter.eds") < text.find("ups.eds"));
+    BOOST_TEST(has_text(text, "Unit ID 1 : EDS '" + sample_data("eds/ups_extra.eds") + "'"));
+    BOOST_TEST(
+        has_text(text, "Interface ID 0, Serial Port Name /dev/null, Slave Address 17 : EDS '" +
+                           sample_data("eds/meter.eds") + "'"));
+
+    BOOST_TEST(cfg.tcp_count() == 2u);
+    BOOST_TEST(cfg.serial_count() == 2u);
+    CModbusDeviceConfig* u1 = cfg.tcp_config(1);
+    CModbusDeviceConfig* u2 = cfg.tcp_config(2);
+    CModbusDeviceConfig* s1 = cfg.serial_config(0, 1);
+    BOOST_REQUIRE(u1);
+    BOOST_REQUIRE(u2);
+    BOOST_REQUIRE(s1);
+    BOOST_TEST(cfg.tcp_config(0) == nullptr);
+    BOOST_TEST(cfg.tcp_config(3) == nullptr);
+    BOOST_TEST(cfg.serial_config(0, 17) != nullptr);
+    BOOST_TEST(cfg.serial_config(1, 1) == nullptr);
+    BOOST_TEST(cfg.serial_config(0, 2) == nullptr);
+
+    BOOST_TEST(u1->path() == "/Devices/UPS");
+    BOOST_TEST(u2->path() == "/Devices/UPS2");
+    BOOST_REQUIRE(u1->eds().size() == 2u);
+    BOOST_REQUIRE(u2->eds().size() == 1u);
+    BOOST_TEST(u1->eds()[0].get() == u2->eds()[0].get());
+    BOOST_TEST(u1->eds()[0].get() == s1->eds()[0].get());
+    BOOST_TEST(u1->eds()[1].get() != u1->eds()[0].get());
+    BOOST_TEST(!u1->zero_fill());
+    // Each unit keeps its own attributes, even over one file.
+    BOOST_TEST(&u1->dynamic_config() != &u2->dynamic_config());
+
+    BOOST_TEST(cfg.tcp_timeout() == 1000u);
+    BOOST_TEST(cfg.tcp_working_limit() == 900u);
+    BOOST_TEST(cfg.serial_timeout() == 500u);
+    BOOST_TEST(cfg.serial_working_limit() == 450u);
+    // ups_extra.eds maps the fourth newest event.
+    BOOST_TEST(cfg.max_event_index() == 3u);
+}
+
+BOOST_FIXTURE_TEST_CASE(working_limits_and_empty_registry, CRegistryStore) {
+    const struct {
+        uint64_t timeout;
+        uint32_t limit;
+    } cases[] = {{15, 13}, {1, 0}, {0, 0}, {4294967295u, 3865470565u}};
+    for (const auto& c : cases) {
+        setting("/Software/Data Servers/Modbus/Interface Type/TCP/Timeout",
+                CElement::from_uint(c.timeout));
+        setting("/Software/Data Servers/Modbus/Interface Type/Serial/Timeout",
+                CElement::from_uint(c.timeout));
+        const CModbusConfig cfg(read_settings());
+        BOOST_TEST(cfg.tcp_working_limit() == c.limit);
+        BOOST_TEST(cfg.serial_working_limit() == c.limit);
+        BOOST_TEST(cfg.tcp_count() == 0u);
+        BOOST_TEST(cfg.max_event_index() == 0u);
+    }
+}
+
+BOOST_FIXTURE_TEST_CASE(unparsable_files_stop_the_configuration, CRegistryStore) {
+    const tk_string good = eds("good.eds", uint_node("A", 1));
+    const tk_string broken = eds("broken.eds", "[p]\nthis is not a key\n");
+    const tk_string missing = store.dir().file("missing.eds");
+    const tk_string bad_index =
+        eds("index.eds", "[e]\nEventIndex = 70000\nEventProperty = ID\nAddress = 0\n"
+                         "ExternalValueType = DATATYPE_UINT\nSize = 4\n");
+    const struct {
+        tk_string path;
+        const char* reason;
+    } cases[] = {{broken, "Encountered error while processing '"},
+                 {missing, "Can't open EDS file '"},
+                 {bad_index, "Bad index: 70000"}};
+    for (const auto& c : cases) {
+        unit("u", 1, good + ";" + c.path);
+        const CModbusSettings settings = read_settings();
+        CScopedVerbosity mapping_level(SS_MAPPING, 1);
+        CSubsystemLog log(SS_CONFIG, 0);
+        BOOST_CHECK_THROW(CModbusConfig cfg(settings), generic_err);
+        const std::string text = log.text();
+        BOOST_TEST(has_text(text, "Error parsing EDS file: '" + c.path + "'"), text);
+        BOOST_TEST(has_text(text, c.reason), text);
+        BOOST_TEST(!has_text(text, "Error parsing EDS file: '" + good + "'"));
+    }
+}
+
+BOOST_FIXTURE_TEST_CASE(duplicate_units_keep_the_first, CRegistryStore) {
+    const tk_string a = eds("a.eds", uint_node("A", 1));
+    const tk_string b = eds("b.eds", uint_node("B", 1));
+    unit("first", 7, a, "/First");
+    unit("second", 7, b, "/Second");
+    slave("ttyS0", "first", 9, a, "/First");
+    slave("ttyS0", "second", 9, b, "/Second");
+    const CModbusSettings settings = read_settings();
+    CSubsystemLog log(SS_CONFIG, 1);
+    CModbusConfig cfg(settings);
+    const std::string text = log.text();
+    BOOST_TEST(has_text(text, "Duplicate Unit ID 7"));
+    BOOST_TEST(has_text(text, "Duplicate Slave Address 9 on interface 0"));
+    BOOST_TEST(cfg.tcp_count() == 1u);
+    BOOST_TEST(cfg.serial_count() == 1u);
+    BOOST_REQUIRE(cfg.tcp_config(7));
+    BOOST_TEST(cfg.tcp_config(7)->path() == "/First");
+    BOOST_TEST(cfg.serial_config(0, 9)->path() == "/First");
+}
+
+BOOST_FIXTURE_TEST_CASE(files_of_a_unit_in_order, CRegistryStore) {
+    // Both files map address 5 with id 1: the file listed first supplies the register.
+    const tk_string a = eds("a.eds", uint_node("A", 5) + uint_node("OnlyA", 6));
+    const tk_string b = eds("b.eds", uint_node("B", 5) + uint_node("OnlyB", 7));
+    unit("ab", 1, a + ";" + b);
+    unit("ba", 2, b + ";" + a);
+    for (const char* name : {"A", "B", "OnlyA", "OnlyB"})
+        store.define("/Dev/" + tk_string(name) + "/Value", CElement::TYPE_UINT,
+                     CElement::from_uint(name[0] == 'A'   ? 10
+                                         : name[0] == 'B' ? 20
+                                                          : 30));
+    CModbusConfig cfg(read_settings());
+    CCdsHandle cds;
+    CEventQueue events(1, "");
+    for (unit_id_t id : {1, 2}) {
+        const auto list = cfg.tcp_config(id)->get_registers(CAddressRange(5, 7));
+        BOOST_TEST(list->register_ranges().size() == 2u);
+        cds_leaf_set_t leaves = list->get_paths(true, true);
+        BOOST_TEST(leaves.size() == 4u + 2 * 4u);
+        cds.get(leaves, "/Dev");
+        list->update_configs(leaves);
+        BOOST_TEST(list->translate_vals(leaves, events) ==
+                       (regvec_t{id == 1 ? mbreg_t(10) : mbreg_t(20), 30, 30}),
+                   "unit " << unsigned(id));
+    }
+}
+
+BOOST_AUTO_TEST_SUITE_END()
