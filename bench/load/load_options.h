@@ -1,0 +1,24 @@
+#pragma once
+// The load client's command line. parse() never exits the process: it says what was wrong.
+#include <cstdint>
+#include <string>
+
+class CLoadOptions {
+public:
+    enum class request_t { read125, read1, write100, coils2000 };
+
+    // Empty when the arguments are good (or help was asked for); else the complaint.
+    std::string parse(int argc, char** argv);
+    static std::string usage(const char* program);
+    static const char* request_name(request_t request);
+
+    std::string host = "127.0.0.1";
+    uint16_t port = 502;
+    int unit = 1;
+    unsigned connections = 1;
+    unsigned duration_s = 5;
+    unsigned timeout_ms = 1000;
+    request_t request = request_t::read125;
+    uint16_t address = 0;
+    bool help = false;
+};

@@ -1,0 +1,291 @@
+#include "io/serial/serial_connection.h"
+
+#include "protocol/protocol_handler.h"
+#include "util/log.h"
+
+#include <boost/asio/write.hpp>
+
+#include <sys/ioctl.h>
+#include <time.h>
+
+#include <cassert>
+#include <climits>
+
+namespace {
+
+// CLOCK_MONOTONIC in nanoseconds; false when the clock can't be read.
+bool monotonic_ns(int64_t& now) {
+    timespec ts{};
+    if (::clock_gettime(CLOCK_MONOTONIC, &ts) != 0)
+        return false;
+    now = static_cast<int64_t>(ts.tv_sec) * 1000000000 + static_cast<int64_t>(ts.tv_nsec);
+    return true;
+}
+
+using port_t = boost::asio::serial_port_base;
+
+} // namespace
+
+CSerialConnection::rtu_timing_t CSerialConnection::rtu_timing(uint32_t baud, char_size_t char_size,
+                                                              parity_t parity,
+                                                              stop_bits_t stop_bits) {
+    const double bit_time = 1.0 / (baud == 0 ? 9600 : baud);
+    if (char_size < 5 || char_size > 8)
+        char_size = 8;
+    rtu_timing_t t{};
+    t.t15 = static_cast<int64_t>(bit_time * 11 * 1.5 * 1000000000);
+    t.char_bits = 1 + char_size + (parity == parity_t::odd || parity == parity_t::even ? 1 : 0) +
+                  (stop_bits == stop_bits_t::two ? 2 : 1);
+    t.char_time = static_cast<int64_t>(bit_time * t.char_bits * 1000000000);
+    return t;
+}
+
+std::shared_ptr<CSerialConnection> CSerialConnection::create(CIoManager& manager,
+                                                             const CProtocolHandler& prototype,
+                                                             const tk_string& device,
+                                                             unsigned interface_number) {
+    return std::shared_ptr<CSerialConnection>(
+        new CSerialConnection(manager, prototype, device, interface_number));
+}
+
+CSerialConnection::CSerialConnection(CIoManager& manager, const CProtocolHandler& prototype,
+                                     const tk_string& device, unsigned interface_number)
+    : CIoMessenger(manager, prototype), _port(get_io_service()), _device(device),
+      _interface(interface_number) {
+    boost::system::error_code ec;
+    _port.open(device, ec);
+    if (ec) {
+        LOG_ERR(SS_SERIAL_IO, 0, "Couldn't open serial port '%s': %s", device.c_str(),
+                ec.message().c_str());
+        return;
+    }
+    LOG_INFO(SS_SERIAL_IO, 2, "Opened serial port '%s' as interface %u", device.c_str(),
+             interface_number);
+}
+
+CSerialConnection::~CSerialConnection() {
+    try {
+        close();
+    } catch (const std::exception& e) {
+        LOG_DEBUG(SS_SERIAL_IO, 4, "%s", e.what());
+    }
+}
+
+std::shared_ptr<CSerialConnection> CSerialConnection::self() {
+    return std::static_pointer_cast<CSerialConnection>(shared_from_this());
+}
+
+template <class Option>
+void CSerialConnection::apply(const Option& option, const char* what, unsigned value) {
+    boost::system::error_code ec;
+    _port.set_option(option, ec);
+    if (ec)
+        LOG_ERR(SS_SERIAL_IO, 0, "Couldn't set %s %u on '%s': %s", what, value, _device.c_str(),
+                ec.message().c_str());
+    else
+        LOG_DEBUG(SS_SERIAL_IO, 4, "'%s': %s %u", _device.c_str(), what, value);
+}
+
+void CSerialConnection::set_baud_rate(unsigned baud) {
+    // Speed 0 would hang the line up instead.
+    if (baud == 0) {
+        LOG_ERR(SS_SERIAL_IO, 0, "Couldn't set baud rate 0 on '%s': not a line speed",
+                _device.c_str());
+        return;
+    }
+    apply(port_t::baud_rate(baud), "baud rate", baud);
+}
+
+void CSerialConnection::set_flow_control(flow_ctrl_t flow) {
+    const unsigned value = static_cast<unsigned>(flow);
+    switch (flow) {
+    case flow_ctrl_t::none:
+        return apply(port_t::flow_control(port_t::flow_control::none), "flow control", value);
+    case flow_ctrl_t::software:
+        return apply(port_t::flow_control(port_t::flow_control::software), "flow control", value);
+    case flow_ctrl_t::hardware:
+        return apply(port_t::flow_control(port_t::flow_control::hardware), "flow control", value);
+    }
+    LOG_ERR(SS_SERIAL_IO, 0, "Couldn't set flow control %u on '%s': no such setting", value,
+            _device.c_str());
+}
+
+void CSerialConnection::set_char_size(char_size_t bits) {
+    // The port would quietly take any other number as 5 bits.
+    if (bits < 5 || bits > 8) {
+        LOG_ERR(SS_SERIAL_IO, 0, "Couldn't set character size %u on '%s': 5 to 8 bits only", bits,
+                _device.c_str());
+        return;
+    }
+    apply(port_t::character_size(bits), "character size", bits);
+}
+
+void CSerialConnection::set_parity(parity_t parity) {
+    const unsigned value = static_cast<unsigned>(parity);
+    switch (parity) {
+    case parity_t::none:
+        return apply(port_t::parity(port_t::parity::none), "parity", value);
+    case parity_t::odd:
+        return apply(port_t::parity(port_t::parity::odd), "parity", value);
+    case parity_t::even:
+        return apply(port_t::parity(port_t::parity::even), "parity", value);
+    }
+    LOG_ERR(SS_SERIAL_IO, 0, "Couldn't set parity %u on '%s': no such setting", value,
+            _device.c_str());
+}
+
+void CSerialConnection::set_stop_bits(stop_bits_t stop_bits) {
+    const unsigned value = static_cast<unsigned>(stop_bits);
+    switch (stop_bits) {
+    case stop_bits_t::one:
+        return apply(port_t::stop_bits(port_t::stop_bits::one), "stop bits", value);
+    case stop_bits_t::one_and_half:
+        return apply(port_t::stop_bits(port_t::stop_bits::onepointfive), "stop bits", value);
+    case stop_bits_t::two:
+        return apply(port_t::stop_bits(port_t::stop_bits::two), "stop bits", value);
+    }
+    LOG_ERR(SS_SERIAL_IO, 0, "Couldn't set stop bits %u on '%s': no such setting", value,
+            _device.c_str());
+}
+
+void CSerialConnection::generate_RTU_timers(uint32_t baud, char_size_t char_size, parity_t parity,
+                                            stop_bits_t stop_bits, size_t timeout) {
+    assert(_prot);
+    if (timeout != 0)
+        _prot->set_timeout(static_cast<unsigned>(std::min<size_t>(timeout, UINT_MAX)));
+    _prot->create_adu();
+    if (baud == 0)
+        LOG_ERR(SS_SERIAL_IO, 0, "Baud rate 0 on '%s': timing frames as at 9600 baud",
+                _device.c_str());
+    const rtu_timing_t timing = rtu_timing(baud, char_size, parity, stop_bits);
+    _timerT15 = timing.t15;
+    _char_time = timing.char_time;
+    if (log_enabled(SS_SERIAL_IO, 4)) {
+        LOG_DEBUG(SS_SERIAL_IO, 4, "_timerT15 = %lld nanoseconds",
+                  static_cast<long long>(_timerT15));
+        LOG_DEBUG(SS_SERIAL_IO, 4, "char_bits = %u", timing.char_bits);
+        LOG_DEBUG(SS_SERIAL_IO, 4, "_char_time = %lld nanoseconds",
+                  static_cast<long long>(_char_time));
+    }
+    reset_flags();
+}
+
+void CSerialConnection::close() {
+    if (!_port.is_open())
+        return;
+    LOG_INFO(SS_SERIAL_IO, 2, "Closing serial port '%s'", _device.c_str());
+    boost::system::error_code ec;
+    _port.close(ec);
+    if (ec)
+        throw boost::system::system_error(ec, "close");
+}
+
+void CSerialConnection::reset_flags() {
+    _offset = 0;
+    _hunting = true;
+    _skip_silence = false;
+    int64_t now = 0;
+    _last_rx = monotonic_ns(now) ? now : 0;
+}
+
+void CSerialConnection::read_more() {
+    assert(_port.is_open());
+    assert(_offset < _rbuf.size());
+    auto me = self();
+    _port.async_read_some(boost::asio::buffer(_rbuf.data() + _offset, _rbuf.size() - _offset),
+                          [me](const boost::system::error_code& error, size_t count) {
+                              me->handle_read(error, count);
+                          });
+}
+
+void CSerialConnection::handle_read(const boost::system::error_code& error, size_t count) {
+    LOG_STACK();
+    if (error) {
+        if (error == boost::asio::error::operation_aborted)
+            return;
+        LOG_ERR(SS_SERIAL_IO, 1, "Reading '%s': %s", _device.c_str(), error.message().c_str());
+        remove();
+        return;
+    }
+    if (count == 0) {
+        read_more();
+        return;
+    }
+    _offset += count;
+    assert(_offset <= _rbuf.size());
+    LOG_DUMP(SS_SERIAL_IO, 6, _rbuf.data() + _offset - count, count, "Received");
+    if (!_hunting) {
+        parse();
+        return;
+    }
+    const bool skip_silence = _skip_silence;
+    _skip_silence = false;
+    int64_t now = 0;
+    if (!monotonic_ns(now)) {
+        _offset = 0;
+        read_more();
+        return;
+    }
+    // The first of these bytes began (count - 1) characters before now.
+    const int64_t silent_until =
+        _last_rx + _timerT15 + _char_time * (static_cast<int64_t>(count) - 1);
+    if ((skip_silence || now > silent_until) && _prot->validate(_rbuf[0])) {
+        _hunting = false;
+        parse();
+        return;
+    }
+    LOG_DEBUG(SS_SERIAL_IO, 5, "'%s': dropped %u bytes while hunting for a frame", _device.c_str(),
+              static_cast<unsigned>(count));
+    _last_rx = now;
+    _offset = 0;
+    read_more();
+}
+
+void CSerialConnection::parse() {
+    if (_offset > max_frame_backlog) {
+        LOG_WARN(SS_SERIAL_IO, 2, "'%s': dropped %u bytes that never made a frame", _device.c_str(),
+                 static_cast<unsigned>(_offset));
+        reset_flags();
+        _rbuf.assign(buffer_step, 0);
+        read_more();
+        return;
+    }
+    parse_or_read_more();
+}
+
+bool CSerialConnection::input_waiting() {
+    int queued = 0;
+    return ::ioctl(_port.native_handle(), FIONREAD, &queued) == 0 && queued > 0;
+}
+
+void CSerialConnection::write() {
+    assert(!_wbuf.empty());
+    // A late answer for a port that has been closed meanwhile goes nowhere.
+    if (!_port.is_open())
+        return;
+    LOG_DUMP(SS_SERIAL_IO, 6, _wbuf.data(), _wbuf.size(), "Sending");
+    auto me = self();
+    boost::asio::async_write(
+        _port, boost::asio::buffer(_wbuf),
+        [me](const boost::system::error_code& error, size_t) { me->handle_write(error); });
+}
+
+void CSerialConnection::handle_write(const boost::system::error_code& error) {
+    LOG_STACK();
+    if (error) {
+        if (error == boost::asio::error::operation_aborted)
+            return;
+        LOG_ERR(SS_SERIAL_IO, 1, "Writing '%s': %s", _device.c_str(), error.message().c_str());
+        remove();
+        return;
+    }
+    if (_offset != 0) {
+        parse();
+        return;
+    }
+    reset_flags();
+    // A request that came while the answer was being prepared or written waits in the driver;
+    // it followed a complete exchange, so its start needs no silence test.
+    _skip_silence = input_waiting();
+    read_more();
+}

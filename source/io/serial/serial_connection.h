@@ -1,0 +1,95 @@
+#pragma once
+// The messenger of one Modbus RTU serial interface. It opens the device, applies the line
+// settings, and knows the RTU character timing its protocol handler needs to find frames.
+//
+// RTU frames carry no length, so the connection hunts for a frame start: while hunting, a
+// read is handed to the handler only when its first byte began after a silence of more than
+// 1.5 characters and the handler validates that byte as a served slave address; anything
+// else is dropped unseen. Once a frame has started, bytes are passed on until the handler
+// takes the request or rejects it (it then calls reset_flags() to hunt again). A frame that
+// grows past max_frame_backlog bytes without being taken is dropped as noise.
+//
+// After an answer has been written, bytes that were already waiting (in the buffer or in the
+// driver) are served without a silence test; the line is hunted afresh otherwise. Note that a
+// pseudo-terminal has no line timing: a peer that sends within 1.5 characters plus the time
+// of its own frame after an answer is treated as noise, as on a real line.
+//
+// Failing to open the device is logged and reported by is_open(), never thrown. A setting the
+// port refuses is logged and the port keeps its previous value. An I/O error or the other end
+// going away ends only this connection.
+#include "io/io_messenger.h"
+#include "toolkit/tk_string.h"
+
+#include <boost/asio/serial_port.hpp>
+
+#include <cstdint>
+
+class CSerialConnection : public CIoMessenger {
+public:
+    // Data bits, 5 to 8.
+    using char_size_t = unsigned;
+    // The values are those of the interface settings.
+    enum class parity_t : unsigned { none = 0, odd = 1, even = 2 };
+    enum class stop_bits_t : unsigned { one = 0, one_and_half = 1, two = 2 };
+    enum class flow_ctrl_t : unsigned { none = 0, software = 1, hardware = 2 };
+
+    // Character timing of a frame format, in nanoseconds.
+    struct rtu_timing_t {
+        int64_t t15;       // the 1.5-character silence, always counted with 11-bit characters
+        int64_t char_time; // one character of the actual format
+        unsigned char_bits;
+    };
+    // A baud rate of 0 is timed as 9600.
+    static rtu_timing_t rtu_timing(uint32_t baud, char_size_t char_size, parity_t parity,
+                                   stop_bits_t stop_bits);
+
+    static constexpr size_t max_frame_backlog = 512;
+
+    static std::shared_ptr<CSerialConnection> create(CIoManager& manager,
+                                                     const CProtocolHandler& prototype,
+                                                     const tk_string& device,
+                                                     unsigned interface_number);
+    ~CSerialConnection() override;
+
+    bool is_open() const { return _port.is_open(); }
+    unsigned interface_id() const { return _interface; }
+    const tk_string& device() const { return _device; }
+    int64_t char_time() const { return _char_time; }
+    int64_t timer_t15() const { return _timerT15; }
+
+    void set_baud_rate(unsigned baud);
+    void set_flow_control(flow_ctrl_t flow);
+    void set_char_size(char_size_t bits);
+    void set_parity(parity_t parity);
+    void set_stop_bits(stop_bits_t stop_bits);
+    // Hands a non-zero response time-out (milliseconds) to the handler, makes the handler's
+    // frame object, computes the timing and starts hunting. Call before start().
+    void generate_RTU_timers(uint32_t baud, char_size_t char_size, parity_t parity,
+                             stop_bits_t stop_bits, size_t timeout);
+
+    void close() override;
+    void read_more() override;
+    // Drops the unread bytes and hunts for the next frame start from now.
+    void reset_flags() override;
+    void write() override;
+    void handle_read(const boost::system::error_code& error, size_t count) override;
+    void handle_write(const boost::system::error_code& error) override;
+    void parse() override;
+
+private:
+    CSerialConnection(CIoManager& manager, const CProtocolHandler& prototype,
+                      const tk_string& device, unsigned interface_number);
+    std::shared_ptr<CSerialConnection> self();
+    template <class Option> void apply(const Option& option, const char* what, unsigned value);
+    bool input_waiting();
+
+    boost::asio::serial_port _port;
+    tk_string _device;
+    unsigned _interface;
+    int64_t _char_time = 0;
+    int64_t _timerT15 = 0;
+    bool _hunting = true;
+    // Takes the next read as framed, whatever its timing.
+    bool _skip_silence = false;
+    int64_t _last_rx = 0;
+};
