@@ -135,6 +135,9 @@ BOOST_AUTO_TEST_CASE(malformed_json_writes_nothing) {
     const CRunResult missing = run({"load", dir.file("none.json")});
     BOOST_TEST(missing.status == 1);
     BOOST_TEST(has_text(missing.err, dir.file("none.json")));
+    const CRunResult folder = run({"load", dir.path()});
+    BOOST_TEST(folder.status == 1);
+    BOOST_TEST(has_text(folder.err, "not a regular file"));
 }
 
 BOOST_AUTO_TEST_CASE(get_set_ls_rm) {

@@ -10,6 +10,7 @@
 #include <iostream>
 #include <iterator>
 #include <sstream>
+#include <sys/stat.h>
 #include <sys/time.h>
 
 using nlohmann::json;
@@ -37,18 +38,29 @@ timeval now() {
 }
 
 bool read_file(const tk_string& name, tk_string& text, tk_string& error) {
-    if (name == "-") {
-        text.assign(std::istreambuf_iterator<char>(std::cin), std::istreambuf_iterator<char>());
-        return true;
+    std::ifstream file;
+    std::istream* in = &std::cin;
+    if (name != "-") {
+        struct stat st;
+        if (::stat(name.c_str(), &st) != 0) {
+            error = name + ": cannot open: " + std::strerror(errno);
+            return false;
+        }
+        if (!S_ISREG(st.st_mode)) {
+            error = name + ": cannot open: not a regular file";
+            return false;
+        }
+        file.open(name, std::ios::binary);
+        if (!file) {
+            error = name + ": cannot open: " + std::strerror(errno);
+            return false;
+        }
+        in = &file;
     }
-    std::ifstream in(name, std::ios::binary);
-    if (!in) {
-        error = name + ": cannot open: " + std::strerror(errno);
-        return false;
-    }
-    text.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-    if (in.bad()) {
-        error = name + ": read error";
+    try {
+        text.assign(std::istreambuf_iterator<char>(*in), std::istreambuf_iterator<char>());
+    } catch (const std::exception& e) {
+        error = name + ": read error: " + e.what();
         return false;
     }
     return true;
@@ -419,7 +431,12 @@ int CCdsctl::cmd_get(const CArgs& args) {
     for (size_t i = 0; i < args.positional.size(); ++i) {
         const tk_string& path = args.positional[i];
         if (statuses[i] != API_STATUS_OK) {
-            rc = fail(CCdsStore::normal_path(path) + ": " + status_text(statuses[i]));
+            const tk_string normal = CCdsStore::normal_path(path);
+            const bool children =
+                normal.size() >= 9 && normal.compare(normal.size() - 9, 9, "/Children") == 0;
+            rc = fail(normal + ": " +
+                      (children && statuses[i] == API_STATUS_NOT_FOUND ? "no such node"
+                                                                       : status_text(statuses[i])));
             continue;
         }
         tk_string line = several ? path + " = " + values[i].str() : values[i].str();
