@@ -140,6 +140,7 @@ BOOST_FIXTURE_TEST_CASE(tcp_units, CSettingsStore) {
     unit("b256", CElement::from_uint(256));
     unit("c_negative", CElement::from_int(-1));
     unit("d_text", CElement::from_string("seven"));
+    unit("d_wide", CElement::from_uint(4294967297u));
     unit("e_no_device", CElement::from_uint(5), nullptr);
     unit("f_empty_device", CElement::from_uint(6), "");
     unit("g_no_eds", CElement::from_uint(7), "/Dev", nullptr);
@@ -158,9 +159,10 @@ BOOST_FIXTURE_TEST_CASE(tcp_units, CSettingsStore) {
     BOOST_TEST((u.eds_paths() == std::vector<tk_string>{"a.eds", "b.eds"}));
     for (const char* line :
          {"Invalid Unit ID: 256", "Invalid Unit ID: '-1'", "Invalid Unit ID: 'seven'",
-          "Can't fetch device path for e_no_device", "Empty device path for f_empty_device",
-          "Can't fetch EDS paths for g_no_eds", "No EDS paths for h_empty_eds",
-          "No EDS paths for i_only_separators", "Can't fetch UnitID for j_no_id"})
+          "Invalid Unit ID: '4294967297'", "Can't fetch device path for e_no_device",
+          "Empty device path for f_empty_device", "Can't fetch EDS paths for g_no_eds",
+          "No EDS paths for h_empty_eds", "No EDS paths for i_only_separators",
+          "Can't fetch UnitID for j_no_id"})
         BOOST_TEST(has_text(text, line), line);
     // Narration stays below the error level.
     BOOST_TEST(!has_text(text, "Unit ID: 0"));
