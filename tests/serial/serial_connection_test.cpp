@@ -1,0 +1,426 @@
+#include "io/serial/serial_connection.h"
+#include "protocol/protocol_handler.h"
+#include "support/loop_fixture.h"
+#include "support/pty_pair.h"
+#include "support/pty_peer.h"
+#include "support/stderr_capture.h"
+
+#include <boost/test/unit_test.hpp>
+
+#include <algorithm>
+#include <cctype>
+
+namespace {
+
+using parity_t = CSerialConnection::parity_t;
+using stop_bits_t = CSerialConnection::stop_bits_t;
+using flow_ctrl_t = CSerialConnection::flow_ctrl_t;
+using bytes_t = std::vector<uint8_t>;
+
+constexpr uint8_t served = 0x11;
+// At 1200 baud the 1.5-character silence is 13.75 ms and a character 8.3 ms, so a test
+// frame needs well under `quiet` before it and `too_soon` is far inside the window.
+constexpr uint32_t test_baud = 1200;
+constexpr auto quiet = std::chrono::milliseconds(200);
+constexpr auto too_soon = std::chrono::milliseconds(5);
+// Long enough for the loop to read a frame's first bytes on their own: a pty delivers a
+// whole write at once, which at test_baud would look like bytes that began long ago.
+constexpr auto settle = std::chrono::milliseconds(30);
+
+struct CFrameLog {
+    std::vector<std::string> frames;
+    std::vector<unsigned> timeouts;
+    unsigned adus = 0;
+    size_t max_unread = 0;
+};
+
+// A frame is an address byte, text and a newline. Address 0x11 is served: the answer is the
+// address and the text in upper case, optionally after a delay. Text that starts with '!' is
+// refused the way a frame with a bad CRC is: no answer, and the line is hunted again.
+class CFrameHandler : public CProtocolHandler {
+public:
+    CFrameHandler(CIoMessenger* messenger, CFrameLog& log, int delay_ms)
+        : CProtocolHandler(messenger), _log(log), _delay_ms(delay_ms) {}
+
+    bool parse() override { return parse_request(); }
+    bool validate(unsigned char address) override { return address == served; }
+    void set_timeout(unsigned timeout) override { _log.timeouts.push_back(timeout); }
+    void create_adu() override { ++_log.adus; }
+
+    bool parse_request() override {
+        const iobuf_const_pair_t unread = _messenger->get_rbuf();
+        _log.max_unread =
+            std::max(_log.max_unread, static_cast<size_t>(unread.second - unread.first));
+        const auto nl = std::find(unread.first, unread.second, '\n');
+        if (nl == unread.second)
+            return false;
+        std::string text(nl == unread.first ? nl : unread.first + 1, nl);
+        _messenger->clear_rbuf(nl + 1);
+        _log.frames.push_back(text);
+        if (!text.empty() && text[0] == '!') {
+            _messenger->reset_flags();
+            _messenger->read_more();
+            return true;
+        }
+        std::transform(text.begin(), text.end(), text.begin(), ::toupper);
+        iobuf_t& out = _messenger->wbuf();
+        out.assign(1, served);
+        out.insert(out.end(), text.begin(), text.end());
+        out.push_back('\n');
+        if (_delay_ms == 0) {
+            _messenger->write();
+            return true;
+        }
+        auto timer = std::make_shared<boost::asio::steady_timer>(_messenger->get_io_service());
+        timer->expires_after(std::chrono::milliseconds(_delay_ms));
+        auto messenger = std::static_pointer_cast<CIoMessenger>(_messenger->shared_from_this());
+        timer->async_wait([timer, messenger](const boost::system::error_code& e) {
+            if (!e)
+                messenger->write();
+        });
+        return true;
+    }
+    std::shared_ptr<CProtocolHandler> clone(CIoMessenger* messenger) const override {
+        return std::make_shared<CFrameHandler>(messenger, _log, _delay_ms);
+    }
+
+private:
+    CFrameLog& _log;
+    int _delay_ms;
+};
+
+bytes_t frame(uint8_t address, const std::string& text) {
+    bytes_t out{address};
+    for (const char c : text)
+        out.push_back(static_cast<uint8_t>(c));
+    out.push_back('\n');
+    return out;
+}
+
+bytes_t answer(std::string text) {
+    std::transform(text.begin(), text.end(), text.begin(), ::toupper);
+    return frame(served, text);
+}
+
+bool have_socat() {
+    if (CPtyPair::socat_available())
+        return true;
+    BOOST_TEST_MESSAGE("socat is not installed: serial line test skipped");
+    return false;
+}
+
+void pause(std::chrono::milliseconds ms) {
+    std::this_thread::sleep_for(ms);
+}
+
+class CVerbosity {
+public:
+    CVerbosity(subsystem_t ss, int32_t level) : _ss(ss), _saved(_svr_verb_array[ss]) {
+        _svr_verb_array[ss] = level;
+    }
+    ~CVerbosity() { _svr_verb_array[_ss] = _saved; }
+
+private:
+    subsystem_t _ss;
+    int32_t _saved;
+};
+
+// A serial connection on end a of a pty pair; the test talks on end b.
+struct CLineFixture : CLoopFixture {
+    explicit CLineFixture(int delay_ms = 0) : prototype(nullptr, log, delay_ms) {
+        BOOST_REQUIRE(pty.ok());
+        conn = open(pty.end_a());
+    }
+    std::shared_ptr<CSerialConnection> open(const std::string& device) {
+        auto c = CSerialConnection::create(manager, prototype, device, 0);
+        BOOST_REQUIRE(c->is_open());
+        c->set_baud_rate(test_baud);
+        c->set_flow_control(flow_ctrl_t::none);
+        c->set_char_size(8);
+        c->set_parity(parity_t::none);
+        c->set_stop_bits(stop_bits_t::one);
+        c->generate_RTU_timers(test_baud, 8, parity_t::none, stop_bits_t::one, 0);
+        manager.add(c);
+        c->start();
+        return c;
+    }
+    bool wait_for_actors(size_t count) {
+        for (int i = 0; i < 300; ++i) {
+            if (in_loop([this] { return manager.actor_count(); }) == count)
+                return true;
+            pause(std::chrono::milliseconds(10));
+        }
+        return false;
+    }
+
+    CFrameLog log;
+    CFrameHandler prototype;
+    CPtyPair pty;
+    std::shared_ptr<CSerialConnection> conn;
+};
+
+} // namespace
+
+BOOST_AUTO_TEST_SUITE(serial_io)
+
+BOOST_AUTO_TEST_CASE(rtu_timing_of_frame_formats) {
+    const struct {
+        uint32_t baud;
+        int64_t t15;
+    } bauds[] = {{9600, 1718750}, {19200, 859375}, {38400, 429687}, {115200, 143229}};
+    const struct {
+        unsigned size;
+        parity_t parity;
+        stop_bits_t stop;
+        unsigned bits;
+    } formats[] = {{8, parity_t::none, stop_bits_t::one, 10},
+                   {8, parity_t::even, stop_bits_t::two, 12},
+                   {7, parity_t::odd, stop_bits_t::one, 10},
+                   {8, parity_t::odd, stop_bits_t::one_and_half, 11},
+                   {7, parity_t::none, stop_bits_t::two, 10}};
+    for (const auto& b : bauds)
+        for (const auto& f : formats) {
+            const auto t = CSerialConnection::rtu_timing(b.baud, f.size, f.parity, f.stop);
+            BOOST_TEST(t.t15 == b.t15, b.baud << " baud");
+            BOOST_TEST(t.char_bits == f.bits, f.size << " bits");
+        }
+    BOOST_TEST(CSerialConnection::rtu_timing(9600, 8, parity_t::none, stop_bits_t::one).char_time ==
+               1041666);
+    BOOST_TEST(
+        CSerialConnection::rtu_timing(115200, 8, parity_t::even, stop_bits_t::two).char_time ==
+        104166);
+    // Settings outside the usual ranges still give sane timing.
+    BOOST_TEST(CSerialConnection::rtu_timing(0, 8, parity_t::none, stop_bits_t::one).t15 ==
+               1718750);
+    BOOST_TEST(CSerialConnection::rtu_timing(9600, 40, static_cast<parity_t>(9),
+                                             static_cast<stop_bits_t>(9))
+                   .char_bits == 10u);
+}
+
+BOOST_AUTO_TEST_CASE(missing_device_is_reported) {
+    CLoopFixture loop;
+    CFrameLog log;
+    CFrameHandler prototype(nullptr, log, 0);
+    CVerbosity verbosity(SS_SERIAL_IO, 4);
+    CStderrCapture capture;
+    auto missing = CSerialConnection::create(loop.manager, prototype, "/nonexistent/ttyS9", 2);
+    auto not_tty = CSerialConnection::create(loop.manager, prototype, "/dev/null", 3);
+    BOOST_TEST(!missing->is_open());
+    BOOST_TEST(!not_tty->is_open());
+    BOOST_TEST(missing->interface_id() == 2u);
+    // Settings on a port that did not open are refused, never thrown.
+    missing->set_baud_rate(9600);
+    missing->set_flow_control(flow_ctrl_t::none);
+    missing->set_char_size(8);
+    missing->set_parity(parity_t::even);
+    missing->set_stop_bits(stop_bits_t::one);
+    missing->generate_RTU_timers(19200, 8, parity_t::even, stop_bits_t::one, 250);
+    missing->generate_RTU_timers(19200, 8, parity_t::even, stop_bits_t::one, 0);
+    const std::string text = capture.text();
+    BOOST_TEST(text.find("Couldn't open serial port '/nonexistent/ttyS9': ") != std::string::npos,
+               text);
+    BOOST_TEST(text.find("Couldn't open serial port '/dev/null': ") != std::string::npos);
+    BOOST_TEST(text.find("Couldn't set baud rate 9600 on '/nonexistent/ttyS9'") !=
+               std::string::npos);
+    const size_t t15 = text.find("_timerT15 = 859375 nanoseconds");
+    const size_t bits = text.find("char_bits = 11");
+    const size_t char_time = text.find("_char_time = 572916 nanoseconds");
+    BOOST_TEST(t15 != std::string::npos);
+    BOOST_TEST((t15 < bits && bits < char_time && char_time != std::string::npos));
+    // The time-out reaches the handler only when given; the frame object is made every time.
+    BOOST_TEST(log.timeouts == std::vector<unsigned>{250}, boost::test_tools::per_element());
+    BOOST_TEST(log.adus == 2u);
+    BOOST_TEST(missing->timer_t15() == 859375);
+}
+
+BOOST_AUTO_TEST_CASE(bytes_without_silence_are_dropped) {
+    if (!have_socat())
+        return;
+    CLineFixture f;
+    const bool finished = f.run_with([&] {
+        CPtyPeer peer(f.pty.end_b());
+        BOOST_REQUIRE(peer.ok());
+        pause(quiet);
+        // Noise, then frames each too close to the bytes before: every one is dropped and
+        // restarts the wait for silence.
+        BOOST_TEST(peer.send({0x55, 0x01, 0x02}));
+        for (const char* text : {"a", "b", "c"}) {
+            pause(too_soon);
+            BOOST_TEST(peer.send(frame(served, text)));
+        }
+        BOOST_TEST(peer.silent_for(quiet.count()));
+        BOOST_TEST(peer.send(frame(served, "d")));
+        BOOST_TEST(peer.receive(3) == answer("d"));
+    });
+    BOOST_TEST(finished);
+    BOOST_TEST(f.log.frames == std::vector<std::string>{"d"}, boost::test_tools::per_element());
+}
+
+BOOST_AUTO_TEST_CASE(foreign_and_refused_frames_restart_the_hunt) {
+    if (!have_socat())
+        return;
+    CLineFixture f;
+    const bool finished = f.run_with([&] {
+        CPtyPeer peer(f.pty.end_b());
+        BOOST_REQUIRE(peer.ok());
+        pause(quiet);
+        BOOST_TEST(peer.send(frame(0x22, "other")));
+        BOOST_TEST(peer.silent_for(quiet.count()));
+        // The handler refuses this one; what follows at once is not a frame start.
+        BOOST_TEST(peer.send(frame(served, "!bad")));
+        pause(too_soon * 4);
+        BOOST_TEST(peer.send(frame(served, "soon")));
+        BOOST_TEST(peer.silent_for(quiet.count()));
+        BOOST_TEST(peer.send(frame(served, "later")));
+        BOOST_TEST(peer.receive(7) == answer("later"));
+    });
+    BOOST_TEST(finished);
+    BOOST_TEST(f.log.frames == (std::vector<std::string>{"!bad", "later"}),
+               boost::test_tools::per_element());
+}
+
+BOOST_AUTO_TEST_CASE(pieces_long_frames_and_back_to_back_requests) {
+    if (!have_socat())
+        return;
+    CLineFixture f;
+    const std::string long_text(400, 'x');
+    const bool finished = f.run_with([&] {
+        CPtyPeer peer(f.pty.end_b());
+        BOOST_REQUIRE(peer.ok());
+        pause(quiet);
+        // A request in pieces with pauses far longer than the silence between them.
+        BOOST_TEST(peer.send({served, 'a'}));
+        pause(settle);
+        BOOST_TEST(peer.send({'b'}));
+        pause(settle);
+        BOOST_TEST(peer.send({'c', '\n'}));
+        BOOST_TEST(peer.receive(5) == answer("abc"));
+        // Longer than the first 256 bytes of the buffer; the start comes alone, the rest in
+        // chunks.
+        pause(quiet);
+        const bytes_t big = frame(served, long_text);
+        for (size_t i = 0; i < big.size(); i += (i == 0 ? 2 : 100)) {
+            const size_t end = std::min(i + (i == 0 ? 2 : 100), big.size());
+            BOOST_TEST(peer.send(bytes_t(big.begin() + static_cast<std::ptrdiff_t>(i),
+                                         big.begin() + static_cast<std::ptrdiff_t>(end))));
+            pause(settle);
+        }
+        BOOST_TEST(peer.receive(big.size()) == answer(long_text));
+        // Two requests in one write: the second is served from the buffer after the first
+        // answer, without waiting for silence.
+        pause(quiet);
+        bytes_t two = frame(served, "one");
+        const bytes_t second = frame(served, "two");
+        two.insert(two.end(), second.begin(), second.end());
+        BOOST_TEST(peer.send(two));
+        bytes_t both = answer("one");
+        const bytes_t answer2 = answer("two");
+        both.insert(both.end(), answer2.begin(), answer2.end());
+        BOOST_TEST(peer.receive(both.size()) == both);
+    });
+    BOOST_TEST(finished);
+    BOOST_TEST(f.log.frames == (std::vector<std::string>{"abc", long_text, "one", "two"}),
+               boost::test_tools::per_element());
+}
+
+BOOST_AUTO_TEST_CASE(request_during_an_answer_is_kept) {
+    if (!have_socat())
+        return;
+    CLineFixture f(100);
+    const bool finished = f.run_with([&] {
+        CPtyPeer peer(f.pty.end_b());
+        BOOST_REQUIRE(peer.ok());
+        pause(quiet);
+        BOOST_TEST(peer.send(frame(served, "first")));
+        pause(std::chrono::milliseconds(30));
+        BOOST_TEST(peer.send(frame(served, "second")));
+        bytes_t both = answer("first");
+        const bytes_t answer2 = answer("second");
+        both.insert(both.end(), answer2.begin(), answer2.end());
+        BOOST_TEST(peer.receive(both.size()) == both);
+    });
+    BOOST_TEST(finished);
+}
+
+BOOST_AUTO_TEST_CASE(noise_cannot_grow_the_buffer) {
+    if (!have_socat())
+        return;
+    CLineFixture f;
+    const bool finished = f.run_with([&] {
+        CPtyPeer peer(f.pty.end_b());
+        BOOST_REQUIRE(peer.ok());
+        pause(quiet);
+        // Starts like a frame, never ends.
+        BOOST_TEST(peer.send({served}));
+        pause(settle);
+        for (int i = 0; i < 20; ++i) {
+            BOOST_TEST(peer.send(bytes_t(100, 'n')));
+            pause(too_soon);
+        }
+        BOOST_TEST(peer.silent_for(quiet.count()));
+        BOOST_TEST(peer.send(frame(served, "ok")));
+        BOOST_TEST(peer.receive(4) == answer("ok"));
+    });
+    BOOST_TEST(finished);
+    BOOST_TEST(f.log.frames == std::vector<std::string>{"ok"}, boost::test_tools::per_element());
+    BOOST_TEST(f.log.max_unread <= CSerialConnection::max_frame_backlog + 256);
+}
+
+BOOST_AUTO_TEST_CASE(refused_settings_leave_the_line_working) {
+    if (!have_socat())
+        return;
+    CVerbosity verbosity(SS_SERIAL_IO, 1);
+    CPtyPair pty;
+    BOOST_REQUIRE(pty.ok());
+    CLoopFixture loop;
+    CFrameLog log;
+    CFrameHandler prototype(nullptr, log, 0);
+    CStderrCapture capture;
+    auto conn = CSerialConnection::create(loop.manager, prototype, pty.end_a(), 1);
+    BOOST_REQUIRE(conn->is_open());
+    conn->set_baud_rate(12345);
+    conn->set_baud_rate(0);
+    conn->set_flow_control(static_cast<flow_ctrl_t>(7));
+    conn->set_char_size(9);
+    conn->set_parity(static_cast<parity_t>(3));
+    conn->set_stop_bits(stop_bits_t::one_and_half);
+    conn->generate_RTU_timers(test_baud, 8, parity_t::none, stop_bits_t::one, 0);
+    loop.manager.add(conn);
+    conn->start();
+    const bool finished = loop.run_with([&] {
+        CPtyPeer peer(pty.end_b());
+        BOOST_REQUIRE(peer.ok());
+        pause(quiet);
+        BOOST_TEST(peer.send(frame(served, "fine")));
+        BOOST_TEST(peer.receive(6) == answer("fine"));
+    });
+    BOOST_TEST(finished);
+    const std::string text = capture.text();
+    for (const char* refused :
+         {"Couldn't set baud rate 12345", "Couldn't set baud rate 0", "Couldn't set flow control 7",
+          "Couldn't set character size 9", "Couldn't set parity 3", "Couldn't set stop bits 1"})
+        BOOST_TEST(text.find(refused) != std::string::npos, refused << " in " << text);
+}
+
+BOOST_AUTO_TEST_CASE(line_going_away_ends_only_its_connection) {
+    if (!have_socat())
+        return;
+    CLineFixture f;
+    CPtyPair other;
+    BOOST_REQUIRE(other.ok());
+    auto second = f.open(other.end_a());
+    const bool finished = f.run_with([&] {
+        CPtyPeer peer(other.end_b());
+        BOOST_REQUIRE(peer.ok());
+        BOOST_TEST(f.wait_for_actors(2));
+        f.pty.stop();
+        BOOST_TEST(f.wait_for_actors(1));
+        BOOST_TEST(f.in_loop([&] { return f.manager.contains(second); }));
+        pause(quiet);
+        BOOST_TEST(peer.send(frame(served, "alive")));
+        BOOST_TEST(peer.receive(7) == answer("alive"));
+    });
+    BOOST_TEST(finished);
+}
+
+BOOST_AUTO_TEST_SUITE_END()
