@@ -246,6 +246,7 @@ BOOST_FIXTURE_TEST_CASE(discretes, CSample) {
     BOOST_TEST((bits(10, 12) == std::vector<bool>{1, 0, 1}));
     BOOST_TEST((read_bits(0, 2) == std::vector<bool>{1, 1, 0}));
     BOOST_TEST((read_bits(5, 5) == std::vector<bool>{1}));
+    BOOST_TEST((read_bits(20, 20) == std::vector<bool>{1})); // the unit's second file
     BOOST_CHECK_THROW(read_bits(10, 12), generic_err);
     BOOST_CHECK_THROW(read_bits(6, 6), generic_err);
 
