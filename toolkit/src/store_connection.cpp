@@ -382,6 +382,10 @@ int CStoreConnection::get(const std::vector<tk_string>& paths, std::vector<api_s
 int CStoreConnection::set(const std::vector<tk_string>& paths, const std::vector<CElement>& values,
                           std::vector<api_status_t>& statuses, const tk_string& writer) {
     const size_t n = paths.size();
+    if (n == 0) {
+        statuses.clear();
+        return 0;
+    }
     if (_read_only) {
         statuses.assign(n, API_STATUS_READ_ONLY);
         return 0;
