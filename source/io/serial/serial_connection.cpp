@@ -8,6 +8,7 @@
 #include <sys/ioctl.h>
 #include <time.h>
 
+#include <algorithm>
 #include <cassert>
 #include <climits>
 

@@ -39,7 +39,7 @@ public:
         int64_t char_time; // one character of the actual format
         unsigned char_bits;
     };
-    // A baud rate of 0 is timed as 9600.
+    // A baud rate of 0 is timed as 9600, a character size outside 5 to 8 as 8.
     static rtu_timing_t rtu_timing(uint32_t baud, char_size_t char_size, parity_t parity,
                                    stop_bits_t stop_bits);
 
@@ -51,7 +51,9 @@ public:
                                                      unsigned interface_number);
     ~CSerialConnection() override;
 
+    // Only an open connection may be start()ed.
     bool is_open() const { return _port.is_open(); }
+    // The interface number given at creation.
     unsigned interface_id() const { return _interface; }
     const tk_string& device() const { return _device; }
     int64_t char_time() const { return _char_time; }
