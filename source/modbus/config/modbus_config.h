@@ -14,7 +14,10 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <map>
+#include <memory>
 #include <utility>
+#include <vector>
 
 class CModbusConfig {
 public:

@@ -35,7 +35,8 @@ private:
     bool _valid = false;
 };
 
-// Port 502 and time-out 1000 unless the store says otherwise; units in enumeration order.
+// Port 502 and time-out 1000 unless the store says otherwise; units in the order of their
+// node names.
 class CModbusTcpSettings {
 public:
     explicit CModbusTcpSettings(CCdsHandle& cds);
@@ -106,7 +107,8 @@ private:
     bool _valid = false;
 };
 
-// Interfaces numbered 0, 1, 2, ... in enumeration order; invalid ones take no number.
+// Interfaces numbered 0, 1, 2, ... in the order of their node names; invalid ones take no
+// number. Slaves, too, come in name order.
 class CModbusSerialSettings {
 public:
     explicit CModbusSerialSettings(CCdsHandle& cds);
