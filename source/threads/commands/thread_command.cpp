@@ -56,23 +56,30 @@ std::shared_ptr<CThreadResponseHandler> CThreadCommand::get_handler(bool take) {
     return handler;
 }
 
+// The timer is (re)assigned outside the command's lock: an expiry holds the timer's lock
+// while it calls back into the command, so the two locks are never taken in that order.
 void CThreadCommand::give_timer(std::shared_ptr<CIoTimer>& timer) {
     std::shared_ptr<CIoTimer> old;
+    std::shared_ptr<CIoTimer> mine = std::move(timer);
+    timer.reset();
     {
         std::lock_guard<std::mutex> lock(_mutex);
         old = std::move(_timer);
-        _timer = std::move(timer);
-        timer.reset();
-        if (_timer)
-            _timer->assign(this);
+        _timer = mine;
     }
     if (old)
         old->assign(nullptr);
+    if (mine)
+        mine->assign(this);
 }
 
 std::shared_ptr<CIoTimer> CThreadCommand::take_timer() {
-    std::lock_guard<std::mutex> lock(_mutex);
-    if (_timer)
-        _timer->assign(nullptr);
-    return std::move(_timer);
+    std::shared_ptr<CIoTimer> timer;
+    {
+        std::lock_guard<std::mutex> lock(_mutex);
+        timer = std::move(_timer);
+    }
+    if (timer)
+        timer->assign(nullptr);
+    return timer;
 }

@@ -5,6 +5,7 @@
 // skip its work. A command is delivered at most once: by its time-out or by its return.
 #include "io/timed_object.h"
 
+#include <atomic>
 #include <list>
 #include <memory>
 #include <mutex>
@@ -50,7 +51,8 @@ private:
     mutable std::mutex _mutex;
     std::weak_ptr<CThreadResponseHandler> _requester;
     std::shared_ptr<CIoTimer> _timer;
-    bool _failed = false;
+    // Written by the worker, read by a time-out that may overtake it.
+    std::atomic<bool> _failed{false};
 };
 
 typedef std::unique_ptr<CThreadCommand> cmd_ptr_t;

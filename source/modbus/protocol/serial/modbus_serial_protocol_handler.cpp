@@ -1,0 +1,112 @@
+#include "modbus/protocol/serial/modbus_serial_protocol_handler.h"
+
+#include "io/serial/serial_connection.h"
+#include "modbus/config/modbus_config.h"
+#include "modbus/protocol/serial/modbus_serial_adu.h"
+#include "server_core/server_core.h"
+#include "util/cast.h"
+#include "util/log.h"
+
+#include <cassert>
+
+CModbusSerialAdu& CModbusSerialProtocolHandler::adu() const {
+    assert(_adu);
+    return *poly_cast<CModbusSerialAdu*>(_adu.get());
+}
+
+unsigned int CModbusSerialProtocolHandler::interface_id() const {
+    assert(_messenger != nullptr);
+    return poly_cast<CSerialConnection*>(_messenger)->interface_id();
+}
+
+std::shared_ptr<CProtocolHandler>
+CModbusSerialProtocolHandler::clone(CIoMessenger* messenger) const {
+    return std::make_shared<CModbusSerialProtocolHandler>(messenger);
+}
+
+void CModbusSerialProtocolHandler::set_timeout(unsigned int timeout) {
+    LOG_STACK();
+    _timeout = timeout;
+    assert(_messenger != nullptr);
+    _uid_map.reset();
+    CModbusConfig& config = get_server_core().get_config();
+    const unsigned int iface = interface_id();
+    for (unsigned address = 0; address < 256; ++address) {
+        if (config.serial_config(iface, static_cast<slave_addr_t>(address))) {
+            _uid_map.set(address);
+            LOG_DEBUG(SS_SERIAL_PROTOCOL, 5, "_uid_map[%u] is valid", address);
+        }
+    }
+}
+
+void CModbusSerialProtocolHandler::create_adu() {
+    if (_adu)
+        return;
+    LOG_DEBUG(SS_SERIAL_PROTOCOL, 4, "Create ADU object");
+    _adu.reset(new CModbusSerialAdu);
+}
+
+bool CModbusSerialProtocolHandler::parse() {
+    assert(_adu);
+    return parse_request();
+}
+
+bool CModbusSerialProtocolHandler::more_data_needed() const {
+    return !verify_pdu_length(adu().pdu);
+}
+
+bool CModbusSerialProtocolHandler::parse_request() {
+    LOG_STACK();
+    assert(_adu);
+    assert(_messenger != nullptr);
+    const iobuf_const_pair_t rbuf = _messenger->get_rbuf();
+    const parse_result_t result = _adu->parse(rbuf.first, rbuf.second);
+    assert(result.second <= rbuf.second);
+    if (is_incomplete(result))
+        return false;
+    if (is_bad(result)) {
+        ignore();
+        return true;
+    }
+    if (more_data_needed())
+        return false;
+    _messenger->clear_rbuf(result.second);
+    execute();
+    return true;
+}
+
+void CModbusSerialProtocolHandler::execute() {
+    LOG_STACK();
+    CModbusSerialAdu& serial = adu();
+    assert(_messenger != nullptr);
+    start_timer(_timeout);
+    if (serial.crc.verify(serial)) {
+        if (CModbusDeviceConfig* device =
+                get_server_core().get_config().serial_config(interface_id(), serial.address)) {
+            handle_request(serial.pdu, *device);
+            return;
+        }
+    }
+    drop_timer();
+    ignore();
+}
+
+void CModbusSerialProtocolHandler::ignore() {
+    _messenger->reset_flags();
+    _messenger->read_more();
+}
+
+void CModbusSerialProtocolHandler::respond() {
+    LOG_STACK();
+    drop_timer();
+    serialize_response();
+    LOG_DUMP(SS_SERIAL_PROTOCOL, 6, _messenger->wbuf().data(), _messenger->wbuf().size(),
+             "Response");
+    _messenger->write();
+}
+
+void CModbusSerialProtocolHandler::err(modbus_err_t code) {
+    assert(_adu);
+    _adu->err(code);
+    respond();
+}

@@ -1,0 +1,37 @@
+#pragma once
+// The protocol handler of one serial interface (Modbus RTU). It answers only frames with a
+// good CRC addressed to a slave the interface serves; everything else is dropped without a
+// reply, and the transport hunts for the next frame after a silent interval.
+#include "modbus/protocol/modbus_protocol_handler.h"
+
+#include <bitset>
+
+class CModbusSerialAdu;
+
+class CModbusSerialProtocolHandler : public CModbusProtocolHandler {
+public:
+    explicit CModbusSerialProtocolHandler(CIoMessenger* messenger)
+        : CModbusProtocolHandler(messenger) {}
+
+    bool parse() override;
+    // Whether the interface serves this slave address (known after set_timeout).
+    bool validate(unsigned char address) override { return _uid_map[address]; }
+    // Takes the response time-out (milliseconds) and learns the served slave addresses.
+    void set_timeout(unsigned int timeout) override;
+    void create_adu() override;
+    bool parse_request() override;
+    std::shared_ptr<CProtocolHandler> clone(CIoMessenger* messenger) const override;
+    void respond() override;
+    void err(modbus_err_t code) override;
+    void execute() override;
+    bool more_data_needed() const override;
+
+private:
+    CModbusSerialAdu& adu() const;
+    unsigned int interface_id() const;
+    // Forget the frame and hunt for the next one.
+    void ignore();
+
+    unsigned int _timeout = 1000;
+    std::bitset<256> _uid_map;
+};

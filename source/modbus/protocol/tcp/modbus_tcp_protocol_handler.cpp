@@ -1,0 +1,92 @@
+#include "modbus/protocol/tcp/modbus_tcp_protocol_handler.h"
+
+#include "io/io_messenger.h"
+#include "modbus/config/modbus_config.h"
+#include "modbus/protocol/tcp/modbus_tcp_adu.h"
+#include "server_core/server_core.h"
+#include "util/cast.h"
+#include "util/log.h"
+
+#include <boost/asio/post.hpp>
+
+#include <cassert>
+
+CModbusTcpAdu& CModbusTcpProtocolHandler::adu() {
+    assert(_adu);
+    return *poly_cast<CModbusTcpAdu*>(_adu.get());
+}
+
+std::shared_ptr<CProtocolHandler> CModbusTcpProtocolHandler::clone(CIoMessenger* messenger) const {
+    return std::make_shared<CModbusTcpProtocolHandler>(messenger);
+}
+
+bool CModbusTcpProtocolHandler::parse() {
+    if (!_adu)
+        _adu.reset(new CModbusTcpAdu);
+    return parse_request();
+}
+
+bool CModbusTcpProtocolHandler::parse_request() {
+    LOG_STACK();
+    assert(_adu);
+    assert(_messenger != nullptr);
+    const iobuf_const_pair_t rbuf = _messenger->get_rbuf();
+    const parse_result_t result = _adu->parse(rbuf.first, rbuf.second);
+    assert(result.second <= rbuf.second);
+    if (is_incomplete(result)) {
+        if (static_cast<size_t>(rbuf.second - rbuf.first) > max_unread) {
+            LOG_WARN(SS_TCP_PROTOCOL, 1, "No complete request in %zu bytes; closing connection",
+                     static_cast<size_t>(rbuf.second - rbuf.first));
+            _messenger->remove();
+            return true;
+        }
+        return false;
+    }
+    _messenger->clear_rbuf(result.second);
+    if (is_bad(result)) {
+        LOG_DEBUG(SS_TCP_PROTOCOL, 7, "Error encountered while parsing ADU");
+        err(MB_ILLEGAL_DATA_VALUE);
+    } else {
+        execute();
+    }
+    return true;
+}
+
+void CModbusTcpProtocolHandler::execute() {
+    LOG_STACK();
+    CModbusTcpAdu& tcp = adu();
+    assert(_messenger != nullptr);
+    if (tcp.header.protocol_id != 0) {
+        // Dropped without an answer. A request behind it may already be in the buffer, so
+        // go on with the buffer (from the loop, so that a run of dropped frames cannot
+        // nest) rather than only reading more.
+        auto messenger = std::static_pointer_cast<CIoMessenger>(_messenger->shared_from_this());
+        boost::asio::post(_messenger->get_io_service(), [messenger] { messenger->parse(); });
+        return;
+    }
+    CModbusConfig& config = get_server_core().get_config();
+    start_timer(config.tcp_timeout());
+    CModbusDeviceConfig* device = config.tcp_config(tcp.header.unit_id);
+    if (!device) {
+        LOG_DEBUG(SS_TCP_PROTOCOL, 2, "Received request for unknown UnitID %u", tcp.header.unit_id);
+        err(MB_GATEWAY_PATH_UNAVAILABLE);
+        return;
+    }
+    handle_request(tcp.pdu, *device);
+}
+
+void CModbusTcpProtocolHandler::respond() {
+    LOG_STACK();
+    drop_timer();
+    serialize_response();
+    const iobuf_t& out = _messenger->wbuf();
+    LOG_DEBUG(SS_TCP_PROTOCOL, 4, "Sending response of size %zu", out.size());
+    LOG_DUMP(SS_TCP_PROTOCOL, 6, out.data(), out.size(), "Response");
+    _messenger->write();
+}
+
+void CModbusTcpProtocolHandler::err(modbus_err_t code) {
+    assert(_adu);
+    _adu->err(code);
+    respond();
+}

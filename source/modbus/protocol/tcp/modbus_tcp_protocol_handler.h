@@ -1,0 +1,28 @@
+#pragma once
+// The protocol handler of one Modbus TCP connection: MBAP framing, requests with another
+// protocol id than 0 dropped silently, the device chosen by unit id, responses echoing
+// the request's header.
+#include "modbus/protocol/modbus_protocol_handler.h"
+
+class CModbusTcpAdu;
+
+class CModbusTcpProtocolHandler : public CModbusProtocolHandler {
+public:
+    // No valid frame is longer than a header and a full length field's worth of bytes; a
+    // connection whose unread bytes pass this without a complete frame is closed.
+    static constexpr size_t max_unread = 7 + 65536;
+
+    explicit CModbusTcpProtocolHandler(CIoMessenger* messenger)
+        : CModbusProtocolHandler(messenger) {}
+
+    bool parse() override;
+    bool validate(unsigned char) override { return false; }
+    bool parse_request() override;
+    std::shared_ptr<CProtocolHandler> clone(CIoMessenger* messenger) const override;
+    void respond() override;
+    void err(modbus_err_t code) override;
+    void execute() override;
+
+private:
+    CModbusTcpAdu& adu();
+};
