@@ -1,0 +1,22 @@
+// Entry of modbus_server: start up, serve until a terminating signal, shut down.
+#include "server_core/server_core.h"
+#include "util/log.h"
+
+#include <csignal>
+
+int main(int argc, char** argv) {
+    // Nothing the server writes may end it by SIGPIPE, before the event loop or after.
+    std::signal(SIGPIPE, SIG_IGN);
+    toolkit::CSysLog::set_ident("modbus_server");
+    install_thread_log(make_thread_log(nullptr));
+    try {
+        CServerCore core(argc, argv);
+        const bool served = core.main();
+        core.shutdown();
+        return served ? 0 : 1;
+    } catch (const CServerCore::init_err&) {
+        return 1;
+    } catch (const generic_err&) {
+        return 1;
+    }
+}
