@@ -1,4 +1,5 @@
 #include "modbus/config/modbus_device_config.h"
+#include "modbus/maplist/profile_maplist.h"
 #include "util/log.h"
 
 #include <cassert>
@@ -43,4 +44,8 @@ std::unique_ptr<CRegisterMaplist> CModbusDeviceConfig::get_registers(const CAddr
     assert(_dynamic);
     list->get_dynamic_cfg(*_dynamic);
     return list;
+}
+
+std::unique_ptr<CProfileMaplist> CModbusDeviceConfig::get_profile() const {
+    return std::make_unique<CProfileMaplist>();
 }

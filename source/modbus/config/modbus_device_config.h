@@ -13,6 +13,8 @@
 
 typedef std::vector<std::shared_ptr<const CEdsMapping>> eds_mapvec_t;
 
+class CProfileMaplist;
+
 class CModbusDeviceConfig {
 public:
     // edsvec in the order of the unit's "/EDS Paths"; zero_fill is handed to every map list.
@@ -26,6 +28,8 @@ public:
     // nothing is mapped. The lists refer into this object and must not outlive it.
     std::unique_ptr<CDiscreteMaplist> get_discretes(const CAddressRange& r) const;
     std::unique_ptr<CRegisterMaplist> get_registers(const CAddressRange& r) const;
+    // An empty profile of the unit, for CProfileMaplist::build_profile to fill.
+    std::unique_ptr<CProfileMaplist> get_profile() const;
 
     // The device's store path: the prefix of every leaf a map list names.
     const tk_string& path() const { return _path; }
