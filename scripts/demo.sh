@@ -1,0 +1,54 @@
+#!/usr/bin/env bash
+# Installs what is missing, builds, creates the demo store in a scratch folder and runs
+# modbus_server on it in the foreground (Ctrl-C stops it). With DEMO_SERIAL=1 the demo also
+# serves Modbus RTU on a pseudo-terminal pair made by socat.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+root=$(pwd)
+bash scripts/deps.sh
+bash scripts/build.sh build >/dev/null
+
+dir=${DEMO_DIR:-$(mktemp -d /tmp/modbus-demo.XXXXXX)}
+mkdir -p "$dir"
+export CDS_STORE="$dir/store.db"
+rm -f "$CDS_STORE" "$CDS_STORE-wal" "$CDS_STORE-shm"
+cdsctl="$root/build/cdsctl"
+
+pids=()
+cleanup() { [ ${#pids[@]} -gt 0 ] && kill "${pids[@]}" 2>/dev/null; wait 2>/dev/null || true; }
+trap cleanup EXIT
+
+serial_port=/dev/modbus-demo-no-serial
+if [ "${DEMO_SERIAL:-0}" = 1 ]; then
+    socat pty,raw,echo=0,link="$dir/ttyServer" pty,raw,echo=0,link="$dir/ttyClient" &
+    pids+=($!)
+    for _ in $(seq 50); do [ -e "$dir/ttyClient" ] && break; sleep 0.1; done
+    serial_port="$dir/ttyServer"
+fi
+
+sed -e "s|@DEMO@|$root/demo|g" -e "s|@SERIAL_PORT@|$serial_port|g" demo/store.json >"$dir/store.json"
+"$cdsctl" init >/dev/null
+"$cdsctl" load "$dir/store.json" >/dev/null
+# A few historical events for the event registers.
+now=$(date -u +%s)
+"$cdsctl" event add --id 1 --kind 4 --time $((now - 3600)) --source /Devices/Power/Input/mACV_L1 --value -12 >/dev/null
+"$cdsctl" event add --id 2 --kind 4 --time $((now - 1800)) --source /Devices/Power/Input/aL1Sag --url /wave/1234.dat >/dev/null
+"$cdsctl" event add --id 3 --kind 8 --time $((now - 600)) --source /Devices/Power/Output/OverVoltage >/dev/null
+
+bash demo/live.sh "$cdsctl" &
+pids+=($!)
+
+cat <<MSG
+Demo store: $CDS_STORE (values change every second)
+Modbus TCP on port 5020, units 1 and 2. In another terminal try:
+  mbpoll -m tcp -p 5020 -a 1 -r 9 -c 3 -t 4 127.0.0.1        # voltage, current (registers 8-9)
+  mbpoll -m tcp -p 5020 -a 1 -r 1 -c 3 -t 0 -1 127.0.0.1     # coils 0-2
+  mbpoll -m tcp -p 5020 -a 1 -r 28 -t 4 -1 127.0.0.1 2351    # write the setpoint (235.1 V)
+  CDS_STORE=$CDS_STORE build/modbus_profiler -u 1 -d         # the unit's map as CSV
+MSG
+if [ "${DEMO_SERIAL:-0}" = 1 ]; then
+    echo "Modbus RTU slave 1 at 19200 8E1 on $dir/ttyClient:"
+    echo "  mbpoll -m rtu -b 19200 -P even -a 1 -r 9 -c 3 -t 4 $dir/ttyClient"
+fi
+echo "Stop the server with Ctrl-C."
+"$root/build/modbus_server" -Ns -D 2 -e "$CDS_STORE" "$@"
