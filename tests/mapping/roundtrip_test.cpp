@@ -102,7 +102,7 @@ CCase random_bool(CRandom& rng) {
 CCase random_time(CRandom& rng) {
     CCase c;
     add(c, "ExternalValueType", "DATATYPE_TIME");
-    // Specifications that name every field down to the millisecond; years from 2000 to 2037,
+    // Date specs that name every field down to the millisecond; years from 2000 to 2037,
     // in the current century as "y" needs and within a 32-bit time_t.
     static const char* specs[][2] = {
         {"ymdHQQM", "0"}, {"MymdHQQ", "8"}, {"ymdHMSqq", "0"}, {"dmyHMQQ", "8"}};

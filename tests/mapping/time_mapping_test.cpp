@@ -120,7 +120,7 @@ BOOST_AUTO_TEST_CASE(date_written_back) {
     BOOST_TEST(back.to_timeval().tv_usec == when.tv_usec);
     BOOST_TEST(CElement::is_invalid_time(back.time()));
 
-    // Fields the specification does not name come from the current time.
+    // Fields the date spec does not name come from the current time.
     timeval now;
     gettimeofday(&now, nullptr);
     const timeval day_start = date("HMS")->from_registers({0x0000, 0x0000}, no_units).to_timeval();

@@ -1,10 +1,10 @@
 #pragma once
-// Points in time ("DATATYPE_TIME") laid out by a date specification ("DateSpec", see
+// Points in time ("DATATYPE_TIME") laid out by a date spec ("DateSpec", see
 // CTimeMappingSpec): the parameter's value as a time, or with "Timestamp" set (non-empty,
 // not "0") the time stamp of any parameter, which is then read-only.
 //
 // Toward the registers the fields are taken in UTC. Back from the registers the fields the
-// specification does not name keep the current time's, and the result is read as local
+// date spec does not name keep the current time's, and the result is read as local
 // time, as the device always did; the two directions agree where local time is UTC.
 #include "modbus/map/register_mapping.h"
 #include "modbus/map/time_mapping_spec.h"
@@ -14,7 +14,7 @@
 class CTimeMapping : public CRegisterMapping {
 public:
     // Throws generic_err for an offset other than 0 or 8, a missing, empty or bad
-    // "DateSpec", or a "Size" other than the specification's length (the default).
+    // "DateSpec", or a "Size" other than the date spec's length (the default).
     explicit CTimeMapping(const toolkit::node_map_t& node);
 
     CProfileMapping reverse_map(const toolkit::CElement& el, const tk_string& units,

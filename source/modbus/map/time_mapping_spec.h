@@ -1,5 +1,5 @@
 #pragma once
-// A date specification: one letter per byte of a register image, each naming a calendar
+// A date spec: one letter per byte of a register image, each naming a calendar
 // field (UTC). A letter written twice in a row where a register starts fills the whole
 // register with a 16-bit value.
 //
@@ -23,7 +23,7 @@ public:
     explicit CTimeMappingSpec(const tk_string& spec);
     virtual ~CTimeMappingSpec() = default;
 
-    // Fills the row's date specification.
+    // Fills the row's date spec.
     virtual void reverse_map(CProfileMapping& row) const;
 
     size_t size() const { return _str.size(); }
