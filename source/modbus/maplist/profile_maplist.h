@@ -2,10 +2,10 @@
 // A unit's profile: its Modbus map as a table with one row per mapped parameter that the
 // store holds, printed as comma-separated text on stdout.
 //
-// build_profile walks every mapping of the unit (register mappings, then discrete ones,
-// each in the order the server walks them) and keeps a row for each parameter whose node
-// exists below the device node and whose ".Prominence" is neither "Advanced" nor "Hidden".
-// print_profile then writes a header and the rows, registers first. Texts are written as
+// build_profile walks every mapping of the unit in the order the server walks them and
+// keeps a row for each parameter whose node exists below the device node and whose
+// ".Prominence" is neither "Advanced" nor "Hidden". print_profile then writes a header and
+// the rows, registers first. Texts are written as
 // they are: a comma inside a description shifts the later columns, by design. With no rows
 // nothing is printed, not even the header.
 #include "cds/cds_handle.h"
