@@ -10,9 +10,10 @@
 // grows past max_frame_backlog bytes without being taken is dropped as noise.
 //
 // After an answer has been written, bytes that were already waiting (in the buffer or in the
-// driver) are served without a silence test; the line is hunted afresh otherwise. Note that a
-// pseudo-terminal has no line timing: a peer that sends within 1.5 characters plus the time
-// of its own frame after an answer is treated as noise, as on a real line.
+// driver) are served without a silence test; the line is hunted afresh otherwise. A
+// pseudo-terminal has no line timing and hands over a whole frame at once, as if its first
+// byte began n - 1 characters earlier: a peer that sends an n-byte request sooner than
+// 1.5 + n - 1 characters after an answer is taken for noise.
 //
 // Failing to open the device is logged and reported by is_open(), never thrown. A setting the
 // port refuses is logged and the port keeps its previous value. An I/O error or the other end
