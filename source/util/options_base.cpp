@@ -168,10 +168,8 @@ int COptionsBase::parse(int argc, const char* const* argv) {
     try {
         while (idx < args.size()) {
             const auto it = _opts.find(args[idx]);
-            if (it == _opts.end()) {
-                usage(prog, false);
-                throw generic_err();
-            }
+            if (it == _opts.end())
+                throw generic_err(); // answered with the brief usage below
             ++idx;
             idx += it->second->parse(args, idx);
             assert(idx <= args.size());

@@ -3,6 +3,7 @@
 #include "util/generic_err.h"
 #include "util/log.h"
 
+#include <algorithm>
 #include <cassert>
 #include <cfloat>
 #include <cmath>
@@ -36,7 +37,12 @@ tk_string format_value(float v) {
     if (std::isnan(v))
         return "NaN";
     char buf[32];
-    for (int precision = 1; precision < 9; ++precision) {
+    // At least the integer digits, so that 50 prints as 50 and not as 5E+01.
+    const float magnitude = std::fabs(v);
+    const int digits = std::isfinite(magnitude) && magnitude >= 1.0f
+                           ? std::min(9, static_cast<int>(std::floor(std::log10(magnitude))) + 1)
+                           : 1;
+    for (int precision = digits; precision < 9; ++precision) {
         std::snprintf(buf, sizeof buf, "%.*G", precision, v);
         if (std::strtof(buf, nullptr) == v)
             return buf;

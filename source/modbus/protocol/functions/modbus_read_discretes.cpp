@@ -48,26 +48,14 @@ void CModbusReadDiscretes::fetch_leaves() {
     assert(_ninputs > 0);
     const CAddressRange range(_start, static_cast<regaddr_t>(_start + _ninputs - 1));
     _maplist = _device.get_discretes(range);
-    cds_leaf_set_t leaves = _maplist->get_paths(true, true);
-    if (leaves.empty()) {
-        err(MB_ILLEGAL_DATA_ADDRESS);
-        return;
-    }
-    send(std::make_unique<CThreadCdsGetLeaves>(weak_from_this(), std::move(leaves), _device.path()),
-         _prot.response_timer());
+    fetch(_maplist->get_paths(true, true));
 }
 
 void CModbusReadDiscretes::post(CThreadCdsGetLeaves& cmd, bool timed_out) {
     LOG_STACK();
-    if (timed_out) {
-        timeout();
+    if (!usable(cmd, timed_out))
         return;
-    }
     stop_timer(cmd.take_timer());
-    if (cmd.failed()) {
-        err(MB_SLAVE_DEVICE_FAILURE);
-        return;
-    }
     assert(!cmd.leaves().empty());
     assert(_maplist);
     std::vector<bool> bits;

@@ -72,63 +72,29 @@ void CModbusWriteDiscretes::fetch_leaves() {
     assert(!_values.empty());
     const CAddressRange range(_start, static_cast<regaddr_t>(_start + _values.size() - 1));
     _maplist = _device.get_discretes(range);
-    cds_leaf_set_t leaves = _maplist->get_paths(true, true);
-    if (leaves.empty()) {
-        err(MB_ILLEGAL_DATA_ADDRESS);
-        return;
-    }
-    send(std::make_unique<CThreadCdsGetLeaves>(weak_from_this(), std::move(leaves), _device.path()),
-         _prot.response_timer());
+    fetch(_maplist->get_paths(true, true));
 }
 
 void CModbusWriteDiscretes::post(CThreadCdsGetLeaves& cmd, bool timed_out) {
     LOG_STACK();
-    if (timed_out) {
-        timeout();
+    if (!usable(cmd, timed_out))
         return;
-    }
-    if (cmd.failed()) {
-        stop_timer(cmd.take_timer());
-        err(MB_SLAVE_DEVICE_FAILURE);
-        return;
-    }
     assert(!cmd.leaves().empty());
     assert(_maplist);
     write_values(cmd);
 }
 
 void CModbusWriteDiscretes::write_values(CThreadCdsGetLeaves& cmd) {
-    std::shared_ptr<CIoTimer> timer = cmd.take_timer();
-    cds_leaf_set_t out;
-    try {
+    write(cmd, [&] {
         _maplist->update_configs(cmd.leaves());
-        out = _maplist->get_vals(cmd.leaves(), _values);
-    } catch (const generic_err&) {
-        stop_timer(timer);
-        err(MB_ILLEGAL_DATA_ADDRESS);
-        return;
-    }
-    if (out.empty()) {
-        LOG_DEBUG(SS_FUNCTION_CODES, 2, "Address range doesn't map into any leaves");
-        stop_timer(timer);
-        err(MB_ILLEGAL_DATA_ADDRESS);
-        return;
-    }
-    send(std::make_unique<CThreadCdsSetLeaves>(weak_from_this(), std::move(out), _device.path()),
-         timer);
+        cds_leaf_set_t out = _maplist->get_vals(cmd.leaves(), _values);
+        if (out.empty())
+            LOG_DEBUG(SS_FUNCTION_CODES, 2, "Address range doesn't map into any leaves");
+        return out;
+    });
 }
 
 void CModbusWriteDiscretes::post(CThreadCdsSetLeaves& cmd, bool timed_out) {
     LOG_STACK();
-    if (timed_out) {
-        timeout();
-        return;
-    }
-    stop_timer(cmd.take_timer());
-    if (cmd.failed()) {
-        err(MB_SLAVE_DEVICE_FAILURE);
-        return;
-    }
-    modbus_write::make_response(_pdu, 0x05);
-    _prot.respond();
+    write_done(cmd, timed_out, 0x05);
 }

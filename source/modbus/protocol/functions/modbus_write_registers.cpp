@@ -69,35 +69,22 @@ void CModbusWriteRegisters::fetch_leaves() {
     const CAddressRange range(_start, static_cast<regaddr_t>(_start + _values.size() - 1));
     _maplist = _device.get_registers(range);
     cds_leaf_set_t leaves = _maplist->get_paths(true, true);
-    if (leaves.empty()) {
+    if (leaves.empty())
         LOG_DEBUG(SS_FUNCTION_CODES, 2, "No parameters in requested range");
-        err(MB_ILLEGAL_DATA_ADDRESS);
-        return;
-    }
-    send(std::make_unique<CThreadCdsGetLeaves>(weak_from_this(), std::move(leaves), _device.path()),
-         _prot.response_timer());
+    fetch(std::move(leaves));
 }
 
 void CModbusWriteRegisters::post(CThreadCdsGetLeaves& cmd, bool timed_out) {
     LOG_STACK();
-    if (timed_out) {
-        timeout();
+    if (!usable(cmd, timed_out))
         return;
-    }
-    if (cmd.failed()) {
-        stop_timer(cmd.take_timer());
-        err(MB_SLAVE_DEVICE_FAILURE);
-        return;
-    }
     assert(!cmd.leaves().empty());
     assert(_maplist);
     write_values(cmd);
 }
 
 void CModbusWriteRegisters::write_values(CThreadCdsGetLeaves& cmd) {
-    std::shared_ptr<CIoTimer> timer = cmd.take_timer();
-    cds_leaf_set_t out;
-    try {
+    write(cmd, [&] {
         _maplist->update_configs(cmd.leaves());
         const int covered = _maplist->check_range(cmd.leaves(), _values);
         if (covered < 0 || static_cast<size_t>(covered) < _values.size()) {
@@ -110,32 +97,11 @@ void CModbusWriteRegisters::write_values(CThreadCdsGetLeaves& cmd) {
         if (!modbus_write::fits(_start, static_cast<size_t>(covered)))
             throw generic_err();
         _values.resize(static_cast<size_t>(covered), 0);
-        out = _maplist->get_vals(cmd.leaves(), _values);
-    } catch (const generic_err&) {
-        stop_timer(timer);
-        err(MB_ILLEGAL_DATA_ADDRESS);
-        return;
-    }
-    if (out.empty()) {
-        stop_timer(timer);
-        err(MB_ILLEGAL_DATA_ADDRESS);
-        return;
-    }
-    send(std::make_unique<CThreadCdsSetLeaves>(weak_from_this(), std::move(out), _device.path()),
-         timer);
+        return _maplist->get_vals(cmd.leaves(), _values);
+    });
 }
 
 void CModbusWriteRegisters::post(CThreadCdsSetLeaves& cmd, bool timed_out) {
     LOG_STACK();
-    if (timed_out) {
-        timeout();
-        return;
-    }
-    stop_timer(cmd.take_timer());
-    if (cmd.failed()) {
-        err(MB_SLAVE_DEVICE_FAILURE);
-        return;
-    }
-    modbus_write::make_response(_pdu, 0x06);
-    _prot.respond();
+    write_done(cmd, timed_out, 0x06);
 }
