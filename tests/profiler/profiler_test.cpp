@@ -12,30 +12,7 @@ namespace {
 const tk_string tcp_units = "/Software/Data Servers/Modbus/Interface Type/TCP/Mappings/";
 
 CRunResult run_profiler(const CTempDir& dir, const std::vector<tk_string>& args) {
-    const tk_string exe = MB_BINARY_DIR "/modbus_profiler";
-    const tk_string out = dir.file("profiler.out"), err = dir.file("profiler.err");
-    std::vector<char*> argv;
-    argv.push_back(const_cast<char*>(exe.c_str()));
-    for (const tk_string& a : args)
-        argv.push_back(const_cast<char*>(a.c_str()));
-    argv.push_back(nullptr);
-    const pid_t pid = ::fork();
-    BOOST_REQUIRE(pid >= 0);
-    if (pid == 0) {
-        const int fo = ::open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        const int fe = ::open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        ::dup2(fo, 1);
-        ::dup2(fe, 2);
-        ::execv(exe.c_str(), argv.data());
-        ::_exit(127);
-    }
-    int status = 0;
-    BOOST_REQUIRE_EQUAL(::waitpid(pid, &status, 0), pid);
-    CRunResult r;
-    r.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    r.out = read_text(out);
-    r.err = read_text(err);
-    return r;
+    return run_program(dir, "modbus_profiler", args);
 }
 
 std::vector<tk_string> lines(const tk_string& text) {

@@ -114,10 +114,11 @@ inline void write_text(const tk_string& path, const tk_string& text) {
     BOOST_REQUIRE(out.good());
 }
 
-// Runs the built cdsctl with args, its output caught in files of dir.
-inline CRunResult run_cdsctl(const CTempDir& dir, const std::vector<tk_string>& args) {
-    const tk_string exe = MB_BINARY_DIR "/cdsctl";
-    const tk_string out = dir.file("cdsctl.out"), err = dir.file("cdsctl.err");
+// Runs the built program `name` with args, its output caught in files of dir.
+inline CRunResult run_program(const CTempDir& dir, const tk_string& name,
+                              const std::vector<tk_string>& args) {
+    const tk_string exe = MB_BINARY_DIR "/" + name;
+    const tk_string out = dir.file(name + ".out"), err = dir.file(name + ".err");
     std::vector<char*> argv;
     argv.push_back(const_cast<char*>(exe.c_str()));
     for (const tk_string& a : args)
@@ -140,6 +141,10 @@ inline CRunResult run_cdsctl(const CTempDir& dir, const std::vector<tk_string>& 
     r.out = read_text(out);
     r.err = read_text(err);
     return r;
+}
+
+inline CRunResult run_cdsctl(const CTempDir& dir, const std::vector<tk_string>& args) {
+    return run_program(dir, "cdsctl", args);
 }
 
 inline bool has_text(const tk_string& text, const tk_string& part) {
