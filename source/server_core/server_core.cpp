@@ -100,16 +100,16 @@ void CServerCore::start_up(int argc, const char* const* argv) {
         LOG_THREAD(err, 0, "Couldn't connect to CDS");
         throw init_err();
     }
-    _cds_thread.reset(new CCdsThread(boost::none, _cds));
+    // The verbosity table and the syslog switch are complete before the CDS thread exists;
+    // every thread only reads them afterwards.
     const int32_t cds_level =
         _options->cds_verbosity() ? *_options->cds_verbosity() : log._verbosity;
-    _cds_thread->send(cmd_ptr_t(new CThreadSetVerbosity(cds_level)), false);
-
-    const subsystem_levels_t& levels = _options->subsystem_levels();
-    setup_verbosity(_options->verbosity(), levels, _options->main_verbosity(),
-                    !_options->no_syslogd());
+    setup_verbosity(_options->verbosity(), _options->subsystem_levels(),
+                    _options->main_verbosity(), !_options->no_syslogd());
     CLogStack::cache_max_verbosity(_options->verbosity(),
                                    {_options->main_verbosity(), _options->cds_verbosity()});
+    _cds_thread.reset(new CCdsThread(boost::none, _cds));
+    _cds_thread->send(cmd_ptr_t(new CThreadSetVerbosity(cds_level)), false);
 
     LOG_INFO(SS_DEFAULT, 2, "Wait for UPS Handler to complete initialization");
     {
@@ -181,6 +181,12 @@ bool CServerCore::main() {
         return true;
     try {
         CIoManager manager(*this);
+        // Declared after the manager, so it runs first: commands still in flight hold
+        // timers of the manager's loop and must go while that loop exists.
+        struct CStopCdsThread {
+            CThreadBase& thread;
+            ~CStopCdsThread() { thread.stop(5); }
+        } stop_cds_thread{*_cds_thread};
         manager.add(CIoSighandler::create(manager));
         const unsigned watchdog = _options ? _options->watchdog_ms() : 0;
         if (watchdog != 0) {

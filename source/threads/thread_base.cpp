@@ -59,28 +59,41 @@ void CThreadBase::create_actor(CIoManager& manager) {
 
 bool CThreadBase::execute_commands() {
     LOG_STACK();
-    for (cmd_ptr_t& cmd : _command_queue->remove(true)) {
-        assert(cmd);
-        cmd->set_failed(false);
-        try {
-            cmd->execute(this);
-        } catch (const CThreadCommand::worker_quit&) {
+    cmdlist_t batch = _command_queue->remove(true);
+    for (auto it = batch.begin(); it != batch.end(); ++it) {
+        if (!execute(**it)) {
+            // The worker ends. Commands not delivered go back to the queue: stop() drops
+            // them on its own thread, where the event loop of their timers lives.
+            cmdlist_t rest;
+            rest.splice(rest.end(), batch, it, batch.end());
+            _command_queue->put_back(std::move(rest));
             return true;
-        } catch (const generic_err& e) {
-            if (thread_log()._verbosity >= 2)
-                thread_log().err(2, __PRETTY_FUNCTION__, "Caught exception '%s'", e.what());
-            cmd->set_failed(true);
-        } catch (const std::exception&) {
-            LOG_THREAD(err, 0, "Unexpected std::exception!");
-            cmd->set_failed(true);
-            return true;
-        } catch (...) {
-            LOG_THREAD(err, 0, "Unexpected exception!");
-            throw;
         }
-        _response_queue->add(std::move(cmd), false);
+        _response_queue->add(std::move(*it), false);
     }
     return false;
+}
+
+bool CThreadBase::execute(CThreadCommand& cmd) {
+    cmd.set_failed(false);
+    try {
+        cmd.execute(this);
+    } catch (const CThreadCommand::worker_quit&) {
+        return false;
+    } catch (const generic_err& e) {
+        if (thread_log()._verbosity >= 2)
+            thread_log().err(2, __PRETTY_FUNCTION__, "Caught exception '%s'", e.what());
+        cmd.set_failed(true);
+    } catch (const std::exception&) {
+        LOG_THREAD(err, 0, "Unexpected std::exception!");
+        cmd.set_failed(true);
+        return false;
+    } catch (...) {
+        // Also the unwinding of a cancelled thread, which must go on.
+        LOG_THREAD(err, 0, "Unexpected exception!");
+        throw;
+    }
+    return true;
 }
 
 void CThreadBase::operator()() {
@@ -110,4 +123,8 @@ void CThreadBase::stop(size_t timeout) {
     }
     _thr->join();
     _thr.reset();
+    // Commands still queued either way hold timers of the caller's event loop, so they are
+    // destroyed here, on the caller's thread, while that loop still exists.
+    _command_queue->remove(false);
+    _response_queue->remove(false);
 }

@@ -35,7 +35,9 @@ public:
     // The thread function.
     void operator()();
     // Makes the worker quit, overtaking pending work; a worker still running after
-    // `timeout` seconds is cancelled.
+    // `timeout` seconds is cancelled. Commands still queued in either direction are then
+    // destroyed on the calling thread, so it must be the thread of their timers' event
+    // loop, and that loop must still exist.
     void stop(size_t timeout);
 
     const tk_string& name() const { return _name; }
@@ -43,6 +45,8 @@ public:
 
 private:
     void start();
+    // Runs one command; false when the worker is to end.
+    bool execute(CThreadCommand& cmd);
 
     tk_string _name;
     // A cancelled thread can only be joined natively, so this is a std::thread; the end of

@@ -142,6 +142,36 @@ BOOST_AUTO_TEST_CASE(urgent_overtakes_pending) {
     BOOST_TEST(names(back) == done, boost::test_tools::per_element());
 }
 
+// Commands overtaken by the quit hold timers of the stopping thread's loop, so they must be
+// destroyed on that thread, never on the worker.
+BOOST_AUTO_TEST_CASE(stop_drops_pending_commands_on_the_stopping_thread) {
+    struct CTracked : CRecordCommand {
+        CTracked(COrder& order, std::string name, std::vector<std::thread::id>& ids)
+            : CRecordCommand(order, std::move(name)), ids(ids) {}
+        ~CTracked() override { ids.push_back(std::this_thread::get_id()); }
+        std::vector<std::thread::id>& ids;
+    };
+    std::vector<std::thread::id> ids;
+    COrder order;
+    CGate gate;
+    CThreadBase worker("w", boost::none);
+    worker.send(cmd_ptr_t(new CRecordCommand(order, "held", CRecordCommand::record, &gate)), false);
+    gate.wait_entered();
+    worker.send(cmd_ptr_t(new CTracked(order, "b", ids)), false);
+    worker.send(cmd_ptr_t(new CTracked(order, "c", ids)), false);
+    std::thread opener([&gate] {
+        // Time for stop() to queue its quit ahead of b and c.
+        std::this_thread::sleep_for(std::chrono::milliseconds(200));
+        gate.open();
+    });
+    worker.stop(5);
+    opener.join();
+    BOOST_TEST(order.get() == std::vector<std::string>{"held"}, boost::test_tools::per_element());
+    BOOST_TEST(ids.size() == 2u);
+    for (const auto& id : ids)
+        BOOST_TEST((id == std::this_thread::get_id()));
+}
+
 BOOST_AUTO_TEST_CASE(failures_and_verbosity) {
     CThreadBase worker("w", boost::none);
     COrder order;

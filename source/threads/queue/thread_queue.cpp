@@ -25,6 +25,11 @@ cmdlist_t CThreadBaseQueue::remove(bool wait) {
     return taken;
 }
 
+void CThreadBaseQueue::put_back(cmdlist_t cmds) {
+    std::lock_guard<std::mutex> lock(_mutex);
+    _list.splice(_list.begin(), cmds);
+}
+
 CThreadResponseQueue::~CThreadResponseQueue() {
     if (auto actor = _last_actor.lock())
         actor->forget_queue();

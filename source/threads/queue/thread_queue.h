@@ -18,6 +18,8 @@ public:
     virtual void add(cmd_ptr_t cmd, bool urgent);
     // Takes every pending command; with wait, blocks until there is at least one.
     cmdlist_t remove(bool wait);
+    // Returns commands taken but not handled to the front, in their order.
+    void put_back(cmdlist_t cmds);
 
 protected:
     void insert(cmd_ptr_t cmd, bool urgent);
