@@ -1,0 +1,226 @@
+// Fuzz target: bytes sent by a Modbus TCP client. The server is assembled in-process from its
+// real parts (the sample store, the settings and unit registry read from it, the CDS thread,
+// the event loop and a TCP listener on a free loopback port); each input is written on a new
+// connection, whose sending side is then shut down, and everything the server sends back
+// until it closes is checked:
+// - the answers form a stream of complete MBAP frames of at most 260 bytes;
+// - each echoes the header of a request of the input, in request order, never of one that
+//   is to be dropped (another protocol id than 0), with its function code or the exception
+//   form of it, and with the length its function code implies.
+// A connection that is neither answered nor closed within 20 seconds counts as a hang.
+#include "support/fuzz_log.h"
+#include "support/fuzz_store.h"
+
+#include "cds/cds_handle.h"
+#include "cds/event_queue.h"
+#include "io/io_manager.h"
+#include "io/tcp/tcp_listener.h"
+#include "modbus/config/modbus_config.h"
+#include "modbus/config/modbus_settings.h"
+#include "modbus/protocol/tcp/modbus_tcp_protocol_handler.h"
+#include "server_core/server_core.h"
+#include "threads/cds/cds_thread.h"
+
+#include <boost/asio/connect.hpp>
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/write.hpp>
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <vector>
+
+namespace {
+
+using boost::asio::ip::tcp;
+
+class CFuzzServer {
+public:
+    CFuzzServer() {
+        if (_store.store().define(CFuzzStore::sample_leaves()) != 0)
+            fuzz_setup_failed(_store.store().error());
+        auto cds = std::make_shared<CCdsHandle>();
+        const CModbusSettings settings(*cds);
+        auto config = std::make_shared<CModbusConfig>(settings);
+        auto events =
+            std::make_unique<CEventQueue>(static_cast<unsigned>(config->max_event_index() + 1), "");
+        auto thread = std::make_unique<CCdsThread>(boost::none, cds);
+        CCdsThread* cds_thread = thread.get();
+        _core.reset(new CServerCore(config, std::move(events), std::move(thread)));
+        _manager.reset(new CIoManager(*_core));
+        cds_thread->create_actor(*_manager);
+        const CModbusTcpProtocolHandler prototype(nullptr);
+        auto listener = CTcpListener::create(*_manager, prototype, 0);
+        _manager->add(listener);
+        _endpoint = tcp::endpoint(boost::asio::ip::address_v4::loopback(), listener->port());
+    }
+
+    // Sends request on a new connection and returns what the server sent until it closed.
+    std::vector<uint8_t> exchange(const uint8_t* data, size_t size) {
+        boost::asio::io_context& io = _manager->service();
+        tcp::socket client(io);
+        std::vector<uint8_t> answer, chunk(4096);
+        bool closed = false;
+        std::function<void()> read_more = [&] {
+            client.async_read_some(boost::asio::buffer(chunk),
+                                   [&](const boost::system::error_code& e, size_t n) {
+                                       answer.insert(answer.end(), chunk.begin(),
+                                                     chunk.begin() + static_cast<long>(n));
+                                       if (e)
+                                           closed = true;
+                                       else
+                                           read_more();
+                                   });
+        };
+        client.async_connect(_endpoint, [&](const boost::system::error_code& e) {
+            if (e)
+                fuzz_setup_failed("connect: " + e.message());
+            read_more();
+            boost::asio::async_write(client, boost::asio::buffer(data, size),
+                                     [&](const boost::system::error_code& we, size_t) {
+                                         // The server may close first, after a request it
+                                         // could not frame: nothing more to send then.
+                                         boost::system::error_code ignored;
+                                         if (!we)
+                                             client.shutdown(tcp::socket::shutdown_send, ignored);
+                                     });
+        });
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+        io.restart();
+        while (!closed) {
+            io.run_one_for(std::chrono::milliseconds(100));
+            if (std::chrono::steady_clock::now() > deadline) {
+                std::fprintf(stderr, "tcp_request: no answer and no close within 20 s\n");
+                std::abort();
+            }
+        }
+        return answer;
+    }
+
+private:
+    CFuzzStore _store;
+    std::unique_ptr<CServerCore> _core;
+    std::unique_ptr<CIoManager> _manager;
+    tcp::endpoint _endpoint;
+};
+
+struct CRequest {
+    uint16_t tid, pid;
+    uint8_t unit;
+    int function;              // -1 for a frame too short to hold one
+    std::vector<uint8_t> data; // the PDU after the function code
+    bool may_answer;
+};
+
+uint16_t be16(const uint8_t* p) {
+    return static_cast<uint16_t>(p[0] << 8 | p[1]);
+}
+
+// The requests of the input as MBAP framing delimits them; a trailing incomplete frame is
+// never answered and is left out.
+std::vector<CRequest> frame_requests(const uint8_t* data, size_t size) {
+    std::vector<CRequest> out;
+    size_t pos = 0;
+    while (size - pos >= 7) {
+        const uint8_t* h = data + pos;
+        CRequest r{be16(h), be16(h + 2), h[6], -1, {}, true};
+        const size_t length = be16(h + 4);
+        if (length < 2) {
+            // Holds no function code: answered as malformed or not at all.
+            out.push_back(r);
+            pos += 7;
+            continue;
+        }
+        if (size - pos < 6 + length)
+            break;
+        r.function = h[7];
+        r.data.assign(h + 8, h + 6 + length);
+        r.may_answer = r.pid == 0;
+        out.push_back(r);
+        pos += 6 + length;
+    }
+    return out;
+}
+
+void fail(const char* what, size_t offset) {
+    std::fprintf(stderr, "tcp_request: answer at byte %zu: %s\n", offset, what);
+    std::abort();
+}
+
+// The length a normal answer has for its request, or 0 when it cannot be told.
+size_t expected_pdu_length(const CRequest& r, const uint8_t* pdu) {
+    switch (r.function) {
+    case 1:
+    case 2:
+    case 3:
+    case 4:
+        return 2u + pdu[1];
+    case 5:
+    case 6:
+    case 15:
+    case 16:
+        return 5;
+    default:
+        return 0;
+    }
+}
+
+void check_answers(const std::vector<CRequest>& requests, const std::vector<uint8_t>& answer) {
+    size_t next = 0, pos = 0;
+    while (pos < answer.size()) {
+        if (answer.size() - pos < 8)
+            fail("shorter than a header and a function code", pos);
+        const uint8_t* h = answer.data() + pos;
+        const size_t length = be16(h + 4);
+        if (length < 2 || length > 254)
+            fail("length field out of 2..254", pos);
+        if (answer.size() - pos < 6 + length)
+            fail("frame cut short", pos);
+        while (next < requests.size() &&
+               !(requests[next].may_answer && requests[next].tid == be16(h) &&
+                 requests[next].pid == be16(h + 2) && requests[next].unit == h[6]))
+            ++next;
+        if (next == requests.size())
+            fail("echoes no answerable request (or answers out of order)", pos);
+        const CRequest& r = requests[next++];
+        const uint8_t* pdu = h + 7;
+        const size_t pdu_length = length - 1;
+        if ((pdu[0] & 0x80) != 0) {
+            if (pdu_length != 2 || pdu[1] == 0 || pdu[1] > 0x0B)
+                fail("malformed exception answer", pos);
+            if (r.function >= 0 && pdu[0] != (r.function | 0x80))
+                fail("exception for another function code", pos);
+        } else {
+            if (pdu[0] != r.function)
+                fail("normal answer with another function code", pos);
+            const size_t want = expected_pdu_length(r, pdu);
+            if (want != 0 && pdu_length != want)
+                fail("normal answer of the wrong length", pos);
+            if ((r.function == 5 || r.function == 6) &&
+                r.data != std::vector<uint8_t>(pdu + 1, pdu + 5))
+                fail("write of one item not echoed", pos);
+            if ((r.function == 15 || r.function == 16) &&
+                (r.data.size() < 4 || !std::equal(pdu + 1, pdu + 5, r.data.begin())))
+                fail("write of several items does not echo address and count", pos);
+        }
+        pos += 6 + length;
+    }
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    static CFuzzServer* server = [] {
+        fuzz_quiet_logs();
+        return new CFuzzServer;
+    }();
+    const std::vector<uint8_t> answer = server->exchange(data, size);
+    if (std::getenv("FUZZ_LOG")) {
+        std::fprintf(stderr, "tcp_request: answer of %zu bytes:", answer.size());
+        for (const uint8_t b : answer)
+            std::fprintf(stderr, " %02X", b);
+        std::fprintf(stderr, "\n");
+    }
+    check_answers(frame_requests(data, size), answer);
+    return 0;
+}
