@@ -1,0 +1,85 @@
+#!/usr/bin/env bash
+# Builds the libFuzzer targets with clang (AddressSanitizer and UndefinedBehaviorSanitizer)
+# in build-fuzz and runs each for FUZZ_SECONDS seconds (default 60), one job each. A crash,
+# leak, time-out or failed check makes the script exit 1 after the other targets have run,
+# and the reproducer's path is printed. Runs without a terminal; installs clang and the
+# libFuzzer runtime when they are missing.
+#
+#   bash scripts/fuzz.sh                    # every target
+#   FUZZ_SECONDS=300 bash scripts/fuzz.sh eds settings
+#
+# Each target's new inputs collect in build-fuzz/corpus/<target>; the seeds in
+# fuzz/corpus/<target> are read, never written.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+root=$PWD
+
+seconds=${FUZZ_SECONDS:-60}
+build=${FUZZ_BUILD:-build-fuzz}
+all_targets=(tcp_request eds store_json settings profiler_rows)
+[ -f fuzz/rtu_frame.cpp ] && all_targets+=(rtu_frame)
+targets=("$@")
+[ ${#targets[@]} -eq 0 ] && targets=("${all_targets[@]}")
+
+# The longest input worth trying per target: a few pipelined TCP frames, a few dozen
+# mapping nodes or JSON leaves, eight settings leaves, a few RTU frames with their gaps.
+max_len() {
+    case $1 in
+    tcp_request) echo 1024 ;;
+    settings) echo 256 ;;
+    rtu_frame) echo 1024 ;;
+    *) echo 4096 ;;
+    esac
+}
+
+bash scripts/deps.sh
+packages=(clang libclang-rt-14-dev)
+missing=()
+for p in "${packages[@]}"; do
+    dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")
+done
+if [ ${#missing[@]} -ne 0 ]; then
+    sudo=""
+    if [ "$(id -u)" -ne 0 ]; then
+        command -v sudo >/dev/null || { echo "fuzz: need root to install: ${missing[*]}" >&2; exit 1; }
+        sudo="sudo -n"
+    fi
+    echo "fuzz: installing ${missing[*]}"
+    export DEBIAN_FRONTEND=noninteractive
+    $sudo apt-get update -qq </dev/null
+    $sudo apt-get install -y -qq --no-install-recommends "${missing[@]}" </dev/null
+fi
+
+CC=clang CXX=clang++ cmake -S . -B "$build" -G Ninja -DMB_BENCH=OFF -DMB_FUZZ=ON \
+    -DMB_WERROR=OFF >/dev/null </dev/null
+cmake --build "$build" -j "${FUZZ_BUILD_JOBS:-2}" --target "${targets[@]/#/fuzz_}" </dev/null
+
+export ASAN_OPTIONS=${ASAN_OPTIONS:-abort_on_error=1:detect_leaks=1}
+export UBSAN_OPTIONS=${UBSAN_OPTIONS:-print_stacktrace=1}
+failed=()
+for t in "${targets[@]}"; do
+    work="$build/corpus/$t" artifacts="$build/artifacts/$t" log="$build/fuzz-$t.log"
+    mkdir -p "$work" "$artifacts"
+    dict=()
+    [ -f "fuzz/dict/$t.dict" ] && dict=(-dict="fuzz/dict/$t.dict")
+    echo "fuzz: $t for ${seconds}s (log $log)"
+    status=0
+    "$build/fuzz_$t" -max_total_time="$seconds" -max_len="$(max_len "$t")" -timeout=25 \
+        -rss_limit_mb=2048 -print_final_stats=1 "${dict[@]}" \
+        -artifact_prefix="$root/$artifacts/" "$work" "fuzz/corpus/$t" \
+        </dev/null >"$log" 2>&1 || status=$?
+    grep -E '^#[0-9]+ +(DONE|pulse|NEW|REDUCE)' "$log" | tail -1 || true
+    if [ $status -ne 0 ]; then
+        failed+=("$t")
+        echo "fuzz: $t FAILED (status $status); the end of its log:" >&2
+        tail -40 "$log" >&2
+        reproducer=$(grep -oE 'Test unit written to .*' "$log" | sed 's/Test unit written to //' | tail -1)
+        echo "fuzz: reproducer: ${reproducer:-see $log}" >&2
+    fi
+done
+
+if [ ${#failed[@]} -ne 0 ]; then
+    echo "fuzz: failed: ${failed[*]}" >&2
+    exit 1
+fi
+echo "fuzz: no findings in ${targets[*]}"
