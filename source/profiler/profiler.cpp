@@ -9,6 +9,8 @@ CProfiler::CProfiler(int argc, char** argv) {
     LOG_STACK();
     try {
         _options.reset(new CProfilerOptions(argc, argv));
+    } catch (const COptionsBase::help_shown&) {
+        throw;
     } catch (const generic_err&) {
         throw init_err();
     }

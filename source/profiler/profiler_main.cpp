@@ -10,6 +10,8 @@ int main(int argc, char** argv) {
     try {
         CProfiler profiler(argc, argv);
         return profiler.main() ? 0 : 1;
+    } catch (const COptionsBase::help_shown&) {
+        return 0;
     } catch (const CProfiler::init_err&) {
         return 1;
     } catch (const generic_err&) {

@@ -11,6 +11,7 @@
 #include "modbus/config/modbus_settings.h"
 #include "modbus/protocol/serial/modbus_serial_protocol_handler.h"
 #include "modbus/protocol/tcp/modbus_tcp_protocol_handler.h"
+#include "server_core/daemon_launch.h"
 #include "server_core/server_options.h"
 #include "threads/cds/cds_thread.h"
 #include "threads/commands/thread_set_verbosity.h"
@@ -18,12 +19,24 @@
 #include "util/util.h"
 
 #include <cassert>
+#include <chrono>
 #include <csignal>
+#include <cstdio>
 #include <unistd.h>
 
 namespace {
 
 const char* const ups_status_path = "/Software/Device Handlers/UPS/Status/Value";
+// The waiting server says so at most this often.
+const std::chrono::seconds ups_report_interval(60);
+
+// "1, 2, 17" of the keys' unit ids or slave addresses.
+template <class Keys, class Id> tk_string id_list(const Keys& keys, Id id) {
+    tk_string text;
+    for (const auto& key : keys)
+        text += (text.empty() ? "" : ", ") + std::to_string(static_cast<unsigned>(id(key)));
+    return text.empty() ? "none" : text;
+}
 
 // A terminating signal during start-up (before the event loop handles them) ends the wait
 // for the UPS handler cleanly.
@@ -74,15 +87,32 @@ void CServerCore::start_up(int argc, const char* const* argv) {
     LOG_STACK();
     try {
         _options.reset(new CServerOptions(argc, argv));
+    } catch (const COptionsBase::help_shown&) {
+        throw;
     } catch (const generic_err&) {
         throw init_err();
     }
     toolkit::CSysLog& log = thread_log();
     log._verbosity = _options->verbosity();
 
+    if (_options->check()) {
+        try {
+            _cds = std::make_shared<CCdsHandle>();
+        } catch (const generic_err&) {
+            LOG_THREAD(err, 0, "Couldn't connect to CDS");
+            throw init_err();
+        }
+        // A check is for the person at the terminal: nothing goes to syslog.
+        setup_verbosity(_options->verbosity(), _options->subsystem_levels(),
+                        _options->main_verbosity(), false);
+        CLogStack::cache_max_verbosity(_options->verbosity(), {_options->main_verbosity()});
+        _check_status = check();
+        return;
+    }
+
     if (_options->daemon()) {
         try {
-            CUtil::daemonize();
+            _launch.reset(new CDaemonLaunch);
         } catch (const generic_err&) {
             LOG_THREAD(err, 0, "Couldn't daemonize process");
             throw init_err();
@@ -111,50 +141,125 @@ void CServerCore::start_up(int argc, const char* const* argv) {
     _cds_thread.reset(new CCdsThread(boost::none, _cds));
     _cds_thread->send(cmd_ptr_t(new CThreadSetVerbosity(cds_level)), false);
 
-    LOG_INFO(SS_DEFAULT, 2, "Wait for UPS Handler to complete initialization");
-    {
-        CStartupSignals signals;
-        while (!is_ups_ready()) {
-            if (g_stop_requested) {
-                LOG_INFO(SS_DEFAULT, 2, "Stopped while waiting for the UPS handler");
-                _stopped = true;
-                return;
-            }
-            ::usleep(500000);
-        }
+    if (!wait_for_ups()) {
+        _stopped = true;
+        return;
     }
-
+    load_configuration();
     try {
-        _settings.reset(new CModbusSettings(*_cds));
-        _cfg = std::make_shared<CModbusConfig>(*_settings);
+        _cfg->warn_missing_leaves(*_cds);
+    } catch (const generic_err&) {
+        LOG_ERR(SS_DEFAULT, 0, "Couldn't read the mapped leaves from the store");
+        throw init_err();
+    }
+    try {
         _ev_queue.reset(new CEventQueue(static_cast<unsigned>(_cfg->max_event_index() + 1),
                                         _options->event_log()));
     } catch (const generic_err&) {
-        LOG_ERR(SS_DEFAULT, 1, "Couldn't initialize settings / configuration");
+        LOG_ERR(SS_DEFAULT, 0, "Couldn't read the event log");
         throw init_err();
     }
 }
 
-bool CServerCore::is_ups_ready() {
+bool CServerCore::wait_for_ups() {
+    LOG_STACK();
     assert(_cds);
-    const boost::optional<toolkit::CElement> status = _cds->get(ups_status_path);
-    if (!status) {
-        LOG_WARN(SS_DEFAULT, 2, "Couldn't get UPS status");
-        return false;
+    using clock = std::chrono::steady_clock;
+    const clock::time_point start = clock::now();
+    clock::time_point next_report = start;
+    bool reported = false;
+    CStartupSignals signals;
+    for (;;) {
+        const boost::optional<toolkit::CElement> status = _cds->get(ups_status_path);
+        if (status && status->to_int() == 1)
+            return true;
+        if (g_stop_requested) {
+            LOG_INFO(SS_DEFAULT, 2, "Stopped while waiting for the UPS handler");
+            return false;
+        }
+        const clock::time_point now = clock::now();
+        if (now >= next_report) {
+            const tk_string seen = status ? "is " + status->str() : tk_string("is missing");
+            const long long waited =
+                std::chrono::duration_cast<std::chrono::seconds>(now - start).count();
+            if (!reported)
+                LOG_INFO(SS_DEFAULT, 0, "Waiting for the UPS handler: '%s' %s, not 1",
+                         ups_status_path, seen.c_str());
+            else
+                LOG_INFO(SS_DEFAULT, 0,
+                         "Still waiting for the UPS handler after %lld s: '%s' %s, not 1", waited,
+                         ups_status_path, seen.c_str());
+            if (_launch && !reported)
+                _launch->waiting();
+            reported = true;
+            next_report = now + ups_report_interval;
+        }
+        ::usleep(500000);
     }
-    return status->to_int() == 1;
 }
 
-void CServerCore::add_transports(CIoManager& manager) {
+void CServerCore::load_configuration() {
+    LOG_STACK();
+    try {
+        _settings.reset(new CModbusSettings(*_cds));
+        _cfg = std::make_shared<CModbusConfig>(*_settings);
+    } catch (const generic_err&) {
+        LOG_ERR(SS_DEFAULT, 0, "Couldn't initialize settings / configuration");
+        throw init_err();
+    }
+}
+
+int CServerCore::check() {
+    LOG_STACK();
+    const toolkit::CSysLog& log = thread_log();
+    const uint32_t errors = log.errors();
+    const uint32_t warnings = log.warnings();
+    try {
+        load_configuration();
+        _cfg->warn_missing_leaves(*_cds);
+    } catch (const init_err&) {
+    } catch (const generic_err&) {
+        LOG_ERR(SS_DEFAULT, 0, "Couldn't read the mapped leaves from the store");
+    }
+    if (_settings) {
+        std::printf("TCP port %u, time-out %u ms\n", _settings->tcp().port(),
+                    _settings->tcp().timeout());
+        if (_cfg) {
+            for (const auto& unit : _cfg->tcp_units())
+                std::printf("  unit %u: device '%s', %zu mappings\n",
+                            static_cast<unsigned>(unit.first), unit.second->path().c_str(),
+                            unit.second->mapping_count());
+        }
+        for (const auto& iface : _settings->serial().interfaces()) {
+            std::printf("Serial interface %u on '%s', %u baud, time-out %u ms\n", iface.number(),
+                        iface.serial_port().c_str(), iface.baud_rate(),
+                        _settings->serial().timeout());
+            if (!_cfg)
+                continue;
+            for (const auto& slave : _cfg->serial_units())
+                if (slave.first.first == iface.number())
+                    std::printf("  slave %u: device '%s', %zu mappings\n",
+                                static_cast<unsigned>(slave.first.second),
+                                slave.second->path().c_str(), slave.second->mapping_count());
+        }
+    }
+    const uint32_t new_errors = log.errors() - errors;
+    const uint32_t new_warnings = log.warnings() - warnings;
+    std::printf("%u errors, %u warnings\n", new_errors, new_warnings);
+    std::fflush(stdout);
+    return new_errors ? 1 : new_warnings ? 2 : 0;
+}
+
+tk_string CServerCore::add_transports(CIoManager& manager) {
     LOG_STACK();
     assert(_settings);
+    assert(_cfg);
     const uint32_t port = _settings->tcp().port();
-    if (port > 0xFFFF) {
-        LOG_ERR(SS_TCP_IO, 0, "TCP port %u is out of range", port);
-        throw init_err();
-    }
     const CModbusTcpProtocolHandler tcp_prototype(nullptr);
     manager.add(CTcpListener::create(manager, tcp_prototype, static_cast<uint16_t>(port)));
+    tk_string summary = "Serving Modbus TCP on port " + std::to_string(port) + " (units " +
+                        id_list(_cfg->tcp_units(), [](const auto& unit) { return unit.first; }) +
+                        ")";
 
     using C = CSerialConnection;
     const CModbusSerialProtocolHandler serial_prototype(nullptr);
@@ -172,7 +277,15 @@ void CServerCore::add_transports(CIoManager& manager) {
             static_cast<C::stop_bits_t>(iface.stop_bits()), _cfg->serial_timeout());
         manager.add(conn);
         conn->start();
+        std::vector<unsigned> slaves;
+        for (const auto& slave : _cfg->serial_units())
+            if (slave.first.first == iface.number())
+                slaves.push_back(slave.first.second);
+        summary += ", RTU on '" + iface.serial_port() + "' at " +
+                   std::to_string(iface.baud_rate()) + " baud (slaves " +
+                   id_list(slaves, [](unsigned a) { return a; }) + ")";
     }
+    return summary;
 }
 
 bool CServerCore::main() {
@@ -201,11 +314,10 @@ bool CServerCore::main() {
             LOG_INFO(SS_DEFAULT, 2, "Watchdog timer disabled.");
         }
         _cds_thread->create_actor(manager);
+        tk_string summary;
         try {
-            add_transports(manager);
+            summary = add_transports(manager);
         } catch (const boost::system::system_error&) {
-            return false;
-        } catch (const init_err&) {
             return false;
         }
         _settings.reset();
@@ -216,6 +328,9 @@ bool CServerCore::main() {
                 LOG_THREAD(err, 0, "Couldn't set UID (but continuing)...");
             }
         }
+        LOG_INFO(SS_DEFAULT, 0, "%s", summary.c_str());
+        if (_launch)
+            _launch->ready();
         manager.run();
     } catch (const boost::system::system_error& e) {
         LOG_THREAD(err, 0, "System error encountered in I/O manager");

@@ -1,6 +1,8 @@
-// Entry of modbus_server: start up, serve until a terminating signal, shut down.
+// Entry of modbus_server: start up, serve until a terminating signal, shut down; or, with
+// --check, check the configuration and exit with its verdict.
 #include "server_core/server_core.h"
 #include "util/log.h"
+#include "util/options_base.h"
 
 #include <csignal>
 
@@ -11,9 +13,15 @@ int main(int argc, char** argv) {
     install_thread_log(make_thread_log(nullptr));
     try {
         CServerCore core(argc, argv);
+        if (core.check_status()) {
+            core.shutdown();
+            return *core.check_status();
+        }
         const bool served = core.main();
         core.shutdown();
         return served ? 0 : 1;
+    } catch (const COptionsBase::help_shown&) {
+        return 0;
     } catch (const CServerCore::init_err&) {
         return 1;
     } catch (const generic_err&) {

@@ -81,8 +81,16 @@ CServerOptions::CServerOptions(int argc, const char* const* argv) {
             init_single(_no_syslogd, false), parse_bool(_no_syslogd), {}, show_bool(_no_syslogd));
     add_opt({"-d", "--daemon"}, "[-d]", "Run as a daemon",
             "Detach from the terminal and run in the background; by default the server runs in "
-            "the foreground.",
+            "the foreground. The starting process shows the start-up messages and exits 0 once "
+            "the server serves, or once it waits for the UPS handler (it then reads its "
+            "configuration later and reports to syslog only); 1 when the start-up failed.",
             init_single(_daemon, false), parse_bool(_daemon), {}, show_bool(_daemon));
+    add_opt({"-c", "--check"}, "[-c]", "Check the configuration and exit",
+            "Read the settings and every mapping file as a start would, print each unit with "
+            "its mapping count, every warning and error, and exit: 0 when all is clean, 1 on "
+            "errors, 2 on warnings only. Nothing is bound, the server does not wait for the UPS "
+            "handler, and -d is ignored.",
+            init_single(_check, false), parse_bool(_check), {}, show_bool(_check));
     add_opt({"-p", "--priority"}, "[-p <nice value>]", "Set the process scheduling priority",
             "A nice value from -20 (most favoured) to 19.", {}, parse_nice(_process_priority), {},
             show_int_opt(_process_priority));

@@ -18,6 +18,8 @@ public:
     const subsystem_levels_t& subsystem_levels() const { return _subsystem_levels; }
     bool no_syslogd() const { return _no_syslogd; }
     bool daemon() const { return _daemon; }
+    // Check the settings and mapping files, report and exit; nothing is served.
+    bool check() const { return _check; }
     const boost::optional<int32_t>& process_priority() const { return _process_priority; }
     const boost::optional<CRealtimePriority>& thread_priority() const { return _thread_priority; }
     unsigned watchdog_ms() const { return _watchdog_ms; }
@@ -31,6 +33,7 @@ private:
     subsystem_levels_t _subsystem_levels;
     bool _no_syslogd = false;
     bool _daemon = false;
+    bool _check = false;
     boost::optional<int32_t> _process_priority;
     boost::optional<CRealtimePriority> _thread_priority;
     unsigned _watchdog_ms = 0;

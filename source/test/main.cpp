@@ -1,6 +1,7 @@
 // Entry of the test driver: options, logging, seed, then Boost.Test.
 #include "test/global_test_data.h"
 #include "util/log.h"
+#include "util/options_base.h"
 
 #include <boost/test/unit_test.hpp>
 
@@ -18,6 +19,8 @@ int main(int argc, char** argv) {
     std::unique_ptr<CGlobalTestData> data;
     try {
         data.reset(new CGlobalTestData(argc, argv));
+    } catch (const COptionsBase::help_shown&) {
+        return 0;
     } catch (const generic_err&) {
         return 1;
     }

@@ -176,10 +176,13 @@ int COptionsBase::parse(int argc, const char* const* argv) {
         }
     } catch (const dump_version&) {
         version(prog);
-        throw generic_err();
+        throw help_shown();
     } catch (const show_detailed_usage&) {
         usage(prog, true);
-        throw generic_err();
+        throw help_shown();
+    } catch (const show_usage&) {
+        usage(prog, false);
+        throw help_shown();
     } catch (const end_args&) {
     } catch (const generic_err&) {
         usage(prog, false);

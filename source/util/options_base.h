@@ -3,8 +3,9 @@
 //
 // A concrete class registers its options in its constructor with add_opt, each bound to a
 // field through small function objects (see include/util/option_helpers.h), then calls
-// parse. Every user error ends in generic_err after a message on stderr; so do the help,
-// detailed help and version requests, after their text.
+// parse. Every user error ends in generic_err after a message on stderr; the help, detailed
+// help and version requests end in help_shown (a generic_err too) after their text, so that
+// a program can exit successfully.
 #include "toolkit/tk_string.h"
 #include "util/generic_err.h"
 #include "util/log.h"
@@ -51,6 +52,8 @@ public:
     struct show_usage : generic_err {};
     struct show_detailed_usage {};
     struct end_args {};
+    // What parse throws once it has printed the help or the version.
+    struct help_shown : generic_err {};
 
     static const char* const subsystem_strings[SS_COUNT];
     static const char* const version_string;

@@ -72,6 +72,10 @@ TK_SYSLOG_METHOD(debug, kind_t::debug)
 #undef TK_SYSLOG_METHOD
 
 void CSysLog::vlog(kind_t kind, unsigned level, const char* function, const char* fmt, va_list ap) {
+    if (kind == kind_t::error)
+        ++_errors;
+    else if (kind == kind_t::warning)
+        ++_warnings;
     char text[4096];
     int n = 0;
     if (function)

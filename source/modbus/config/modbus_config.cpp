@@ -1,4 +1,5 @@
 #include "modbus/config/modbus_config.h"
+#include "util/generic_err.h"
 #include "util/log.h"
 
 #include <cassert>
@@ -27,7 +28,7 @@ CModbusConfig::CModbusConfig(const CModbusSettings& settings)
                       path.c_str());
         // Store data, not a programming error: the first unit keeps the id.
         if (_tcp_map.count(id)) {
-            LOG_ERR(SS_CONFIG, 1, "Duplicate Unit ID %u; ignoring unit with device path '%s'",
+            LOG_ERR(SS_CONFIG, 0, "Duplicate Unit ID %u; ignoring unit with device path '%s'",
                     static_cast<unsigned>(id), unit.device_path().c_str());
             continue;
         }
@@ -45,7 +46,7 @@ CModbusConfig::CModbusConfig(const CModbusSettings& settings)
                           iface.number(), iface.serial_port().c_str(),
                           static_cast<unsigned>(key.second), path.c_str());
             if (_serial_map.count(key)) {
-                LOG_ERR(SS_CONFIG, 1,
+                LOG_ERR(SS_CONFIG, 0,
                         "Duplicate Slave Address %u on interface %u; ignoring slave with device "
                         "path '%s'",
                         static_cast<unsigned>(key.second), key.first, slave.device_path().c_str());
@@ -66,20 +67,26 @@ void CModbusConfig::parse(const CModbusSettings& settings, eds_map_t& eds_map) {
         for (const CModbusSerialSlaveSettings& slave : iface.slaves())
             paths.insert(slave.eds_paths().begin(), slave.eds_paths().end());
 
+    // Every file is read even after one failed, so that one start reports every broken file.
+    bool failed = false;
     for (const tk_string& edspath : paths) {
         LOG_DEBUG(SS_CONFIG, 4, "Parsing EDS file '%s'", edspath.c_str());
         assert(!eds_map.count(edspath));
         std::shared_ptr<const CEdsMapping> eds;
         try {
             eds = std::make_shared<const CEdsMapping>(edspath);
-        } catch (...) {
+        } catch (...) { // whatever a broken file throws, the start-up reports it the same way
             LOG_ERR(SS_CONFIG, 0, "Error parsing EDS file: '%s'", edspath.c_str());
-            throw;
+            failed = true;
+            continue;
         }
         if (eds->max_event_index() > _max_event_index)
             _max_event_index = eds->max_event_index();
+        _eds_names.emplace(eds.get(), edspath);
         eds_map.emplace(edspath, std::move(eds));
     }
+    if (failed)
+        throw generic_err();
 }
 
 eds_mapvec_t CModbusConfig::lookup(const eds_map_t& eds_map,
@@ -106,4 +113,47 @@ CModbusDeviceConfig* CModbusConfig::serial_config(unsigned int iface, slave_addr
         return nullptr;
     assert(imap->second != nullptr);
     return imap->second;
+}
+
+size_t CModbusConfig::warn_missing_leaves(CCdsHandle& cds) const {
+    LOG_STACK();
+    // Full leaf path -> who maps it first; units sharing a device and a file share leaves.
+    std::map<tk_string, tk_string> wanted;
+    auto collect = [&](const CModbusDeviceConfig& device, const tk_string& who) {
+        for (const auto& eds : device.eds()) {
+            const tk_string where = who + " in '" + _eds_names.at(eds.get()) + "'";
+            const auto registers = eds->get_register_mappings(CAddressRange::all_addrs());
+            for (auto it = registers.first; it != registers.second; ++it)
+                wanted.emplace(device.path() + it->second->path(), where);
+            const auto discretes = eds->get_discrete_mappings(CAddressRange::all_addrs());
+            for (auto it = discretes.first; it != discretes.second; ++it)
+                wanted.emplace(device.path() + it->second->path(), where);
+        }
+    };
+    for (const auto& unit : _tcp_map)
+        collect(*unit.second, "TCP unit " + std::to_string(unit.first));
+    for (const auto& slave : _serial_map)
+        collect(*slave.second, "serial interface " + std::to_string(slave.first.first) +
+                                   " slave " + std::to_string(slave.first.second));
+
+    cds_leaf_set_t leaves;
+    for (const auto& entry : wanted)
+        leaves.emplace(entry.first);
+    // Full paths: the empty prefix puts a second '/' in front, which the store folds.
+    cds.get(leaves, tk_string());
+    size_t missing = 0;
+    for (const auto& entry : wanted) {
+        const auto leaf = leaves.find(CCdsLeaf(entry.first));
+        assert(leaf != leaves.end());
+        if (leaf->_status == API_STATUS_OK)
+            continue;
+        // A wrong device path makes every leaf of a unit missing; a screenful says enough.
+        if (++missing <= max_missing_lines)
+            LOG_WARN(SS_CONFIG, 0, "'%s' is not in the store (mapped by %s)", entry.first.c_str(),
+                     entry.second.c_str());
+    }
+    if (missing > max_missing_lines)
+        LOG_WARN(SS_CONFIG, 0, "%zu more mapped leaves are not in the store",
+                 missing - max_missing_lines);
+    return missing;
 }

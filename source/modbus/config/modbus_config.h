@@ -3,10 +3,10 @@
 // unit id and per (serial interface number, slave address), built once at start from the
 // settings. Every mapping file is parsed once, however many units name it.
 //
-// Construction throws generic_err, after "Error parsing EDS file: '<path>'", when a file
-// does not parse: the server must not run with a broken map. A second unit with a unit id
-// (or interface and slave address) already taken is logged and left out. Read-only after
-// construction, except for the units' dynamic configurations.
+// Construction throws generic_err, after "Error parsing EDS file: '<path>'" for every file
+// that does not parse: the server must not run with a broken map. A second unit with a unit
+// id (or interface and slave address) already taken is an error and left out. Read-only
+// after construction, except for the units' dynamic configurations.
 #include "modbus/config/modbus_device_config.h"
 #include "modbus/config/modbus_settings.h"
 
@@ -22,6 +22,10 @@
 class CModbusConfig {
 public:
     typedef std::pair<unsigned int, slave_addr_t> serial_key_t;
+    typedef boost::ptr_map<unit_id_t, CModbusDeviceConfig> tcp_map_t;
+    typedef boost::ptr_map<serial_key_t, CModbusDeviceConfig> serial_map_t;
+    // Lines of warn_missing_leaves before it only counts.
+    static constexpr size_t max_missing_lines = 20;
 
     explicit CModbusConfig(const CModbusSettings& settings);
     CModbusConfig(const CModbusConfig&) = delete;
@@ -42,6 +46,15 @@ public:
 
     size_t tcp_count() const { return _tcp_map.size(); }
     size_t serial_count() const { return _serial_map.size(); }
+    // The units in key order, for start-up reports.
+    const tcp_map_t& tcp_units() const { return _tcp_map; }
+    const serial_map_t& serial_units() const { return _serial_map; }
+
+    // Reads every leaf the units' register and discrete mappings name, in one batch, and
+    // warns about each one the store lacks (its full path and the unit and file that map
+    // it; after max_missing_lines only the count). Returns how many are missing. Throws
+    // generic_err when the store fails.
+    size_t warn_missing_leaves(CCdsHandle& cds) const;
 
 private:
     typedef std::map<tk_string, std::shared_ptr<const CEdsMapping>> eds_map_t;
@@ -49,8 +62,10 @@ private:
     void parse(const CModbusSettings& settings, eds_map_t& eds_map);
     eds_mapvec_t lookup(const eds_map_t& eds_map, const std::vector<tk_string>& paths) const;
 
-    boost::ptr_map<unit_id_t, CModbusDeviceConfig> _tcp_map;
-    boost::ptr_map<serial_key_t, CModbusDeviceConfig> _serial_map;
+    tcp_map_t _tcp_map;
+    serial_map_t _serial_map;
+    // The file each parsed mapping came from, for messages.
+    std::map<const CEdsMapping*, tk_string> _eds_names;
     uint32_t _tcp_timeout;
     uint32_t _tcp_working_limit;
     uint32_t _serial_timeout;

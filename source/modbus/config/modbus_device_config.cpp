@@ -3,6 +3,7 @@
 #include "util/log.h"
 
 #include <cassert>
+#include <iterator>
 
 CModbusDeviceConfig::CModbusDeviceConfig(const tk_string& path, const eds_mapvec_t& edsvec,
                                          bool zero_fill)
@@ -48,4 +49,18 @@ std::unique_ptr<CRegisterMaplist> CModbusDeviceConfig::get_registers(const CAddr
 
 std::unique_ptr<CProfileMaplist> CModbusDeviceConfig::get_profile() const {
     return std::make_unique<CProfileMaplist>();
+}
+
+size_t CModbusDeviceConfig::mapping_count() const {
+    const CAddressRange all = CAddressRange::all_addrs();
+    size_t count = 0;
+    for (const auto& eds : _eds) {
+        const auto registers = eds->get_register_mappings(all);
+        const auto discretes = eds->get_discrete_mappings(all);
+        const auto events = eds->get_event_mappings(all);
+        count += static_cast<size_t>(std::distance(registers.first, registers.second) +
+                                     std::distance(discretes.first, discretes.second) +
+                                     std::distance(events.first, events.second));
+    }
+    return count;
 }

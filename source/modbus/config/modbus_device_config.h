@@ -35,6 +35,8 @@ public:
     const tk_string& path() const { return _path; }
     const eds_mapvec_t& eds() const { return _eds; }
     bool zero_fill() const { return _zero_fill; }
+    // Register, discrete and event mappings over all the unit's files.
+    size_t mapping_count() const;
     // Created with the device; entries are filled in by the requests' reads.
     CModbusDeviceDynamicConfig& dynamic_config() const { return *_dynamic; }
 

@@ -2,7 +2,8 @@
 #include "util/log.h"
 
 #include <algorithm>
-#include <limits>
+#include <cmath>
+#include <string>
 
 using toolkit::CElement;
 
@@ -14,6 +15,13 @@ const char* const port_node =
 const char* const tcp_node = "/Software/Data Servers/Modbus/Interface Type/TCP";
 const char* const serial_node = "/Software/Data Servers/Modbus/Interface Type/Serial";
 
+// The name the settings' diagnostics carry, whichever helper finds the problem.
+const char* const log_name = "CModbusSettings";
+
+// A response time-out above an hour is a typing error, not a wish.
+const uint32_t max_timeout_ms = 3600000;
+const uint32_t max_baud_rate = 4000000;
+
 tk_string unit_node(const tk_string& idstr) {
     return tk_string(tcp_node) + "/Mappings/" + idstr;
 }
@@ -22,29 +30,78 @@ tk_string interface_node(const tk_string& idstr) {
     return tk_string(serial_node) + "/Interface/" + idstr;
 }
 
-// A setting's value: the node's "/Value" leaf, unless the path already names it.
-boost::optional<CElement> read_setting(CCdsHandle& cds, const tk_string& node) {
+// A setting's value leaf: the node's "/Value", unless the path already names it.
+tk_string value_path(const tk_string& node) {
     static const tk_string leaf = "/Value";
     const bool is_leaf = node.size() >= leaf.size() &&
                          node.compare(node.size() - leaf.size(), leaf.size(), leaf) == 0;
-    return cds.get(is_leaf ? node : node + leaf);
+    return is_leaf ? node : node + leaf;
 }
 
-// Numbers that fit 32 bits unsigned; negative or fractional-overflowing ones do not.
-bool to_u32(const CElement& el, uint64_t& out) {
-    CElement u;
-    if (!CElement::convert(el, CElement::TYPE_UINT, u))
+boost::optional<CElement> read_setting(CCdsHandle& cds, const tk_string& node) {
+    return cds.get(value_path(node));
+}
+
+// A value as a message shows it: texts quoted, so that "1" and 1 differ.
+tk_string shown(const CElement& el) {
+    return el.is_string() ? "\"" + el.str() + "\"" : el.str();
+}
+
+// How loudly a missing setting is reported: a value the device normally has is a warning; an
+// optional one that is usually left out is narration.
+enum class absent_t { warn, info };
+
+// A setting fell back to its default: present but unusable is always a warning.
+void fall_back(const tk_string& node, const boost::optional<CElement>& el, const char* expected,
+               const tk_string& used, absent_t absent) {
+    const tk_string path = value_path(node);
+    if (el)
+        MB_LOG_CALL(warn, SS_SETTINGS, 0, log_name, "'%s' is %s, not %s; using %s", path.c_str(),
+                    shown(*el).c_str(), expected, used.c_str());
+    else if (absent == absent_t::warn)
+        MB_LOG_CALL(warn, SS_SETTINGS, 0, log_name, "'%s' is missing; using %s", path.c_str(),
+                    used.c_str());
+    else
+        MB_LOG_CALL(info, SS_SETTINGS, 2, log_name, "'%s' is missing; using %s", path.c_str(),
+                    used.c_str());
+}
+
+// A whole number within [min, max]: an integer, or a float without a fraction. Texts and
+// bools are not numbers here, so that "abc" or true never becomes a port.
+bool whole_number(const CElement& el, uint64_t min, uint64_t max, uint64_t& out) {
+    switch (el.type()) {
+    case CElement::TYPE_UINT:
+        out = el.to_uint();
+        break;
+    case CElement::TYPE_INT:
+        if (el.to_int() < 0)
+            return false;
+        out = static_cast<uint64_t>(el.to_int());
+        break;
+    case CElement::TYPE_FLOAT: {
+        const double d = el.to_float();
+        // 2^64: every double below it converts without overflow.
+        if (!(d >= 0 && d < 18446744073709551616.0) || d != std::floor(d))
+            return false;
+        out = static_cast<uint64_t>(d);
+        break;
+    }
+    default:
         return false;
-    out = u.to_uint();
-    return out <= std::numeric_limits<uint32_t>::max();
+    }
+    return out >= min && out <= max;
 }
 
-// A global number: kept at its default unless the leaf exists and holds a fitting number.
-uint32_t read_number(CCdsHandle& cds, const tk_string& node, uint32_t def) {
+// A numeric setting within [min, max], or def after saying why.
+uint32_t read_number(CCdsHandle& cds, const tk_string& node, uint32_t def, uint32_t min,
+                     uint32_t max, absent_t absent) {
     const auto el = read_setting(cds, node);
     uint64_t v = 0;
-    if (el && el->is_numeric() && to_u32(*el, v))
+    if (el && whole_number(*el, min, max, v))
         return static_cast<uint32_t>(v);
+    const tk_string expected =
+        "a whole number from " + std::to_string(min) + " to " + std::to_string(max);
+    fall_back(node, el, expected.c_str(), std::to_string(def), absent);
     return def;
 }
 
@@ -56,57 +113,90 @@ std::vector<tk_string> children(CCdsHandle& cds, const tk_string& node) {
     return out;
 }
 
-// The index of text among names, or def when it is none of them.
-unsigned pick(const boost::optional<CElement>& el, std::initializer_list<const char*> names,
+// The index of the setting's text among names (exact spelling), or def after saying why.
+unsigned pick(CCdsHandle& cds, const tk_string& node, std::initializer_list<const char*> names,
               unsigned def) {
-    if (!el)
-        return def;
-    const tk_string text = el->str();
+    const auto el = read_setting(cds, node);
+    tk_string expected = "one of";
     unsigned i = 0;
     for (const char* name : names) {
-        if (text == name)
+        if (el && el->str() == name)
             return i;
+        expected += (i == 0 ? " " : ", ") + tk_string(name);
         ++i;
     }
+    fall_back(node, el, expected.c_str(), names.begin()[def], absent_t::info);
     return def;
+}
+
+// A unit, slave or interface that cannot be served is an error: it is left out.
+bool leave_out(const tk_string& who, const tk_string& node, const char* problem) {
+    MB_LOG_CALL(err, SS_SETTINGS, 0, log_name, "%s left out: '%s' %s", who.c_str(),
+                value_path(node).c_str(), problem);
+    return false;
+}
+
+bool leave_out(const tk_string& who, const tk_string& node, const CElement& el,
+               const char* expected) {
+    const tk_string problem = "is " + shown(el) + ", not " + expected;
+    return leave_out(who, node, problem.c_str());
 }
 
 // "/EDS Paths" of a unit or slave node; false (after the error line) when there are none.
 bool read_eds_paths(CCdsHandle& cds, const tk_string& node, const tk_string& who,
                     std::vector<tk_string>& paths) {
-    const auto el = read_setting(cds, node + "/EDS Paths");
-    if (!el) {
-        LOG_ERR(SS_SETTINGS, 1, "Can't fetch EDS paths for %s", who.c_str());
-        return false;
-    }
+    const tk_string leaf = node + "/EDS Paths";
+    const auto el = read_setting(cds, leaf);
+    if (!el)
+        return leave_out(who, leaf, "is missing");
     paths.clear();
     CElement::split_string(paths, el->str(), ';');
-    if (paths.empty()) {
-        LOG_ERR(SS_SETTINGS, 1, "No EDS paths for %s", who.c_str());
-        return false;
-    }
+    if (paths.empty())
+        return leave_out(who, leaf, *el, "a ';'-separated list of mapping files");
     return true;
 }
 
 // "/Device Path" of a unit or slave node; false (after the error line) when absent or empty.
 bool read_device_path(CCdsHandle& cds, const tk_string& node, const tk_string& who,
                       tk_string& path) {
-    const auto el = read_setting(cds, node + "/Device Path");
-    if (!el) {
-        LOG_ERR(SS_SETTINGS, 1, "Can't fetch device path for %s", who.c_str());
-        return false;
-    }
+    const tk_string leaf = node + "/Device Path";
+    const auto el = read_setting(cds, leaf);
+    if (!el)
+        return leave_out(who, leaf, "is missing");
     path = el->str();
-    if (path.empty()) {
-        LOG_ERR(SS_SETTINGS, 1, "Empty device path for %s", who.c_str());
-        return false;
+    if (path.empty())
+        return leave_out(who, leaf, "is empty");
+    return true;
+}
+
+// "/Slave ID" of a unit or slave node, within [min, max].
+bool read_address(CCdsHandle& cds, const tk_string& node, const tk_string& who, uint64_t min,
+                  uint64_t max, uint64_t& out) {
+    const tk_string leaf = node + "/Slave ID";
+    const auto el = read_setting(cds, leaf);
+    if (!el)
+        return leave_out(who, leaf, "is missing");
+    if (!whole_number(*el, min, max, out)) {
+        const tk_string expected =
+            "a whole number from " + std::to_string(min) + " to " + std::to_string(max);
+        return leave_out(who, leaf, *el, expected.c_str());
     }
     return true;
 }
 
+// A bool, or the texts and numbers people write for one.
 bool read_zero_fill(CCdsHandle& cds) {
     const auto el = read_setting(cds, zero_fill_node);
-    const bool zero_fill = el && el->to_bool();
+    bool zero_fill = false;
+    uint64_t n = 0;
+    if (el && el->is_bool())
+        zero_fill = el->to_bool();
+    else if (el && el->is_string() && (el->str() == "true" || el->str() == "false"))
+        zero_fill = el->str() == "true";
+    else if (el && whole_number(*el, 0, 1, n))
+        zero_fill = n == 1;
+    else
+        fall_back(zero_fill_node, el, "true or false", "false", absent_t::info);
     LOG_DEBUG(SS_SETTINGS, 3, "Zero fill default: %u", zero_fill ? 1u : 0u);
     return zero_fill;
 }
@@ -114,13 +204,24 @@ bool read_zero_fill(CCdsHandle& cds) {
 } // namespace
 
 CModbusSettings::CModbusSettings(CCdsHandle& cds)
-    : _zero_fill(read_zero_fill(cds)), _tcp(cds), _serial(cds) {}
+    : _zero_fill(read_zero_fill(cds)), _tcp(cds), _serial(cds) {
+    bool any = !_tcp.units().empty();
+    for (const CModbusSerialInterfaceSettings& iface : _serial.interfaces())
+        any = any || !iface.slaves().empty();
+    if (!any)
+        LOG_WARN(SS_SETTINGS, 0,
+                 "No units configured: no valid unit under '%s/Mappings' nor slave under "
+                 "'%s/Interface'; nothing will answer",
+                 tcp_node, serial_node);
+}
 
 CModbusTcpSettings::CModbusTcpSettings(CCdsHandle& cds) {
     LOG_STACK();
-    _port = read_number(cds, port_node, _port);
+    _port = read_number(cds, port_node, _port, 1, 0xFFFF, absent_t::warn);
     LOG_DEBUG(SS_SETTINGS, 3, "TCP listening port: %u", _port);
-    _timeout = read_number(cds, tk_string(tcp_node) + "/Timeout/Value", _timeout);
+    // 0 is legal: requests then wait for the store without limit.
+    _timeout = read_number(cds, tk_string(tcp_node) + "/Timeout", _timeout, 0, max_timeout_ms,
+                           absent_t::warn);
     LOG_DEBUG(SS_SETTINGS, 3, "TCP timeout: %u", _timeout);
     for (const tk_string& idstr : children(cds, tk_string(tcp_node) + "/Mappings")) {
         CModbusTcpUnitSettings unit(cds, idstr);
@@ -135,31 +236,17 @@ CModbusTcpUnitSettings::CModbusTcpUnitSettings(CCdsHandle& cds, const tk_string&
 }
 
 bool CModbusTcpUnitSettings::read(CCdsHandle& cds, const tk_string& idstr) {
-    if (idstr.empty()) {
-        LOG_ERR(SS_SETTINGS, 1, "Empty ID string");
-        return false;
-    }
+    const tk_string who = "TCP unit '" + idstr + "'";
     const tk_string node = unit_node(idstr);
-    const auto id = read_setting(cds, node + "/Slave ID");
-    if (!id) {
-        LOG_ERR(SS_SETTINGS, 1, "Can't fetch UnitID for %s", idstr.c_str());
-        return false;
-    }
     uint64_t v = 0;
-    if (!to_u32(*id, v)) {
-        LOG_ERR(SS_SETTINGS, 1, "Invalid Unit ID: '%s'", id->str().c_str());
+    if (!read_address(cds, node, who, 0, 255, v))
         return false;
-    }
-    if (v > 255) {
-        LOG_ERR(SS_SETTINGS, 1, "Invalid Unit ID: %u", static_cast<unsigned>(v));
-        return false;
-    }
     _unit_id = static_cast<unit_id_t>(v);
     LOG_DEBUG(SS_SETTINGS, 3, "TCP %s: Unit ID: %u", idstr.c_str(), static_cast<unsigned>(v));
-    if (!read_device_path(cds, node, idstr, _device_path))
+    if (!read_device_path(cds, node, who, _device_path))
         return false;
     LOG_DEBUG(SS_SETTINGS, 3, "TCP %s: device path: '%s'", idstr.c_str(), _device_path.c_str());
-    if (!read_eds_paths(cds, node, idstr, _eds_paths))
+    if (!read_eds_paths(cds, node, who, _eds_paths))
         return false;
     for (const tk_string& path : _eds_paths)
         LOG_DEBUG(SS_SETTINGS, 3, "TCP %s: EDS: '%s'", idstr.c_str(), path.c_str());
@@ -168,8 +255,6 @@ bool CModbusTcpUnitSettings::read(CCdsHandle& cds, const tk_string& idstr) {
 
 CModbusSerialSettings::CModbusSerialSettings(CCdsHandle& cds) {
     LOG_STACK();
-    _timeout = read_number(cds, tk_string(serial_node) + "/Timeout/Value", _timeout);
-    LOG_DEBUG(SS_SETTINGS, 3, "Serial timeout: %u", _timeout);
     unsigned int number = 0;
     for (const tk_string& idstr : children(cds, tk_string(serial_node) + "/Interface")) {
         CModbusSerialInterfaceSettings iface(cds, idstr, number);
@@ -178,6 +263,11 @@ CModbusSerialSettings::CModbusSerialSettings(CCdsHandle& cds) {
             ++number;
         }
     }
+    // A time-out of 0 would leave a line with a request stuck for good; without interfaces
+    // the value does not matter.
+    _timeout = read_number(cds, tk_string(serial_node) + "/Timeout", _timeout, 1, max_timeout_ms,
+                           _interfaces.empty() ? absent_t::info : absent_t::warn);
+    LOG_DEBUG(SS_SETTINGS, 3, "Serial timeout: %u", _timeout);
 }
 
 CModbusSerialInterfaceSettings::CModbusSerialInterfaceSettings(CCdsHandle& cds,
@@ -186,24 +276,26 @@ CModbusSerialInterfaceSettings::CModbusSerialInterfaceSettings(CCdsHandle& cds,
     : _number(number) {
     LOG_STACK();
     const tk_string node = interface_node(idstr);
+    const tk_string who = "Serial interface '" + idstr + "'";
     const auto port = read_setting(cds, node + "/Serial Port");
     if (!port) {
-        LOG_ERR(SS_SETTINGS, 1, "Can't fetch serial port for interface %s", idstr.c_str());
+        leave_out(who, node + "/Serial Port", "is missing");
         return;
     }
     _serial_port = port->str();
+    if (_serial_port.empty()) {
+        leave_out(who, node + "/Serial Port", "is empty");
+        return;
+    }
     LOG_DEBUG(SS_SETTINGS, 3, "Serial interface number %s: serial device name: '%s'", idstr.c_str(),
               _serial_port.c_str());
 
-    _baud_rate = read_number(cds, node + "/Baud Rate", _baud_rate);
-    _flow_control = pick(read_setting(cds, node + "/Flow Control"),
-                         {"None", "Software", "Hardware"}, _flow_control);
-    if (const auto size = read_setting(cds, node + "/Char Size")) {
-        const uint64_t bits = size->to_uint();
-        _char_size = bits >= 5 && bits <= 8 ? static_cast<unsigned>(bits) : 8;
-    }
-    _parity = pick(read_setting(cds, node + "/Parity"), {"None", "Odd", "Even"}, PARITY_NONE);
-    _stop_bits = pick(read_setting(cds, node + "/Stop Bits"), {"1", "1.5", "2"}, STOP_ONE);
+    _baud_rate =
+        read_number(cds, node + "/Baud Rate", _baud_rate, 50, max_baud_rate, absent_t::info);
+    _flow_control = pick(cds, node + "/Flow Control", {"None", "Software", "Hardware"}, FLOW_NONE);
+    _char_size = read_number(cds, node + "/Char Size", _char_size, 5, 8, absent_t::info);
+    _parity = pick(cds, node + "/Parity", {"None", "Odd", "Even"}, PARITY_NONE);
+    _stop_bits = pick(cds, node + "/Stop Bits", {"1", "1.5", "2"}, STOP_ONE);
     LOG_DEBUG(SS_SETTINGS, 3, "Serial %s: Baud Rate: %u", idstr.c_str(), _baud_rate);
     LOG_DEBUG(SS_SETTINGS, 3, "Serial %s: Flow Control: %u", idstr.c_str(), _flow_control);
     LOG_DEBUG(SS_SETTINGS, 3, "Serial %s: Char Size: %u", idstr.c_str(), _char_size);
@@ -229,28 +321,18 @@ bool CModbusSerialSlaveSettings::read(CCdsHandle& cds, const tk_string& iface_id
                                       const tk_string& subnode) {
     LOG_DEBUG(SS_SETTINGS, 3, "iface_id: %s, path: %s", iface_id.c_str(), subnode.c_str());
     const tk_string node = interface_node(iface_id) + "/Mappings/" + subnode;
-    const auto addr = read_setting(cds, node + "/Slave ID");
-    if (!addr) {
-        LOG_ERR(SS_SETTINGS, 1, "Can't fetch slave address for %s", subnode.c_str());
-        return false;
-    }
+    const tk_string who = "Serial slave '" + subnode + "' of interface '" + iface_id + "'";
     uint64_t v = 0;
-    if (!to_u32(*addr, v)) {
-        LOG_ERR(SS_SETTINGS, 1, "Invalid slave address: '%s'", addr->str().c_str());
+    if (!read_address(cds, node, who, 1, 247, v))
         return false;
-    }
-    if (v < 1 || v > 247) {
-        LOG_ERR(SS_SETTINGS, 1, "Invalid slave address: %u", static_cast<unsigned>(v));
-        return false;
-    }
     _slave_address = static_cast<slave_addr_t>(v);
     LOG_DEBUG(SS_SETTINGS, 3, "Serial %s:%s: slave address: %u", iface_id.c_str(), subnode.c_str(),
               static_cast<unsigned>(v));
-    if (!read_device_path(cds, node, subnode, _device_path))
+    if (!read_device_path(cds, node, who, _device_path))
         return false;
     LOG_DEBUG(SS_SETTINGS, 3, "Serial %s:%s: device path: %s", iface_id.c_str(), subnode.c_str(),
               _device_path.c_str());
-    if (!read_eds_paths(cds, node, subnode, _eds_paths))
+    if (!read_eds_paths(cds, node, who, _eds_paths))
         return false;
     for (const tk_string& path : _eds_paths)
         LOG_DEBUG(SS_SETTINGS, 3, "Serial %s:%s: EDS: '%s'", iface_id.c_str(), subnode.c_str(),

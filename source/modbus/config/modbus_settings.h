@@ -1,11 +1,13 @@
 #pragma once
 // The server's settings as the data store holds them, read once at start.
 //
-// Every setting is a store node whose value is its "/Value" leaf. A missing or unusable
-// global value keeps its default; a unit, interface or slave that cannot be read completely
-// is logged and left out of its list, so the lists hold only valid entries. Nothing here
-// throws for bad store contents. All lines go to the "settings" subsystem: narration at
-// level 3, errors at level 1.
+// Every setting is a store node whose value is its "/Value" leaf. A global or line value that
+// is missing, of the wrong type or out of range keeps its default, and a warning names the
+// leaf, the value found and the value used (a missing optional line setting is only
+// narration). A unit, interface or slave that cannot be read completely is an error and left
+// out of its list, so the lists hold only valid entries; no valid unit at all is a warning.
+// Nothing here throws for bad store contents. All lines go to the "settings" subsystem:
+// warnings and errors at level 0, so that a user sees them by default, narration at 2 and 3.
 //
 // Plain values, copyable and movable. The handle is not const because reading through it
 // is not; the objects keep no reference to it.
@@ -35,8 +37,8 @@ private:
     bool _valid = false;
 };
 
-// Port 502 and time-out 1000 unless the store says otherwise; units in the order of their
-// node names.
+// Port 502 (1 to 65535) and time-out 1000 ms (0, no limit, to an hour) unless the store says
+// otherwise; units in the order of their node names.
 class CModbusTcpSettings {
 public:
     explicit CModbusTcpSettings(CCdsHandle& cds);
@@ -74,7 +76,8 @@ private:
 };
 
 // One serial line: a node under ".../Interface Type/Serial/Interface". Valid when its serial
-// port is known; the line settings fall back to 9600 8N1 without flow control.
+// port is known; the line settings fall back to 9600 8N1 without flow control. Names are
+// matched exactly ("Odd", not "odd"); baud rates run from 50 to 4000000.
 class CModbusSerialInterfaceSettings {
 public:
     enum flow_control_t : unsigned { FLOW_NONE = 0, FLOW_SOFTWARE = 1, FLOW_HARDWARE = 2 };
@@ -108,7 +111,8 @@ private:
 };
 
 // Interfaces numbered 0, 1, 2, ... in the order of their node names; invalid ones take no
-// number. Slaves, too, come in name order.
+// number. Slaves, too, come in name order. The time-out, 1 ms to an hour, is 1000 by default:
+// 0 would leave a line waiting for good on a stuck request.
 class CModbusSerialSettings {
 public:
     explicit CModbusSerialSettings(CCdsHandle& cds);

@@ -33,6 +33,11 @@ public:
 
     void update_options(bool to_stdout, bool to_stderr, bool to_syslog, void* user);
 
+    // How many errors and warnings this logger has written: a configuration check reads
+    // them to learn whether anything it set off complained, wherever the message came from.
+    uint32_t errors() const { return _errors; }
+    uint32_t warnings() const { return _warnings; }
+
     // Changes the process identity used in every line and for syslog(3).
     static void set_ident(const char* ident);
     static tk_string _ident;
@@ -52,6 +57,8 @@ private:
     bool _stderr;
     bool _syslog;
     void* _user;
+    uint32_t _errors = 0;
+    uint32_t _warnings = 0;
 };
 
 } // namespace toolkit
