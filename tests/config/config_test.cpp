@@ -106,16 +106,17 @@ BOOST_AUTO_TEST_CASE(sample_registry) {
 BOOST_FIXTURE_TEST_CASE(working_limits_and_empty_registry, CRegistryStore) {
     const struct {
         uint64_t timeout;
-        uint32_t limit;
-    } cases[] = {{15, 13}, {1, 0}, {0, 0}, {4294967295u, 3865470565u}};
+        uint32_t tcp_limit, serial_limit;
+    } cases[] = {{15, 13, 13}, {1, 0, 0}, {3600000, 3240000, 3240000}, {0, 0, 900}};
     for (const auto& c : cases) {
         setting("/Software/Data Servers/Modbus/Interface Type/TCP/Timeout",
                 CElement::from_uint(c.timeout));
         setting("/Software/Data Servers/Modbus/Interface Type/Serial/Timeout",
                 CElement::from_uint(c.timeout));
         const CModbusConfig cfg(read_settings());
-        BOOST_TEST(cfg.tcp_working_limit() == c.limit);
-        BOOST_TEST(cfg.serial_working_limit() == c.limit);
+        BOOST_TEST(cfg.tcp_working_limit() == c.tcp_limit);
+        // A serial time-out of 0 is refused: the line would never learn its slaves.
+        BOOST_TEST(cfg.serial_working_limit() == c.serial_limit);
         BOOST_TEST(cfg.tcp_count() == 0u);
         BOOST_TEST(cfg.max_event_index() == 0u);
     }
@@ -131,9 +132,7 @@ BOOST_FIXTURE_TEST_CASE(unparsable_files_stop_the_configuration, CRegistryStore)
     const struct {
         tk_string path;
         const char* reason;
-    } cases[] = {{broken, "Encountered error while processing '"},
-                 {missing, "Can't open EDS file '"},
-                 {bad_index, "Bad index: 70000"}};
+    } cases[] = {{broken, "malformed line"}, {missing, "cannot open"}, {bad_index, "70000"}};
     for (const auto& c : cases) {
         unit("u", 1, good + ";" + c.path);
         const CModbusSettings settings = read_settings();
@@ -145,6 +144,55 @@ BOOST_FIXTURE_TEST_CASE(unparsable_files_stop_the_configuration, CRegistryStore)
         BOOST_TEST(has_text(text, c.reason), text);
         BOOST_TEST(!has_text(text, "Error parsing EDS file: '" + good + "'"));
     }
+    // One start names every broken file.
+    unit("u", 1, broken + ";" + good + ";" + missing);
+    const CModbusSettings settings = read_settings();
+    CSubsystemLog log(SS_CONFIG, 0);
+    BOOST_CHECK_THROW(CModbusConfig cfg(settings), generic_err);
+    const std::string text = log.text();
+    BOOST_TEST(has_text(text, "Error parsing EDS file: '" + broken + "'"), text);
+    BOOST_TEST(has_text(text, "Error parsing EDS file: '" + missing + "'"), text);
+}
+
+BOOST_FIXTURE_TEST_CASE(missing_leaves_are_warned_about_once, CRegistryStore) {
+    const tk_string a = eds("a.eds", uint_node("Here", 1) + uint_node("Gone", 2) +
+                                         "[c]\nName = /Coil/Value\nAddress = 0\nDiscrete = true\n"
+                                         "[e]\nEventIndex = 0\nEventProperty = ID\nAddress = 9\n"
+                                         "ExternalValueType = DATATYPE_UINT\nSize = 4\n");
+    unit("one", 1, a, "/Dev");
+    unit("two", 2, a, "/Dev"); // the same leaves: one warning each
+    slave("ttyS0", "s", 3, a, "/Other");
+    store.define("/Dev/Here/Value", CElement::TYPE_UINT, CElement::from_uint(1));
+    store.define("/Dev/Coil/Value", CElement::TYPE_BOOL, CElement::from_bool(true));
+    CModbusConfig cfg(read_settings());
+    BOOST_TEST(cfg.tcp_config(1)->mapping_count() == 4u);
+    CCdsHandle cds;
+    CSubsystemLog log(SS_CONFIG, 0);
+    BOOST_TEST(cfg.warn_missing_leaves(cds) == 4u);
+    const std::string text = log.text();
+    BOOST_TEST(count_of(text, "WARN [0]") == 4u, text);
+    BOOST_TEST(has_text(text, "'/Dev/Gone/Value' is not in the store (mapped by TCP unit 1 in '" +
+                                  a + "')"),
+               text);
+    for (const char* leaf : {"/Other/Here/Value", "/Other/Gone/Value", "/Other/Coil/Value"})
+        BOOST_TEST(has_text(text, "'" + tk_string(leaf) +
+                                      "' is not in the store (mapped by serial interface 0 "
+                                      "slave 3 in '"),
+                   leaf);
+}
+
+BOOST_FIXTURE_TEST_CASE(a_wrong_device_path_is_summed_up, CRegistryStore) {
+    tk_string text;
+    for (unsigned i = 0; i < CModbusConfig::max_missing_lines + 5; ++i)
+        text += uint_node(("P" + std::to_string(i)).c_str(), i);
+    unit("u", 1, eds("many.eds", text), "/Nowhere");
+    const CModbusConfig cfg(read_settings());
+    CCdsHandle cds;
+    CSubsystemLog log(SS_CONFIG, 0);
+    BOOST_TEST(cfg.warn_missing_leaves(cds) == CModbusConfig::max_missing_lines + 5);
+    const std::string out = log.text();
+    BOOST_TEST(count_of(out, "is not in the store") == CModbusConfig::max_missing_lines);
+    BOOST_TEST(has_text(out, "5 more mapped leaves are not in the store"));
 }
 
 BOOST_FIXTURE_TEST_CASE(duplicate_units_keep_the_first, CRegistryStore) {
@@ -155,7 +203,7 @@ BOOST_FIXTURE_TEST_CASE(duplicate_units_keep_the_first, CRegistryStore) {
     slave("ttyS0", "first", 9, a, "/First");
     slave("ttyS0", "second", 9, b, "/Second");
     const CModbusSettings settings = read_settings();
-    CSubsystemLog log(SS_CONFIG, 1);
+    CSubsystemLog log(SS_CONFIG, 0);
     CModbusConfig cfg(settings);
     const std::string text = log.text();
     BOOST_TEST(has_text(text, "Duplicate Unit ID 7"));

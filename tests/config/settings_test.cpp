@@ -4,12 +4,16 @@
 
 #include <boost/test/unit_test.hpp>
 
+#include <limits>
+
 using toolkit::CElement;
 
 namespace {
 
 const tk_string units_node = "/Software/Data Servers/Modbus/Interface Type/TCP/Mappings/";
 const tk_string interfaces = "/Software/Data Servers/Modbus/Interface Type/Serial/Interface/";
+const char* const port_path =
+    "/Software/System Settings/Network/Firewall Settings/Protocol/Modbus/Port/Value";
 
 // A store holding only what each case defines.
 struct CSettingsStore {
@@ -122,16 +126,111 @@ BOOST_FIXTURE_TEST_CASE(defaults_when_leaves_are_missing, CSettingsStore) {
 
 BOOST_FIXTURE_TEST_CASE(global_values, CSettingsStore) {
     put("/Software/Data Servers/Modbus/Zero Fill Default", CElement::from_bool(true));
-    // Read as it stands: the path already names the value leaf.
-    store.define("/Software/System Settings/Network/Firewall Settings/Protocol/Modbus/Port/Value",
-                 CElement::TYPE_STRING, CElement::from_string("1502"));
-    put("/Software/Data Servers/Modbus/Interface Type/TCP/Timeout", CElement::from_int(-5));
+    put("/Software/Data Servers/Modbus/Interface Type/TCP/Timeout", CElement::from_uint(0));
     put("/Software/Data Servers/Modbus/Interface Type/Serial/Timeout", CElement::from_float(250.0));
+    store.define(port_path, CElement::TYPE_FLOAT, CElement::from_float(1502.0));
+    CSubsystemLog log(SS_SETTINGS, 0);
     const CModbusSettings s = read_settings();
     BOOST_TEST(s.zero_fill());
-    BOOST_TEST(s.tcp().port() == 502u);     // text is not a number
-    BOOST_TEST(s.tcp().timeout() == 1000u); // nor is a negative one a time-out
+    BOOST_TEST(s.tcp().port() == 1502u);
+    BOOST_TEST(s.tcp().timeout() == 0u); // no limit
     BOOST_TEST(s.serial().timeout() == 250u);
+    BOOST_TEST(!has_text(log.text(), "WARN"));
+}
+
+// Each wrong value falls back to its default with one warning at level 0 that names the
+// leaf, the value found and the value used.
+BOOST_FIXTURE_TEST_CASE(wrong_global_values_fall_back_with_a_warning, CSettingsStore) {
+    const tk_string tcp_timeout = "/Software/Data Servers/Modbus/Interface Type/TCP/Timeout";
+    const tk_string serial_timeout = "/Software/Data Servers/Modbus/Interface Type/Serial/Timeout";
+    const tk_string zero_fill = "/Software/Data Servers/Modbus/Zero Fill Default";
+    put(interfaces + "ttyS0/Serial Port", "/dev/ttyS0");
+    unit("u", CElement::from_uint(1));
+    const struct {
+        CElement port, serial_timeout, tcp_timeout, zero_fill;
+        const char* port_text;
+        const char* serial_text;
+        const char* tcp_text;
+        const char* zero_text;
+    } cases[] = {
+        {CElement::from_string("abc"), CElement::from_uint(0), CElement::from_int(-5),
+         CElement::from_string("abc"), "is \"abc\", not a whole number from 1 to 65535; using 502",
+         "is 0, not a whole number from 1 to 3600000; using 1000",
+         "is -5, not a whole number from 0 to 3600000; using 1000",
+         "is \"abc\", not true or false; using false"},
+        {CElement::from_int(-1), CElement::from_int(-1), CElement::from_uint(3600001),
+         CElement::from_uint(2), "is -1, not", "is -1, not", "is 3600001, not", "is 2, not"},
+        {CElement::from_bool(true), CElement::from_string("500"), CElement::from_float(0.5),
+         CElement::from_float(0.5), "is true, not", "is \"500\", not", "is 0.5, not",
+         "is 0.5, not"},
+        {CElement::from_float(502.5), CElement::from_bool(true), CElement::from_float(-1.0),
+         CElement::from_string("yes"), "is 502.5, not", "is true, not", "is -1, not",
+         "is \"yes\", not"},
+        {CElement::from_uint(65536), CElement::from_float(1e30), CElement::from_string(""),
+         CElement::from_float(std::numeric_limits<double>::infinity()), "is 65536, not",
+         "is 1e+30, not", "is \"\", not", "is inf, not"},
+        {CElement::from_uint(0), CElement::from_uint(5000000), CElement::from_uint(1u << 31),
+         CElement::from_int(-1), "is 0, not", "is 5000000, not", "is 2147483648, not",
+         "is -1, not"},
+    };
+    for (const auto& c : cases) {
+        store.define(port_path, c.port.type(), c.port);
+        put(serial_timeout, c.serial_timeout);
+        put(tcp_timeout, c.tcp_timeout);
+        put(zero_fill, c.zero_fill);
+        CSubsystemLog log(SS_SETTINGS, 0);
+        const CModbusSettings s = read_settings();
+        const std::string text = log.text();
+        BOOST_TEST(s.tcp().port() == 502u, c.port_text);
+        BOOST_TEST(s.tcp().timeout() == 1000u, c.tcp_text);
+        BOOST_TEST(s.serial().timeout() == 1000u, c.serial_text);
+        BOOST_TEST(!s.zero_fill(), c.zero_text);
+        BOOST_TEST(count_of(text, "WARN [0] CModbusSettings: ") == 4u, text);
+        BOOST_TEST(has_text(text, "'" + tk_string(port_path) + "' " + c.port_text), text);
+        BOOST_TEST(has_text(text, "'" + serial_timeout + "/Value' " + c.serial_text), text);
+        BOOST_TEST(has_text(text, "'" + tcp_timeout + "/Value' " + c.tcp_text), text);
+        BOOST_TEST(has_text(text, "'" + zero_fill + "/Value' " + c.zero_text), text);
+    }
+}
+
+// Values the device normally has warn when missing; optional ones are narration, and the
+// serial time-out matters only with an interface.
+BOOST_FIXTURE_TEST_CASE(missing_values, CSettingsStore) {
+    unit("u", CElement::from_uint(1));
+    {
+        CSubsystemLog log(SS_SETTINGS, 2);
+        read_settings();
+        const std::string text = log.text();
+        BOOST_TEST(count_of(text, "WARN") == 2u, text);
+        BOOST_TEST(has_text(text, "WARN [0] CModbusSettings: '" + tk_string(port_path) +
+                                      "' is missing; using 502"));
+        BOOST_TEST(has_text(text, "TCP/Timeout/Value' is missing; using 1000"));
+        BOOST_TEST(has_text(text, "INFO [2] CModbusSettings: '/Software/Data Servers/Modbus/"
+                                  "Zero Fill Default/Value' is missing; using false"));
+        BOOST_TEST(has_text(text, "INFO [2] CModbusSettings: '/Software/Data Servers/Modbus/"
+                                  "Interface Type/Serial/Timeout/Value' is missing; using 1000"));
+    }
+    put(interfaces + "ttyS0/Serial Port", "/dev/ttyS0");
+    CSubsystemLog log(SS_SETTINGS, 0);
+    read_settings();
+    const std::string text = log.text();
+    BOOST_TEST(count_of(text, "WARN") == 3u, text);
+    BOOST_TEST(has_text(text, "Serial/Timeout/Value' is missing; using 1000"));
+    // Line settings are optional: their absence is below the default level.
+    BOOST_TEST(!has_text(text, "Baud Rate"));
+}
+
+BOOST_FIXTURE_TEST_CASE(no_units_is_a_warning, CSettingsStore) {
+    put(interfaces + "ttyS0/Serial Port", "/dev/ttyS0");
+    {
+        CSubsystemLog log(SS_SETTINGS, 0);
+        read_settings();
+        BOOST_TEST(has_text(log.text(), "No units configured"));
+    }
+    slave("ttyS0", "s", CElement::from_uint(3));
+    CSubsystemLog log(SS_SETTINGS, 0);
+    read_settings();
+    BOOST_TEST(!has_text(log.text(), "No units configured"));
 }
 
 BOOST_FIXTURE_TEST_CASE(tcp_units, CSettingsStore) {
@@ -148,7 +247,7 @@ BOOST_FIXTURE_TEST_CASE(tcp_units, CSettingsStore) {
     unit("i_only_separators", CElement::from_uint(9), "/Dev", ";;");
     put(units_node + "j_no_id/Device Path", "/Dev");
 
-    CSubsystemLog log(SS_SETTINGS, 1);
+    CSubsystemLog log(SS_SETTINGS, 0);
     const CModbusSettings s = read_settings();
     const std::string text = log.text();
 
@@ -157,13 +256,23 @@ BOOST_FIXTURE_TEST_CASE(tcp_units, CSettingsStore) {
     const CModbusTcpUnitSettings& u = s.tcp().units()[1];
     BOOST_TEST(u.unit_id() == 255u);
     BOOST_TEST((u.eds_paths() == std::vector<tk_string>{"a.eds", "b.eds"}));
-    for (const char* line :
-         {"Invalid Unit ID: 256", "Invalid Unit ID: '-1'", "Invalid Unit ID: 'seven'",
-          "Invalid Unit ID: '4294967297'", "Can't fetch device path for e_no_device",
-          "Empty device path for f_empty_device", "Can't fetch EDS paths for g_no_eds",
-          "No EDS paths for h_empty_eds", "No EDS paths for i_only_separators",
-          "Can't fetch UnitID for j_no_id"})
-        BOOST_TEST(has_text(text, line), line);
+    // Each unit left out is an error at level 0 naming the leaf at fault.
+    const tk_string range = ", not a whole number from 0 to 255";
+    for (const tk_string& line :
+         {"b256/Slave ID/Value' is 256" + range, "c_negative/Slave ID/Value' is -1" + range,
+          "d_text/Slave ID/Value' is \"seven\"" + range,
+          "d_wide/Slave ID/Value' is 4294967297" + range,
+          tk_string("e_no_device/Device Path/Value' is missing"),
+          tk_string("f_empty_device/Device Path/Value' is empty"),
+          tk_string("g_no_eds/EDS Paths/Value' is missing"),
+          tk_string("h_empty_eds/EDS Paths/Value' is \"\", not a ';'-separated list"),
+          tk_string("i_only_separators/EDS Paths/Value' is \";;\", not"),
+          tk_string("j_no_id/Slave ID/Value' is missing")}) {
+        const tk_string name = line.substr(0, line.find('/'));
+        BOOST_TEST(has_text(text, "ERROR [0] CModbusSettings: TCP unit '" + name + "' left out: '" +
+                                      units_node + line),
+                   line);
+    }
     // Narration stays below the error level.
     BOOST_TEST(!has_text(text, "Unit ID: 0"));
 }
@@ -180,7 +289,7 @@ BOOST_FIXTURE_TEST_CASE(serial_slaves, CSettingsStore) {
     slave("ttyS0", "w_empty_eds", CElement::from_uint(5), "/Dev", "");
     put(interfaces + "ttyS0/Mappings/x_no_address/Device Path", "/Dev");
 
-    CSubsystemLog log(SS_SETTINGS, 1);
+    CSubsystemLog log(SS_SETTINGS, 0);
     const CModbusSettings s = read_settings();
     const std::string text = log.text();
 
@@ -190,12 +299,20 @@ BOOST_FIXTURE_TEST_CASE(serial_slaves, CSettingsStore) {
     BOOST_TEST(slaves[0].slave_address() == 1u);
     BOOST_TEST(slaves[1].slave_address() == 247u);
     BOOST_TEST((slaves[1].eds_paths() == std::vector<tk_string>{"x.eds", "y.eds"}));
-    for (const char* line :
-         {"Invalid slave address: 0", "Invalid slave address: 248",
-          "Can't fetch device path for t_no_device", "Empty device path for u_empty_device",
-          "Can't fetch EDS paths for v_no_eds", "No EDS paths for w_empty_eds",
-          "Can't fetch slave address for x_no_address"})
-        BOOST_TEST(has_text(text, line), line);
+    const tk_string node = interfaces + "ttyS0/Mappings/";
+    for (const tk_string& line :
+         {tk_string("s0/Slave ID/Value' is 0, not a whole number from 1 to 247"),
+          tk_string("s248/Slave ID/Value' is 248, not a whole number from 1 to 247"),
+          tk_string("t_no_device/Device Path/Value' is missing"),
+          tk_string("u_empty_device/Device Path/Value' is empty"),
+          tk_string("v_no_eds/EDS Paths/Value' is missing"),
+          tk_string("w_empty_eds/EDS Paths/Value' is \"\""),
+          tk_string("x_no_address/Slave ID/Value' is missing")}) {
+        const tk_string name = line.substr(0, line.find('/'));
+        BOOST_TEST(has_text(text, "Serial slave '" + name + "' of interface 'ttyS0' left out: '" +
+                                      node + line),
+                   line);
+    }
 }
 
 BOOST_FIXTURE_TEST_CASE(line_settings, CSettingsStore) {
@@ -206,11 +323,13 @@ BOOST_FIXTURE_TEST_CASE(line_settings, CSettingsStore) {
         const char* parity;
         const char* stop;
         unsigned want_flow, want_size, want_parity, want_stop;
+        size_t warnings;
     } cases[] = {
-        {"a", "Software", 5, "Odd", "1.5", 1, 5, 1, 1},
-        {"b", "Hardware", 9, "even", "2", 2, 8, 0, 2},
-        {"c", "hardware", 4, "Even", "3", 0, 8, 2, 0},
-        {"d", "None", 7, "None", "1", 0, 7, 0, 0},
+        {"a", "Software", 5, "Odd", "1.5", 1, 5, 1, 1, 1},
+        {"b", "Hardware", 9, "even", "2", 2, 8, 0, 2, 2},
+        {"c", "hardware", 4, "Even", "3", 0, 8, 2, 0, 3},
+        {"d", "None", 7, "None", "1", 0, 7, 0, 0, 0},
+        {"e", "Foo", 8, "X", "1", 0, 8, 0, 0, 3},
     };
     for (const auto& c : cases) {
         const tk_string node = interfaces + c.name;
@@ -223,10 +342,13 @@ BOOST_FIXTURE_TEST_CASE(line_settings, CSettingsStore) {
     // Only numbers are baud rates.
     put(interfaces + "a/Baud Rate", "19200");
     put(interfaces + "b/Baud Rate", 115200);
+    put(interfaces + "e/Baud Rate", CElement::from_int(-1));
 
+    CSubsystemLog log(SS_SETTINGS, 0);
     const CModbusSettings s = read_settings();
-    BOOST_REQUIRE(s.serial().interfaces().size() == 4u);
-    for (size_t i = 0; i < 4; ++i) {
+    const std::string text = log.text();
+    BOOST_REQUIRE(s.serial().interfaces().size() == 5u);
+    for (size_t i = 0; i < 5; ++i) {
         const auto& iface = s.serial().interfaces()[i];
         const auto& c = cases[i];
         BOOST_TEST(iface.number() == i);
@@ -234,9 +356,23 @@ BOOST_FIXTURE_TEST_CASE(line_settings, CSettingsStore) {
         BOOST_TEST(iface.char_size() == c.want_size, c.name);
         BOOST_TEST(iface.parity() == c.want_parity, c.name);
         BOOST_TEST(iface.stop_bits() == c.want_stop, c.name);
+        const size_t baud_warning = c.name[0] == 'a' || c.name[0] == 'e' ? 1 : 0;
+        BOOST_TEST(count_of(text, "WARN [0] CModbusSettings: '" + interfaces + c.name + "/") ==
+                       c.warnings + baud_warning,
+                   c.name);
     }
     BOOST_TEST(s.serial().interfaces()[0].baud_rate() == 9600u);
     BOOST_TEST(s.serial().interfaces()[1].baud_rate() == 115200u);
+    BOOST_TEST(s.serial().interfaces()[4].baud_rate() == 9600u);
+    for (const char* line :
+         {"a/Baud Rate/Value' is \"19200\", not a whole number from 50 to 4000000; using 9600",
+          "b/Char Size/Value' is 9, not a whole number from 5 to 8; using 8",
+          "b/Parity/Value' is \"even\", not one of None, Odd, Even; using None",
+          "c/Flow Control/Value' is \"hardware\", not one of None, Software, Hardware; using None",
+          "c/Stop Bits/Value' is \"3\", not one of 1, 1.5, 2; using 1",
+          "e/Parity/Value' is \"X\", not", "e/Flow Control/Value' is \"Foo\", not",
+          "e/Baud Rate/Value' is -1, not"})
+        BOOST_TEST(has_text(text, interfaces + line), line);
 }
 
 BOOST_FIXTURE_TEST_CASE(interfaces_without_port_take_no_number, CSettingsStore) {
@@ -244,9 +380,14 @@ BOOST_FIXTURE_TEST_CASE(interfaces_without_port_take_no_number, CSettingsStore) 
     put(interfaces + "b/Baud Rate", 9600);
     slave("b", "s", CElement::from_uint(3));
     put(interfaces + "c/Serial Port", "/dev/ttyS2");
-    CSubsystemLog log(SS_SETTINGS, 1);
+    put(interfaces + "d/Serial Port", "");
+    CSubsystemLog log(SS_SETTINGS, 0);
     const CModbusSettings s = read_settings();
-    BOOST_TEST(has_text(log.text(), "Can't fetch serial port for interface b"));
+    const std::string text = log.text();
+    BOOST_TEST(has_text(text, "Serial interface 'b' left out: '" + interfaces +
+                                  "b/Serial Port/Value' is missing"));
+    BOOST_TEST(has_text(text, "Serial interface 'd' left out: '" + interfaces +
+                                  "d/Serial Port/Value' is empty"));
     BOOST_REQUIRE(s.serial().interfaces().size() == 2u);
     BOOST_TEST(s.serial().interfaces()[0].serial_port() == "/dev/ttyS0");
     BOOST_TEST(s.serial().interfaces()[0].number() == 0u);

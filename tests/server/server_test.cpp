@@ -1,6 +1,7 @@
 #include "data/sample_store.h"
 #include "server_process.h"
 #include "support/pty_pair.h"
+#include "support/subsystem_log.h"
 #include "toolkit/cds_store.h"
 
 #include <modbus/modbus.h>
@@ -17,6 +18,7 @@ using toolkit::CElement;
 const char* const port_path =
     "/Software/System Settings/Network/Firewall Settings/Protocol/Modbus/Port/Value";
 const char* const ups_path = "/Software/Device Handlers/UPS/Status/Value";
+const tk_string serial_iface = "/Software/Data Servers/Modbus/Interface Type/Serial/Interface/COM1";
 
 // The sample store on a free port, its UPS handler ready unless told otherwise.
 struct CServerStore {
@@ -56,6 +58,52 @@ int wait_for_voltage(uint16_t port, int ms = 5000) {
     return -1;
 }
 
+CRunResult run_server(const CServerStore& s, const std::vector<tk_string>& args) {
+    return run_program(s.store.dir(), "modbus_server", args);
+}
+
+// A daemon is not our child: it is gone once its process is gone or a zombie.
+bool process_gone(long pid, int ms) {
+    for (int i = 0; i < ms / 20 + 1; ++i) {
+        const tk_string stat = read_text("/proc/" + std::to_string(pid) + "/stat");
+        const size_t paren = stat.rfind(')');
+        if (stat.empty() || (paren != tk_string::npos && stat.compare(paren, 4, ") Z ") == 0))
+            return true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    return false;
+}
+
+// The process id in "... as process N" or "process N waits ...".
+long daemon_pid(const tk_string& text) {
+    const size_t at = text.find("process ");
+    return at == tk_string::npos ? 0 : std::strtol(text.c_str() + at + 8, nullptr, 10);
+}
+
+// A unit whose one mapping's leaf exists: a configuration without a flaw.
+void clean_store(CServerStore& s) {
+    const tk_string eds = s.store.dir().file("clean.eds");
+    write_text(eds, "[v]\nName = /V/Value\nAddress = 0\nExternalValueType = DATATYPE_UINT\n"
+                    "Size = 2\n");
+    CTestStore& st = s.store;
+    const tk_string unit = "/Software/Data Servers/Modbus/Interface Type/TCP/Mappings/U/";
+    st.define("/Software/Data Servers/Modbus/Interface Type/TCP/Timeout/Value", CElement::TYPE_UINT,
+              CElement::from_uint(1000));
+    st.define("/Software/Data Servers/Modbus/Zero Fill Default/Value", CElement::TYPE_BOOL,
+              CElement::from_bool(false));
+    st.define(unit + "Slave ID/Value", CElement::TYPE_UINT, CElement::from_uint(5));
+    st.define(unit + "Device Path/Value", CElement::TYPE_STRING, CElement::from_string("/D"));
+    st.define(unit + "EDS Paths/Value", CElement::TYPE_STRING, CElement::from_string(eds));
+    st.define("/D/V/Value", CElement::TYPE_UINT, CElement::from_uint(7));
+}
+
+void break_unit2(CServerStore& s) {
+    write_text(s.store.dir().file("broken.eds"), "[x]\nName = /A/Value\nno equals\n");
+    s.store.define(
+        "/Software/Data Servers/Modbus/Interface Type/TCP/Mappings/Unit2/EDS Paths/Value",
+        CElement::TYPE_STRING, CElement::from_string(s.store.dir().file("broken.eds")));
+}
+
 } // namespace
 
 BOOST_AUTO_TEST_SUITE(server)
@@ -79,6 +127,10 @@ BOOST_AUTO_TEST_CASE(waits_for_the_ups_handler) {
     CServerStore s(false);
     CServerProcess server(s.store.dir(), {"-Ns"});
     std::this_thread::sleep_for(std::chrono::milliseconds(800));
+    // Said once at the default level, with the leaf it waits for.
+    BOOST_TEST(count_of(server.log(), "Waiting for the UPS handler: '" + tk_string(ups_path) +
+                                          "' is missing, not 1") == 1u,
+               server.log());
     BOOST_TEST(read_voltage(s.port) == -1);
     BOOST_TEST(server.wait(0) == -1);
     s.store.define(ups_path, CElement::TYPE_INT, CElement::from_int(2));
@@ -86,6 +138,26 @@ BOOST_AUTO_TEST_CASE(waits_for_the_ups_handler) {
     BOOST_TEST(read_voltage(s.port) == -1);
     s.store.define(ups_path, CElement::TYPE_INT, CElement::from_int(1));
     BOOST_TEST(wait_for_voltage(s.port) == 2300);
+    BOOST_TEST(!has_text(server.log(), "Still waiting"));
+    server.signal(SIGTERM);
+    BOOST_TEST(server.wait(3000) == 0);
+}
+
+// What a user sees at the default level once the server serves: a flawed configuration's
+// warnings, then one line of what is served.
+BOOST_AUTO_TEST_CASE(start_up_tells_what_is_served_and_what_is_missing) {
+    CServerStore s;
+    CServerProcess server(s.store.dir(), {"-Ns"});
+    BOOST_TEST(wait_for_voltage(s.port) == 2300);
+    const tk_string log = server.log();
+    BOOST_TEST(has_text(log, "'/Devices/UPS/Missing/Value' is not in the store (mapped by TCP "
+                             "unit 1 in '" +
+                                 sample_data("eds/ups.eds") + "')"),
+               log);
+    BOOST_TEST(has_text(log, "INFO [0] "), log);
+    BOOST_TEST(has_text(log, "Serving Modbus TCP on port " + std::to_string(s.port) +
+                                 " (units 1, 2), RTU on '/dev/null' at 19200 baud (slaves 1, 17)"),
+               log);
     server.signal(SIGTERM);
     BOOST_TEST(server.wait(3000) == 0);
 }
@@ -140,6 +212,7 @@ BOOST_AUTO_TEST_CASE(start_up_failures) {
             c.spoil(s);
         CServerProcess server(s.store.dir(), c.args);
         BOOST_TEST(server.wait(5000) == 1, server.log());
+        BOOST_TEST(!has_text(server.log(), "Serving"), server.log());
         BOOST_TEST(has_text(server.log(), c.message), server.log());
     }
     // The port is taken.
@@ -178,6 +251,167 @@ BOOST_AUTO_TEST_CASE(serial_and_tcp_together) {
     BOOST_TEST(read_voltage(s.port) == 2300);
     server.signal(SIGTERM);
     BOOST_TEST(server.wait(3000) == 0);
+}
+
+// A serial time-out of 0 used to leave the line without its slave addresses, in silence.
+BOOST_AUTO_TEST_CASE(serial_time_out_zero_still_serves) {
+    if (!CPtyPair::socat_available()) {
+        BOOST_TEST_MESSAGE("socat is not installed; not tested");
+        return;
+    }
+    CPtyPair line;
+    BOOST_REQUIRE(line.ok());
+    CServerStore s(true, line.end_a());
+    s.store.define("/Software/Data Servers/Modbus/Interface Type/Serial/Timeout/Value",
+                   CElement::TYPE_UINT, CElement::from_uint(0));
+    CServerProcess server(s.store.dir(), {"-Ns"});
+    BOOST_TEST(wait_for_voltage(s.port) == 2300);
+    BOOST_TEST(has_text(server.log(), "Serial/Timeout/Value' is 0, not a whole number from 1 to "
+                                      "3600000; using 1000"),
+               server.log());
+    modbus_t* ctx = modbus_new_rtu(line.end_b().c_str(), 19200, 'E', 8, 1);
+    modbus_set_slave(ctx, 17);
+    modbus_set_response_timeout(ctx, 1, 0);
+    BOOST_REQUIRE(modbus_connect(ctx) == 0);
+    uint16_t regs[3] = {};
+    BOOST_TEST(modbus_read_registers(ctx, 0, 3, regs) == 3);
+    BOOST_TEST(regs[2] == 2305);
+    modbus_close(ctx);
+    modbus_free(ctx);
+    server.signal(SIGTERM);
+    BOOST_TEST(server.wait(3000) == 0);
+}
+
+BOOST_AUTO_TEST_CASE(check_exit_statuses) {
+    // Clean: nothing bound, no waiting for the UPS handler.
+    {
+        CServerStore s(false);
+        size_t removed = 0;
+        BOOST_REQUIRE(s.store.store().remove("/Software/Data Servers", true, removed) == 0);
+        clean_store(s);
+        const CRunResult r = run_server(s, {"--check"});
+        BOOST_TEST(r.status == 0, r.err);
+        BOOST_TEST(r.out == "TCP port " + std::to_string(s.port) +
+                                ", time-out 1000 ms\n  unit 5: device '/D', 1 mappings\n"
+                                "0 errors, 0 warnings\n");
+        BOOST_TEST(r.err == "");
+    }
+    // Warnings only: the sample maps leaves the store lacks.
+    {
+        CServerStore s(false);
+        const CRunResult r = run_server(s, {"-c"});
+        BOOST_TEST(r.status == 2, r.err);
+        for (const char* line : {"  unit 1: device '/Devices/UPS', 33 mappings\n",
+                                 "Serial interface 0 on '/dev/null', 19200 baud, time-out 500 ms\n",
+                                 "  slave 17: device '/Devices/Meter', 3 mappings\n", "0 errors, "})
+            BOOST_TEST(has_text(r.out, line), r.out);
+        BOOST_TEST(has_text(r.err, "WARN [0] "), r.err);
+        BOOST_TEST(has_text(r.err, "'/Devices/UPS/Ghost Coil/Value' is not in the store"), r.err);
+    }
+    // Errors: a broken file, and every other one still read.
+    {
+        CServerStore s;
+        break_unit2(s);
+        const CRunResult r = run_server(s, {"--check"});
+        BOOST_TEST(r.status == 1, r.err);
+        BOOST_TEST(has_text(r.err, "Error parsing EDS file: '" + s.store.dir().file("broken.eds")),
+                   r.err);
+        BOOST_TEST(has_text(r.out, " errors, "), r.out);
+        BOOST_TEST(!has_text(r.out, "0 errors"), r.out);
+    }
+}
+
+// Every setting that falls back to its default says so at the default level.
+BOOST_AUTO_TEST_CASE(wrong_settings_are_warned_about) {
+    const tk_string modbus = "/Software/Data Servers/Modbus/";
+    const struct {
+        tk_string leaf;
+        CElement value;
+        const char* said;
+    } cases[] = {
+        {port_path, CElement::from_string("abc"),
+         "is \"abc\", not a whole number from 1 to 65535; using 502"},
+        {port_path, CElement::from_int(-1), "is -1, not"},
+        {port_path, CElement::from_bool(true), "is true, not"},
+        {port_path, CElement::from_float(502.5), "is 502.5, not"},
+        {serial_iface + "/Parity/Value", CElement::from_string("X"),
+         "is \"X\", not one of None, Odd, Even; using None"},
+        {serial_iface + "/Parity/Value", CElement::from_string("odd"), "is \"odd\", not"},
+        {serial_iface + "/Stop Bits/Value", CElement::from_string("3"), "is \"3\", not"},
+        {serial_iface + "/Char Size/Value", CElement::from_uint(9),
+         "is 9, not a whole number from 5 to 8; using 8"},
+        {serial_iface + "/Flow Control/Value", CElement::from_string("Foo"),
+         "is \"Foo\", not one of None, Software, Hardware; using None"},
+        {serial_iface + "/Baud Rate/Value", CElement::from_int(-1), "is -1, not"},
+        {modbus + "Interface Type/Serial/Timeout/Value", CElement::from_int(-1), "is -1, not"},
+        {modbus + "Interface Type/Serial/Timeout/Value", CElement::from_uint(0), "is 0, not"},
+        {modbus + "Zero Fill Default/Value", CElement::from_string("abc"),
+         "is \"abc\", not true or false; using false"},
+    };
+    for (const auto& c : cases) {
+        CServerStore s(false);
+        s.store.define(c.leaf, c.value.type(), c.value);
+        const CRunResult r = run_server(s, {"-c"});
+        BOOST_TEST(r.status == 2, c.leaf << ": " << r.err);
+        BOOST_TEST(has_text(r.err, "WARN [0] CModbusSettings: '" + c.leaf + "' " + c.said), r.err);
+        BOOST_TEST(has_text(r.out, "0 errors, "), r.out);
+    }
+    // A store without units.
+    CServerStore s(false);
+    size_t removed = 0;
+    BOOST_REQUIRE(
+        s.store.store().remove("/Software/Data Servers/Modbus/Interface Type", true, removed) == 0);
+    const CRunResult r = run_server(s, {"-c"});
+    BOOST_TEST(r.status == 2, r.err);
+    BOOST_TEST(has_text(r.err, "No units configured"), r.err);
+}
+
+BOOST_AUTO_TEST_CASE(daemon_reports_its_start_up) {
+    // A broken file: the starting process fails with the daemon's own error.
+    {
+        CServerStore s;
+        break_unit2(s);
+        const CRunResult r = run_server(s, {"-Ns", "-d"});
+        BOOST_TEST(r.status == 1, r.err);
+        BOOST_TEST(has_text(r.err, "Error parsing EDS file: '" + s.store.dir().file("broken.eds")),
+                   r.err);
+    }
+    // Ready: the port answers as soon as the starting process is gone.
+    {
+        CServerStore s;
+        const CRunResult r = run_server(s, {"-Ns", "-d"});
+        BOOST_TEST(r.status == 0, r.err);
+        BOOST_TEST(has_text(r.err, "Serving Modbus TCP on port " + std::to_string(s.port)), r.err);
+        BOOST_TEST(has_text(r.err, "modbus_server: serving in the background as process "), r.err);
+        const long pid = daemon_pid(r.err.substr(r.err.find("serving in the background")));
+        BOOST_REQUIRE(pid > 0);
+        BOOST_TEST(read_voltage(s.port) == 2300);
+        ::kill(static_cast<pid_t>(pid), SIGTERM);
+        BOOST_TEST(process_gone(pid, 3000));
+    }
+    // Waiting for the UPS handler: the starting process does not wait with it.
+    {
+        CServerStore s(false);
+        const CRunResult r = run_server(s, {"-Ns", "-d"});
+        BOOST_TEST(r.status == 0, r.err);
+        BOOST_TEST(has_text(r.err, "Waiting for the UPS handler"), r.err);
+        const size_t at = r.err.find("modbus_server: process ");
+        BOOST_REQUIRE(at != tk_string::npos);
+        BOOST_TEST(has_text(r.err, "waits in the background for the UPS handler"), r.err);
+        const long pid = daemon_pid(r.err.substr(at));
+        BOOST_REQUIRE(pid > 0);
+        s.store.define(ups_path, CElement::TYPE_INT, CElement::from_int(1));
+        BOOST_TEST(wait_for_voltage(s.port) == 2300);
+        ::kill(static_cast<pid_t>(pid), SIGTERM);
+        BOOST_TEST(process_gone(pid, 3000));
+    }
+}
+
+BOOST_AUTO_TEST_CASE(help_and_version_exit_0) {
+    CTempDir dir;
+    for (const char* program : {"modbus_server", "modbus_profiler", "modbus_test"})
+        for (const char* option : {"-h", "-v", "-hv"})
+            BOOST_TEST(run_program(dir, program, {option}).status == 0, program << " " << option);
 }
 
 BOOST_AUTO_TEST_CASE(missing_serial_device_leaves_tcp_serving) {
