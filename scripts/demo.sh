@@ -1,24 +1,37 @@
 #!/usr/bin/env bash
 # Installs what is missing, builds, creates the demo store in a scratch folder and runs
 # modbus_server on it in the foreground (Ctrl-C stops it). With DEMO_SERIAL=1 the demo also
-# serves Modbus RTU on a pseudo-terminal pair made by socat.
+# serves Modbus RTU on a pseudo-terminal pair made by socat. The scratch folder goes when the
+# demo ends, unless DEMO_DIR named it. Arguments are passed on to modbus_server.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 root=$(pwd)
 bash scripts/deps.sh
-bash scripts/build.sh build >/dev/null
+echo "Building into build/ (the first build takes a few minutes)..."
+bash scripts/build.sh build
 
-dir=${DEMO_DIR:-$(mktemp -d /tmp/modbus-demo.XXXXXX)}
+if [ -n "${DEMO_DIR:-}" ]; then
+    dir=$DEMO_DIR
+    scratch=0
+else
+    dir=$(mktemp -d /tmp/modbus-demo.XXXXXX)
+    scratch=1
+fi
 mkdir -p "$dir"
 export CDS_STORE="$dir/store.db"
 rm -f "$CDS_STORE" "$CDS_STORE-wal" "$CDS_STORE-shm"
 cdsctl="$root/build/cdsctl"
 
 pids=()
-cleanup() { [ ${#pids[@]} -gt 0 ] && kill "${pids[@]}" 2>/dev/null; wait 2>/dev/null || true; }
+cleanup() {
+    [ ${#pids[@]} -gt 0 ] && kill "${pids[@]}" 2>/dev/null
+    wait 2>/dev/null || true
+    [ "$scratch" = 1 ] && rm -rf "$dir"
+    return 0
+}
 trap cleanup EXIT
 
-serial_port=/dev/modbus-demo-no-serial
+serial_port=unused
 if [ "${DEMO_SERIAL:-0}" = 1 ]; then
     socat pty,raw,echo=0,link="$dir/ttyServer" pty,raw,echo=0,link="$dir/ttyClient" &
     pids+=($!)
@@ -29,6 +42,10 @@ fi
 sed -e "s|@DEMO@|$root/demo|g" -e "s|@SERIAL_PORT@|$serial_port|g" demo/store.json >"$dir/store.json"
 "$cdsctl" init >/dev/null
 "$cdsctl" load "$dir/store.json" >/dev/null
+# Without a serial line asked for, the demo configures none rather than a missing device.
+if [ "${DEMO_SERIAL:-0}" != 1 ]; then
+    "$cdsctl" rm "/Software/Data Servers/Modbus/Interface Type/Serial/Interface" -r >/dev/null
+fi
 # A few historical events for the event registers.
 now=$(date -u +%s)
 "$cdsctl" event add --id 1 --kind 4 --time $((now - 3600)) --source /Devices/Power/Input/mACV_L1 --value -12 >/dev/null
