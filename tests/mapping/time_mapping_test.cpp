@@ -139,7 +139,7 @@ BOOST_AUTO_TEST_CASE(date_written_back) {
 }
 
 BOOST_AUTO_TEST_CASE(date_profile_row) {
-    const CProfileMapping row = date("YYmd", "0", "yes")->reverse_map(CElement(), "", no_units);
+    const CProfileMapping row = date("YYmd", "0", "1")->reverse_map(CElement(), "", no_units);
     BOOST_TEST(row[CProfileMapping::TYPE] == "DATE");
     BOOST_TEST(row[CProfileMapping::IS_TIMESTAMP] == "Yes");
     BOOST_TEST(row[CProfileMapping::DATE_SPEC] == "YYmd");

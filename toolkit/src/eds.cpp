@@ -21,7 +21,8 @@ tk_string trim(const tk_string& text, size_t begin, size_t end) {
 } // namespace
 
 int CEds::fail(const tk_string& why) {
-    _error = _path + ":" + std::to_string(_line) + ": " + why;
+    _error =
+        _path + ":" + std::to_string(_line) + ": " + (_in_node ? "[" + _label + "] " : "") + why;
     _failed = true;
     return -1;
 }
@@ -30,6 +31,8 @@ int CEds::open(const tk_string& path) {
     _path = path;
     _line = 0;
     _in_node = false;
+    _label.clear();
+    _label_line = 0;
     _failed = false;
     _error.clear();
     _in.close();
@@ -52,7 +55,7 @@ int CEds::open(const tk_string& path) {
 }
 
 int CEds::next_node(node_map_t& node) {
-    node.clear();
+    node = node_map_t();
     if (_failed)
         return -1;
     if (!_in.is_open()) {
@@ -70,9 +73,17 @@ int CEds::next_node(node_map_t& node) {
         if (text[0] == '[') {
             if (text.back() != ']')
                 return fail("malformed section line (no closing ']'): " + text);
-            if (_in_node)
-                return 0; // the next call reads this section's keys
+            const tk_string label = trim(text, 1, text.size() - 1);
+            if (_in_node) {
+                // This section's keys are the next call's.
+                node.set_origin(_path, _label, _label_line);
+                _label = label;
+                _label_line = _line;
+                return 0;
+            }
             _in_node = true;
+            _label = label;
+            _label_line = _line;
             continue;
         }
         const size_t eq = text.find('=');
@@ -83,12 +94,15 @@ int CEds::next_node(node_map_t& node) {
         const tk_string key = trim(text, 0, eq);
         if (key.empty())
             return fail("malformed line (empty key): " + text);
-        if (node.find(key) == node.end())
+        if (node.find(key) == node.end()) {
             node.emplace(key, trim(text, eq + 1, text.size()));
+            node.set_line_of(key, _line);
+        }
     }
     if (_in.bad())
         return fail(tk_string("read error: ") + std::strerror(errno));
     if (_in_node) {
+        node.set_origin(_path, _label, _label_line);
         _in_node = false;
         return 0;
     }

@@ -2,12 +2,6 @@
 
 #include <cassert>
 
-bool CAddressRange::operator<(const CAddressRange& x) const {
-    assert(second >= first);
-    assert(x.second >= x.first);
-    return second < x.first;
-}
-
 size_t CAddressRange::size() const {
     assert(second >= first);
     return static_cast<size_t>(second - first) + 1;

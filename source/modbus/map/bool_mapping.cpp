@@ -1,16 +1,19 @@
 #include "modbus/map/bool_mapping.h"
-#include "util/generic_err.h"
+#include "modbus/map/map_util.h"
 #include "util/log.h"
 
 #include <cassert>
 
 CBoolMapping::CBoolMapping(const toolkit::node_map_t& node) : CRegisterMapping(node) {
     LOG_STACK();
+    // The bit is the top bit of the register's high byte (0) or of its low byte (8).
+    if (_offset != 0 && _offset != 8)
+        CMapUtil::fail(node, "BitOffset", "a DATATYPE_BOOL bit offset must be 0 or 8");
     if (_size == 0)
         _size = 1;
     // The bit lives in one register; a wider field would not match what is translated.
-    if ((_offset == 0 || _offset == 8) && reg_count() != 1)
-        throw generic_err();
+    if (reg_count() != 1)
+        CMapUtil::fail(node, "Size", "a DATATYPE_BOOL value fits one register");
 }
 
 mbreg_t CBoolMapping::mask() const {

@@ -3,18 +3,41 @@
 #include "util/generic_err.h"
 #include "util/log.h"
 
+#include <algorithm>
 #include <cassert>
 #include <cstdint>
+#include <cstring>
 #include <memory>
+
+namespace {
+
+// Every key some mapping reads.
+const char* const known_keys[] = {
+    "Name",      "Address",     "ExternalValueType", "Size",          "BitOffset", "Endianness",
+    "WordOrder", "Multiplier",  "Divider",           "Units",         "DateSpec",  "Timestamp",
+    "Discrete",  "NegateValue", "EventIndex",        "EventProperty",
+};
+
+bool known_key(const tk_string& key) {
+    for (const char* k : known_keys)
+        if (key == k)
+            return true;
+    return false;
+}
+
+} // namespace
 
 CEdsMapping::CEdsMapping(const tk_string& path) {
     LOG_STACK();
     toolkit::CEds eds;
     if (eds.open(path) != 0) {
-        LOG_ERR(SS_MAPPING, 1, "Can't open EDS file '%s'", path.c_str());
-        LOG_ERR(SS_MAPPING, 1, "%s", eds.error().c_str());
+        LOG_ERR(SS_MAPPING, 0, "Error parsing EDS file: '%s': %s", path.c_str(),
+                eds.error().c_str());
         throw generic_err();
     }
+    pendvec_t<CParamRegisterMapping> registers;
+    pendvec_t<CParamDiscreteMapping> discretes;
+    pendvec_t<CEventMapping> events;
     size_t id = 1;
     for (;;) {
         toolkit::node_map_t node;
@@ -22,92 +45,122 @@ CEdsMapping::CEdsMapping(const tk_string& path) {
         if (result > 0)
             break;
         if (result < 0) {
-            LOG_ERR(SS_MAPPING, 1, "Encountered error while processing '%s'", path.c_str());
-            LOG_ERR(SS_MAPPING, 1, "%s", eds.error().c_str());
+            LOG_ERR(SS_MAPPING, 0, "Error parsing EDS file: '%s': %s", path.c_str(),
+                    eds.error().c_str());
             throw generic_err();
         }
-        if (node.count("EventIndex")) {
-            add_event_mapping(node);
-            continue;
-        }
-        const auto idiscrete = node.find("Discrete");
-        if (idiscrete != node.end() && idiscrete->second == "true")
-            add_discrete_mapping(node, id++);
+        warn_unknown_keys(node);
+        const bool discrete = CMapUtil::boolean(node, "Discrete");
+        if (node.count("EventIndex"))
+            add_event_mapping(node, events);
+        else if (discrete)
+            add_discrete_mapping(node, id++, discretes);
         else
-            add_register_mapping(node, id++);
+            add_register_mapping(node, id++, registers);
     }
+    _registers = index(path, "registers", registers);
+    _discretes = index(path, "discretes", discretes);
+    _events = index(path, nullptr, events);
+}
+
+void CEdsMapping::warn_unknown_keys(const toolkit::node_map_t& node) {
+    std::vector<std::pair<unsigned, const char*>> unknown;
+    for (const auto& kv : node)
+        if (!known_key(kv.first))
+            unknown.emplace_back(node.line_of(kv.first), kv.first.c_str());
+    // In file order, whatever order the hash gives.
+    std::sort(unknown.begin(), unknown.end());
+    for (const auto& u : unknown)
+        CMapUtil::warn(node, u.second, "unknown key, ignored");
+}
+
+template <class T>
+CIntervalIndex<T> CEdsMapping::index(const tk_string& path, const char* what, pendvec_t<T>& items) {
+    std::stable_sort(items.begin(), items.end(), [](const pending_t<T>& a, const pending_t<T>& b) {
+        return a.addrs.first < b.addrs.first;
+    });
+    typename CIntervalIndex<T>::items_t indexed;
+    indexed.reserve(items.size());
+    for (size_t i = 0; i < items.size(); ++i) {
+        const pending_t<T>& a = items[i];
+        // Sorted by first address, so the items overlapping a from above follow it.
+        for (size_t j = i + 1; what && j < items.size() && items[j].addrs.first <= a.addrs.second;
+             ++j) {
+            const pending_t<T>& b = items[j];
+            const pending_t<T>& early = a.line < b.line ? a : b;
+            const pending_t<T>& late = a.line < b.line ? b : a;
+            warn_overlap(path, what, late.label, late.line, early.label, early.line, b.addrs.first,
+                         std::min(a.addrs.second, b.addrs.second));
+        }
+        indexed.emplace_back(a.addrs, std::move(items[i].mapping));
+    }
+    return CIntervalIndex<T>(std::move(indexed));
+}
+
+void CEdsMapping::warn_overlap(const tk_string& path, const char* what, const tk_string& late,
+                               unsigned late_line, const tk_string& early, unsigned early_line,
+                               unsigned first, unsigned last) {
+    LOG_WARN(SS_MAPPING, 0, "%s:%u: [%s] overlaps [%s] (line %u) at %s %u to %u; [%s] wins there",
+             path.c_str(), late_line, late.c_str(), early.c_str(), early_line, what, first, last,
+             early.c_str());
 }
 
 CAddressRange CEdsMapping::get_addrs(const toolkit::node_map_t& node, size_t naddrs) {
     LOG_STACK();
     assert(naddrs > 0);
-    const auto it = node.find("Address");
-    if (it == node.end()) {
-        LOG_ERR(SS_MAPPING, 1, "No address specified for mapping");
-        throw generic_err();
-    }
-    const long a = CMapUtil::num(it);
-    if (static_cast<unsigned long>(a) >= 65536) {
-        LOG_ERR(SS_MAPPING, 1, "Address %ld is invalid", a);
-        throw generic_err();
-    }
+    const long a = CMapUtil::num(node, "Address", 0, 65535);
     const int64_t last = static_cast<int64_t>(a) + static_cast<int64_t>(naddrs) - 1;
-    if (last < a || last >= 65536) {
-        LOG_ERR(SS_MAPPING, 1, "Address range (%ld, %lld) is invalid", a,
-                static_cast<long long>(last));
-        throw generic_err();
-    }
+    if (last >= 65536)
+        CMapUtil::fail(node, "Address",
+                       "its " + std::to_string(naddrs) + " addresses run past 65535");
     return CAddressRange(static_cast<regaddr_t>(a), static_cast<regaddr_t>(last));
 }
 
-void CEdsMapping::add_event_mapping(toolkit::node_map_t& node) {
+void CEdsMapping::add_event_mapping(const toolkit::node_map_t& node,
+                                    pendvec_t<CEventMapping>& out) {
     auto mapping = std::make_unique<CEventMapping>(node);
     const size_t nregs = mapping->reg_count();
     assert(nregs > 0);
     const CAddressRange addr = get_addrs(node, nregs);
     LOG_DEBUG(SS_MAPPING, 9, "Event mapping: [%u .. %u]", addr.first, addr.second);
-    _events.insert(addr, std::move(mapping));
+    out.push_back({addr, std::move(mapping), node.label(), node.line()});
 }
 
-void CEdsMapping::add_discrete_mapping(toolkit::node_map_t& node, size_t id) {
+void CEdsMapping::add_discrete_mapping(const toolkit::node_map_t& node, size_t id,
+                                       pendvec_t<CParamDiscreteMapping>& out) {
     auto mapping = std::make_unique<CParamDiscreteMapping>(node, id);
     const CAddressRange addr = get_addrs(node, 1);
     LOG_DEBUG(SS_MAPPING, 9, "Discrete mapping: addr.first [%u]", addr.first);
-    _discretes.insert(addr, std::move(mapping));
+    out.push_back({addr, std::move(mapping), node.label(), node.line()});
 }
 
-void CEdsMapping::add_register_mapping(toolkit::node_map_t& node, size_t id) {
+void CEdsMapping::add_register_mapping(const toolkit::node_map_t& node, size_t id,
+                                       pendvec_t<CParamRegisterMapping>& out) {
     auto mapping = std::make_unique<CParamRegisterMapping>(node, id);
     const size_t nregs = mapping->reg_count();
     assert(nregs > 0);
     const CAddressRange addr = get_addrs(node, nregs);
     LOG_DEBUG(SS_MAPPING, 9, "Register mapping: addr.first/second [%u .. %u]", addr.first,
               addr.second);
-    _registers.insert(addr, std::move(mapping));
+    out.push_back({addr, std::move(mapping), node.label(), node.line()});
 }
 
 CEdsMapping::register_iterrange_t CEdsMapping::get_register_mappings(CAddressRange r) const {
-    LOG_STACK();
-    const auto range = _registers.equal_range(r);
-    return register_iterrange_t(range.begin(), range.end());
+    return _registers.overlapping(r);
 }
 
 CEdsMapping::discrete_iterrange_t CEdsMapping::get_discrete_mappings(CAddressRange r) const {
-    LOG_STACK();
-    const auto range = _discretes.equal_range(r);
-    return discrete_iterrange_t(range.begin(), range.end());
+    return _discretes.overlapping(r);
 }
 
 CEdsMapping::event_iterrange_t CEdsMapping::get_event_mappings(CAddressRange r) const {
-    LOG_STACK();
-    const auto range = _events.equal_range(r);
-    return event_iterrange_t(range.begin(), range.end());
+    return _events.overlapping(r);
 }
 
 size_t CEdsMapping::max_event_index() const {
     LOG_STACK();
     size_t max = 0;
-    for (const auto& ev : _events) {
+    for (const auto& ev : _events.entries()) {
         assert(ev.second != nullptr);
         if (ev.second->index() > max)
             max = ev.second->index();

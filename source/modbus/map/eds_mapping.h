@@ -3,40 +3,42 @@
 // the address range it occupies.
 //
 // Every node is one mapping. A node with "EventIndex" is an event mapping; else one whose
-// "Discrete" is exactly "true" is a discrete mapping; else a register mapping. Discrete and
-// register mappings share one id sequence, 1, 2, 3, ... in file order.
+// "Discrete" is "true" is a discrete mapping; else (absent or "false") a register mapping.
+// Discrete and register mappings share one id sequence, 1, 2, 3, ... in file order.
 //
-// The indexes order ranges so that overlapping ones are equivalent (CAddressRange): a lookup
-// returns every mapping that shares an address with the range asked for, in address order.
-// Overlapping mappings in a file are kept, a later one after the earlier ones. The object is
-// complete after construction and never changes; it may be shared read-only.
-#include "modbus/address_range/address_range.h"
+// A lookup returns every mapping that shares an address with the range asked for, in
+// first-address order (CIntervalIndex). Overlapping mappings of one kind are legal, and
+// each overlapping pair is warned about once while the file loads; where they overlap the
+// lower id (the earlier node) wins, which the result sets decide. Keys no mapping reads
+// are warned about too. The object is complete after construction and never changes; it
+// may be shared read-only.
+#include "modbus/address_range/interval_index.h"
 #include "modbus/map/event_mapping.h"
 #include "modbus/map/param_discrete_mapping.h"
 #include "modbus/map/param_register_mapping.h"
 
 #include "toolkit/eds.h"
 
-#include <boost/ptr_container/ptr_map.hpp>
-
 #include <cstddef>
+#include <memory>
 #include <utility>
+#include <vector>
 
 class CEdsMapping {
 public:
-    typedef boost::ptr_multimap<CAddressRange, CParamRegisterMapping> register_map_t;
-    typedef boost::ptr_multimap<CAddressRange, CParamDiscreteMapping> discrete_map_t;
-    typedef boost::ptr_multimap<CAddressRange, CEventMapping> event_map_t;
-    typedef std::pair<register_map_t::const_iterator, register_map_t::const_iterator>
-        register_iterrange_t;
-    typedef std::pair<discrete_map_t::const_iterator, discrete_map_t::const_iterator>
-        discrete_iterrange_t;
-    typedef std::pair<event_map_t::const_iterator, event_map_t::const_iterator> event_iterrange_t;
+    typedef CIntervalIndex<CParamRegisterMapping> register_map_t;
+    typedef CIntervalIndex<CParamDiscreteMapping> discrete_map_t;
+    typedef CIntervalIndex<CEventMapping> event_map_t;
+    typedef register_map_t::iterrange_t register_iterrange_t;
+    typedef discrete_map_t::iterrange_t discrete_iterrange_t;
+    typedef event_map_t::iterrange_t event_iterrange_t;
 
-    // Parses the file; throws generic_err, after logging why, when it cannot be opened or
-    // read, or when any node is not a valid mapping.
+    // Parses the file; throws generic_err, after one error line that starts with "Error
+    // parsing EDS file: '<path>'" and names the line, section, key and reason, when it
+    // cannot be opened or read, or when any node is not a valid mapping.
     explicit CEdsMapping(const tk_string& path);
 
+    // r must have first <= second.
     register_iterrange_t get_register_mappings(CAddressRange r) const;
     discrete_iterrange_t get_discrete_mappings(CAddressRange r) const;
     event_iterrange_t get_event_mappings(CAddressRange r) const;
@@ -44,14 +46,35 @@ public:
     // The largest "EventIndex" of the file; 0 without event mappings.
     size_t max_event_index() const;
 
-    // The node's "Address" extended to naddrs consecutive addresses; throws generic_err,
-    // after logging why, when the key is missing or the range leaves 0 to 65535.
+    // The node's "Address" extended to naddrs consecutive addresses; fails
+    // (CMapUtil::fail) when the key is missing or the range leaves 0 to 65535.
     static CAddressRange get_addrs(const toolkit::node_map_t& node, size_t naddrs);
 
 private:
-    void add_event_mapping(toolkit::node_map_t& node);
-    void add_discrete_mapping(toolkit::node_map_t& node, size_t id);
-    void add_register_mapping(toolkit::node_map_t& node, size_t id);
+    // A mapping read but not indexed yet, with where it came from for the overlap warnings.
+    template <class T> struct pending_t {
+        CAddressRange addrs;
+        std::unique_ptr<T> mapping;
+        tk_string label;
+        unsigned line;
+    };
+    template <class T> using pendvec_t = std::vector<pending_t<T>>;
+
+    static void add_event_mapping(const toolkit::node_map_t& node, pendvec_t<CEventMapping>& out);
+    static void add_discrete_mapping(const toolkit::node_map_t& node, size_t id,
+                                     pendvec_t<CParamDiscreteMapping>& out);
+    static void add_register_mapping(const toolkit::node_map_t& node, size_t id,
+                                     pendvec_t<CParamRegisterMapping>& out);
+    // Warns about the keys of node that no mapping reads.
+    static void warn_unknown_keys(const toolkit::node_map_t& node);
+    // "<path>:<late line>: [late] overlaps [early] (line N) at <what> first to last; ..."
+    static void warn_overlap(const tk_string& path, const char* what, const tk_string& late,
+                             unsigned late_line, const tk_string& early, unsigned early_line,
+                             unsigned first, unsigned last);
+    // Warns once about each pair of overlapping items (`what`: "registers", "discretes";
+    // nullptr: no warnings), then builds the index.
+    template <class T>
+    static CIntervalIndex<T> index(const tk_string& path, const char* what, pendvec_t<T>& items);
 
     register_map_t _registers;
     discrete_map_t _discretes;

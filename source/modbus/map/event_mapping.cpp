@@ -1,6 +1,5 @@
 #include "modbus/map/event_mapping.h"
 #include "modbus/map/map_util.h"
-#include "util/generic_err.h"
 #include "util/log.h"
 
 #include <cassert>
@@ -25,29 +24,15 @@ bool contains(const tk_string& s, const char* part) {
 CEventMapping::CEventMapping(const toolkit::node_map_t& node) {
     LOG_STACK();
     const auto iprop = node.find("EventProperty");
-    if (iprop == node.end()) {
-        LOG_ERR(SS_MAPPING, 1, "No type specified for event mapping");
-        throw generic_err();
-    }
+    if (iprop == node.end())
+        CMapUtil::fail(node, nullptr, "no EventProperty");
     for (unsigned p = ID; p <= WAVEFORM_ID && _property == 0; ++p)
         if (iprop->second == property_names[p - 1])
             _property = p;
-    if (_property == 0) {
-        LOG_ERR(SS_MAPPING, 1, "Event mapping has invalid type: '%s'", iprop->second.c_str());
-        throw generic_err();
-    }
-    const auto iindex = node.find("EventIndex");
-    if (iindex == node.end()) {
-        LOG_ERR(SS_MAPPING, 1, "No index specified for event mapping");
-        throw generic_err();
-    }
-    const long index = CMapUtil::num(iindex);
+    if (_property == 0)
+        CMapUtil::fail(node, "EventProperty", "not one of ID, Time, Cause, Param, WaveformID");
     // The event queue holds max index + 1 slots: keep it to what a register address can name.
-    if (index < 0 || index > 65535) {
-        LOG_ERR(SS_MAPPING, 1, "Bad index: %ld", index);
-        throw generic_err();
-    }
-    _index = static_cast<size_t>(index);
+    _index = static_cast<size_t>(CMapUtil::num(node, "EventIndex", 0, 65535));
     LOG_DEBUG(SS_MAPPING, 9, "Creating event mapping (%zu:%s)", _index, iprop->second.c_str());
     _mapping = CRegisterMapping::create(node);
 }

@@ -19,8 +19,8 @@ class CEventMapping {
 public:
     enum property_t : unsigned { ID = 1, TIME, CAUSE, PARAM, WAVEFORM_ID };
 
-    // Throws generic_err (after an error line) for a missing or unknown "EventProperty", a
-    // missing, negative or above 65535 "EventIndex", and when the translator cannot be built.
+    // Fails (CMapUtil::fail) for a missing or unknown "EventProperty", a missing, negative
+    // or above 65535 "EventIndex", and when the translator cannot be built.
     explicit CEventMapping(const toolkit::node_map_t& node);
     virtual ~CEventMapping() = default;
 

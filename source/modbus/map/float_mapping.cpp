@@ -1,6 +1,5 @@
 #include "modbus/map/float_mapping.h"
 #include "modbus/map/map_util.h"
-#include "util/generic_err.h"
 #include "util/log.h"
 
 #include <algorithm>
@@ -61,8 +60,10 @@ tk_string format_scale(float v) {
 
 CFloatMapping::CFloatMapping(const toolkit::node_map_t& node) : CRegisterMapping(node) {
     LOG_STACK();
-    if (_size != 4 || _offset % 8 != 0)
-        throw generic_err();
+    if (_size != 4)
+        CMapUtil::fail(node, _size == 0 ? nullptr : "Size", "a DATATYPE_FLOAT has Size = 4");
+    if (_offset % 8 != 0)
+        CMapUtil::fail(node, "BitOffset", "a DATATYPE_FLOAT starts at bit offset 0 or 8");
     _multiplier = static_cast<float>(CMapUtil::scale(node, "Multiplier"));
     _divider = static_cast<float>(CMapUtil::scale(node, "Divider"));
     _units = CMapUtil::units(node, _units_text);

@@ -1,6 +1,5 @@
 #include "modbus/map/int_mapping.h"
 #include "modbus/map/map_util.h"
-#include "util/generic_err.h"
 #include "util/log.h"
 
 #include <cassert>
@@ -44,13 +43,18 @@ int32_t div_i32(int32_t a, int32_t b) {
 CIntMapping::CIntMapping(const toolkit::node_map_t& node) : CRegisterMapping(node) {
     LOG_STACK();
     if (_offset % 8 != 0)
-        throw generic_err();
-    // Without a size the mapping would occupy no register at all.
+        CMapUtil::fail(node, "BitOffset", "an integer starts at bit offset 0 or 8");
+    // Without a size the mapping would occupy no register at all; beyond 4 bytes the value
+    // would be cut to its low 32 bits without a word.
     if (_size == 0)
-        throw generic_err();
+        CMapUtil::fail(node, nullptr, "no Size (an integer has 1 to 4 bytes)");
+    if (_size > 4)
+        CMapUtil::fail(node, "Size", "an integer has 1 to 4 bytes");
     // The two layouts the translation cannot place; refused here rather than on first use.
-    if ((_offset == 0 && _size == 1) || (_offset == 8 && _size == 2))
-        throw generic_err();
+    if (_offset == 0 && _size == 1)
+        CMapUtil::fail(node, "Size", "a 1-byte integer needs BitOffset = 8");
+    if (_offset == 8 && _size == 2)
+        CMapUtil::fail(node, "Size", "a 2-byte integer cannot start at BitOffset = 8");
     const auto icfg = node.find("ExternalValueType");
     assert(icfg != node.end());
     _signed = icfg->second == "DATATYPE_INT";

@@ -17,9 +17,9 @@
 
 class CIntMapping : public CRegisterMapping {
 public:
-    // Throws generic_err for an offset other than 0 or 8, a missing "Size", one of the two
-    // unsupported layouts, a zero
-    // "Multiplier" or "Divider", or "Units" the store does not know.
+    // Fails (CMapUtil::fail) for an offset other than 0 or 8, a missing "Size" or one above
+    // 4, one of the two unsupported layouts, a "Multiplier" or "Divider" below 1, or "Units"
+    // the store does not know.
     explicit CIntMapping(const toolkit::node_map_t& node);
 
     CProfileMapping reverse_map(const toolkit::CElement& el, const tk_string& units,

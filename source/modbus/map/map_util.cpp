@@ -1,38 +1,78 @@
 #include "modbus/map/map_util.h"
 #include "util/generic_err.h"
+#include "util/log.h"
 
 #include "toolkit/kvr.h"
 
 #include <algorithm>
 #include <cassert>
+#include <cerrno>
 #include <cstdlib>
 #include <limits>
 
-long CMapUtil::num(toolkit::node_map_t::const_iterator it) {
+tk_string CMapUtil::where(const toolkit::node_map_t& node, const char* key) {
+    const auto it = key != nullptr ? node.find(key) : node.end();
+    tk_string text;
+    if (!node.path().empty())
+        text = node.path() + ":" +
+               std::to_string(it != node.end() ? node.line_of(key) : node.line()) + ": ";
+    text += "[" + node.label() + "]";
+    if (it != node.end())
+        text += " " + it->first + " = " + it->second;
+    return text;
+}
+
+void CMapUtil::fail(const toolkit::node_map_t& node, const char* key, const tk_string& why) {
+    if (node.path().empty())
+        LOG_ERR(SS_MAPPING, 0, "Bad mapping: %s: %s", where(node, key).c_str(), why.c_str());
+    else
+        LOG_ERR(SS_MAPPING, 0, "Error parsing EDS file: '%s': %s: %s", node.path().c_str(),
+                where(node, key).c_str(), why.c_str());
+    throw generic_err();
+}
+
+void CMapUtil::warn(const toolkit::node_map_t& node, const char* key, const tk_string& why) {
+    LOG_WARN(SS_MAPPING, 0, "%s: %s", where(node, key).c_str(), why.c_str());
+}
+
+long CMapUtil::num(const toolkit::node_map_t& node, const char* key, long min, long max) {
+    const auto it = node.find(key);
+    if (it == node.end())
+        fail(node, nullptr, tk_string("no ") + key);
     const tk_string& text = it->second;
-    if (text.empty())
-        throw generic_err();
     char* end = nullptr;
+    errno = 0;
     const long value = std::strtol(text.c_str(), &end, 0);
-    if (end != text.c_str() + text.size())
-        throw generic_err();
+    if (text.empty() || end != text.c_str() + text.size())
+        fail(node, key, "not a number");
+    if (errno == ERANGE || value < min || value > max)
+        fail(node, key,
+             "out of range (" + std::to_string(min) + " to " + std::to_string(max) + ")");
     return value;
 }
 
 bool CMapUtil::flag(const toolkit::node_map_t& node, const char* key) {
     const auto it = node.find(key);
-    return it != node.end() && !it->second.empty() && it->second != "0";
+    if (it == node.end())
+        return false;
+    if (it->second != "0" && it->second != "1")
+        fail(node, key, "must be 0 or 1");
+    return it->second == "1";
+}
+
+bool CMapUtil::boolean(const toolkit::node_map_t& node, const char* key) {
+    const auto it = node.find(key);
+    if (it == node.end())
+        return false;
+    if (it->second != "true" && it->second != "false")
+        fail(node, key, "must be true or false");
+    return it->second == "true";
 }
 
 int32_t CMapUtil::scale(const toolkit::node_map_t& node, const char* key) {
-    const auto it = node.find(key);
-    if (it == node.end())
+    if (node.find(key) == node.end())
         return 0;
-    const long value = std::clamp<long>(num(it), std::numeric_limits<int32_t>::min(),
-                                        std::numeric_limits<int32_t>::max());
-    if (value == 0)
-        throw generic_err();
-    return static_cast<int32_t>(value);
+    return static_cast<int32_t>(num(node, key, 1, std::numeric_limits<int32_t>::max()));
 }
 
 int CMapUtil::units(const toolkit::node_map_t& node, tk_string& text) {
@@ -41,7 +81,7 @@ int CMapUtil::units(const toolkit::node_map_t& node, tk_string& text) {
         return KVR_UNITS_NONE;
     const int units = kvr_units_str_to_enum(it->second.c_str());
     if (units == KVR_UNITS_UNKNOWN)
-        throw generic_err();
+        fail(node, "Units", "units the store does not know");
     text = it->second;
     return units;
 }

@@ -1,5 +1,9 @@
 #pragma once
-// Helpers shared by the mapping classes: reading node values and reordering registers.
+// Helpers shared by the mapping classes: reading node values, reporting bad ones, and
+// reordering registers.
+//
+// A mapping file is user input: every value it can get wrong is refused through fail(),
+// which logs one error naming the file, line, section and key, then throws generic_err.
 #include "modbus/modbus_types.h"
 
 #include "toolkit/eds.h"
@@ -9,18 +13,29 @@
 
 class CMapUtil {
 public:
-    // The whole value as a number: decimal, 0x hexadecimal or 0 octal, optional sign.
-    // Empty text or trailing characters throw generic_err; out-of-range input saturates.
-    static long num(toolkit::node_map_t::const_iterator it);
+    // "FILE:LINE: [label] KEY = VALUE" for a key of the node, "FILE:LINE: [label]" without
+    // one (or when the node lacks it); nodes made in code have no file and line.
+    static tk_string where(const toolkit::node_map_t& node, const char* key);
+    // Logs "Error parsing EDS file: 'FILE': <where>: <why>" and throws generic_err.
+    [[noreturn]] static void fail(const toolkit::node_map_t& node, const char* key,
+                                  const tk_string& why);
+    // Logs "<where>: <why>" as a warning.
+    static void warn(const toolkit::node_map_t& node, const char* key, const tk_string& why);
 
-    // A switch key: set when present with a non-empty value other than "0".
+    // The value of key as a number from min to max: decimal, 0x hexadecimal or 0 octal,
+    // optional sign. Fails for a missing key, text that is not a number, or a number out of
+    // range.
+    static long num(const toolkit::node_map_t& node, const char* key, long min, long max);
+
+    // A switch key: false when absent; present, it must be "0" or "1".
     static bool flag(const toolkit::node_map_t& node, const char* key);
+    // A yes/no key: false when absent; present, it must be "true" or "false".
+    static bool boolean(const toolkit::node_map_t& node, const char* key);
 
-    // "Multiplier" or "Divider": 0 when absent; present, it must not be 0. Values beyond
-    // 32 bits saturate, as they do where long is 32 bits.
+    // "Multiplier" or "Divider": 0 (none) when absent; present, 1 to 2^31 - 1.
     static int32_t scale(const toolkit::node_map_t& node, const char* key);
 
-    // "Units": KVR_UNITS_NONE when absent; a text the store does not know throws.
+    // "Units": KVR_UNITS_NONE when absent; a text the store does not know fails.
     static int units(const toolkit::node_map_t& node, tk_string& text);
 
     // The factor from units `from` to units `to`; 0.0 (no conversion) unless both are set

@@ -1,11 +1,11 @@
 #include "modbus/map/param_discrete_mapping.h"
+#include "modbus/map/map_util.h"
 #include "util/log.h"
 
 CParamDiscreteMapping::CParamDiscreteMapping(const toolkit::node_map_t& node, size_t id)
     : CParamMapping(node, id) {
     LOG_STACK();
-    const auto it = node.find("NegateValue");
-    _negate = it != node.end() && it->second == "true";
+    _negate = CMapUtil::boolean(node, "NegateValue");
     LOG_DEBUG(SS_MAPPING, 9, "Creating discrete mapping for '%s'", path().c_str());
 }
 

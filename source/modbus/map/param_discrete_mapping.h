@@ -6,7 +6,8 @@
 
 class CParamDiscreteMapping : public CParamMapping {
 public:
-    // "NegateValue" exactly "true" inverts the bit in both directions.
+    // "NegateValue" = true inverts the bit in both directions; anything but true or false
+    // fails.
     CParamDiscreteMapping(const toolkit::node_map_t& node, size_t id);
 
     bool negate() const { return _negate; }

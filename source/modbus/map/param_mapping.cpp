@@ -1,5 +1,5 @@
 #include "modbus/map/param_mapping.h"
-#include "util/generic_err.h"
+#include "modbus/map/map_util.h"
 #include "util/log.h"
 
 #include <cassert>
@@ -8,11 +8,11 @@ CParamMapping::CParamMapping(const toolkit::node_map_t& node, size_t id) : _id(i
     LOG_STACK();
     const auto it = node.find("Name");
     if (it == node.end())
-        throw generic_err();
+        CMapUtil::fail(node, nullptr, "no Name");
     _path = it->second;
     const size_t pos = _path.rfind('/');
     if (pos == tk_string::npos || pos == 0)
-        throw generic_err();
+        CMapUtil::fail(node, "Name", "not a value path like /Parameter/Value");
 }
 
 tk_string CParamMapping::param_path() const {

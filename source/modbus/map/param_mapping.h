@@ -10,7 +10,7 @@
 
 class CParamMapping {
 public:
-    // Throws generic_err when "Name" is missing or not such a path.
+    // Fails (CMapUtil::fail) when "Name" is missing or not such a path.
     CParamMapping(const toolkit::node_map_t& node, size_t id);
     virtual ~CParamMapping() = default;
 

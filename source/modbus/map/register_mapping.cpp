@@ -5,7 +5,6 @@
 #include "modbus/map/map_util.h"
 #include "modbus/map/string_mapping.h"
 #include "modbus/map/time_mapping.h"
-#include "util/generic_err.h"
 #include "util/log.h"
 
 #include <cassert>
@@ -14,7 +13,7 @@ std::unique_ptr<CRegisterMapping> CRegisterMapping::create(const toolkit::node_m
     LOG_STACK();
     const auto it = node.find("ExternalValueType");
     if (it == node.end())
-        throw generic_err();
+        CMapUtil::fail(node, nullptr, "no ExternalValueType");
     const tk_string& type = it->second;
     if (type == "DATATYPE_STRING")
         return std::make_unique<CStringMapping>(node);
@@ -26,25 +25,17 @@ std::unique_ptr<CRegisterMapping> CRegisterMapping::create(const toolkit::node_m
         return std::make_unique<CBoolMapping>(node);
     if (type == "DATATYPE_TIME")
         return std::make_unique<CTimeMapping>(node);
-    throw generic_err();
+    CMapUtil::fail(node, "ExternalValueType",
+                   "unknown type (DATATYPE_STRING, DATATYPE_UINT, DATATYPE_INT, DATATYPE_FLOAT, "
+                   "DATATYPE_BOOL or DATATYPE_TIME)");
 }
 
 CRegisterMapping::CRegisterMapping(const toolkit::node_map_t& node) {
     LOG_STACK();
-    auto it = node.find("Size");
-    if (it != node.end()) {
-        const long size = CMapUtil::num(it);
-        if (size <= 0 || size > 65535)
-            throw generic_err();
-        _size = static_cast<uint16_t>(size);
-    }
-    it = node.find("BitOffset");
-    if (it != node.end()) {
-        const unsigned long offset = static_cast<unsigned long>(CMapUtil::num(it));
-        if (offset > 15)
-            throw generic_err();
-        _offset = static_cast<uint8_t>(offset);
-    }
+    if (node.count("Size"))
+        _size = static_cast<uint16_t>(CMapUtil::num(node, "Size", 1, 65535));
+    if (node.count("BitOffset"))
+        _offset = static_cast<uint8_t>(CMapUtil::num(node, "BitOffset", 0, 15));
     _swap_bytes = CMapUtil::flag(node, "Endianness");
     _swap_words = CMapUtil::flag(node, "WordOrder");
 }

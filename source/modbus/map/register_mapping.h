@@ -3,8 +3,8 @@
 //
 // The common node keys: "Size" (bytes of the external value, 1 to 65535; 0 when absent, for
 // the translator to decide), "BitOffset" (0 to 15, where in the first register the value
-// starts), "Endianness" (swap the bytes of every register) and "WordOrder" (reverse the
-// registers). A translator's translate() works in natural order: most significant byte
+// starts), "Endianness" (1: swap the bytes of every register) and "WordOrder" (1: reverse
+// the registers). A translator's translate() works in natural order: most significant byte
 // first, register 0 first, each register's high byte first. to_registers/from_registers
 // apply the swaps around it, so the two are exact inverses as far as the layout goes.
 //
@@ -23,11 +23,12 @@
 
 class CRegisterMapping {
 public:
-    // The translator named by "ExternalValueType"; throws generic_err when the key is
+    // The translator named by "ExternalValueType"; fails (CMapUtil::fail) when the key is
     // missing or names no translator, or when the translator rejects the node.
     static std::unique_ptr<CRegisterMapping> create(const toolkit::node_map_t& node);
 
-    // Reads the common keys; throws generic_err for a bad "Size" or "BitOffset".
+    // Reads the common keys; fails for a bad "Size", "BitOffset", "Endianness" or
+    // "WordOrder". Each translator then refuses the offsets and sizes it cannot lay out.
     explicit CRegisterMapping(const toolkit::node_map_t& node);
     virtual ~CRegisterMapping() = default;
 
@@ -42,8 +43,7 @@ public:
                                         const CModbusParamDynamicConfig& cfg) const = 0;
 
     // Registers the value occupies: (size + 1) / 2 at offset 0, (size + 2) / 2 at offset 8.
-    // Any other offset is an assertion, on purpose: a file with one stops the process while
-    // it is parsed.
+    // Every translator refuses other offsets when it is built, so any other is a bug.
     size_t reg_count() const;
 
     regvec_t to_registers(const toolkit::CElement& el, const CModbusParamDynamicConfig& cfg) const;

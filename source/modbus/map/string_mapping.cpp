@@ -1,6 +1,5 @@
 #include "modbus/map/string_mapping.h"
 #include "modbus/map/map_util.h"
-#include "util/generic_err.h"
 #include "util/log.h"
 
 #include <algorithm>
@@ -8,8 +7,10 @@
 
 CStringMapping::CStringMapping(const toolkit::node_map_t& node) : CRegisterMapping(node) {
     LOG_STACK();
-    if (_size == 0 || _offset % 8 != 0)
-        throw generic_err();
+    if (_size == 0)
+        CMapUtil::fail(node, nullptr, "no Size (a DATATYPE_STRING has 1 to 65535 bytes)");
+    if (_offset % 8 != 0)
+        CMapUtil::fail(node, "BitOffset", "a DATATYPE_STRING starts at bit offset 0 or 8");
 }
 
 regvec_t CStringMapping::translate(const toolkit::CElement& el,

@@ -9,19 +9,22 @@
 CTimeMapping::CTimeMapping(const toolkit::node_map_t& node) : CRegisterMapping(node) {
     LOG_STACK();
     if (_offset % 8 != 0)
-        throw generic_err();
+        CMapUtil::fail(node, "BitOffset", "a DATATYPE_TIME starts at bit offset 0 or 8");
     _timestamp = CMapUtil::flag(node, "Timestamp");
     const auto it = node.find("DateSpec");
     if (it == node.end())
-        throw generic_err();
+        CMapUtil::fail(node, nullptr, "no DateSpec");
+    if (!CTimeMappingSpec::valid(it->second))
+        CMapUtil::fail(node, "DateSpec", "one letter per byte, each of dHIjmMSuwyYqQ");
+    if (it->second.size() > 65535)
+        CMapUtil::fail(node, "DateSpec", "longer than 65535 bytes");
     _spec = std::make_unique<CTimeMappingSpec>(it->second);
-    if (_spec->size() == 0)
-        throw generic_err();
     if (_size == 0)
         _size = static_cast<uint16_t>(_spec->size());
     // One letter per byte: any other size leaves letters without bytes or bytes without.
     if (_size != _spec->size())
-        throw generic_err();
+        CMapUtil::fail(node, "Size",
+                       "differs from the DateSpec's " + std::to_string(_spec->size()) + " letters");
 }
 
 const CTimeMappingSpec& CTimeMapping::spec() const {

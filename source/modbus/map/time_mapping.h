@@ -13,7 +13,7 @@
 
 class CTimeMapping : public CRegisterMapping {
 public:
-    // Throws generic_err for an offset other than 0 or 8, a missing, empty or bad
+    // Fails (CMapUtil::fail) for an offset other than 0 or 8, a missing, empty or bad
     // "DateSpec", or a "Size" other than the date spec's length (the default).
     explicit CTimeMapping(const toolkit::node_map_t& node);
 

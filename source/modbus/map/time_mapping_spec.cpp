@@ -3,8 +3,12 @@
 
 #include <cassert>
 
+bool CTimeMappingSpec::valid(const tk_string& spec) {
+    return !spec.empty() && spec.find_first_not_of("dHIjmMSuwyYqQ") == tk_string::npos;
+}
+
 CTimeMappingSpec::CTimeMappingSpec(const tk_string& spec) : _str(spec) {
-    if (_str.find_first_not_of("dHIjmMSuwyYqQ") != tk_string::npos)
+    if (!valid(_str))
         throw generic_err();
 }
 

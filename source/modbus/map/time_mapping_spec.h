@@ -19,7 +19,9 @@
 
 class CTimeMappingSpec {
 public:
-    // Throws generic_err when a character is not one of the letters above.
+    // True when spec is not empty and every character is one of the letters above.
+    static bool valid(const tk_string& spec);
+    // Throws generic_err unless valid(spec).
     explicit CTimeMappingSpec(const tk_string& spec);
     virtual ~CTimeMappingSpec() = default;
 
