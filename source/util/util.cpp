@@ -6,44 +6,12 @@
 #include <cassert>
 #include <cerrno>
 #include <cstdlib>
-#include <fcntl.h>
 #include <pthread.h>
 #include <pwd.h>
 #include <sched.h>
 #include <signal.h>
 #include <sys/resource.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
-
-void CUtil::daemonize() {
-    LOG_STACK();
-    pid_t pid = ::fork();
-    if (pid < 0)
-        throw generic_err();
-    if (pid > 0) {
-        int status = 0;
-        while (::waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-        }
-        if (WIFEXITED(status) && WEXITSTATUS(status) == 0)
-            ::_exit(0);
-        throw generic_err();
-    }
-    ::setsid();
-    pid = ::fork();
-    if (pid != 0)
-        ::_exit(pid < 0 ? 1 : 0);
-    if (::chdir("/") != 0)
-        throw generic_err();
-    ::close(0);
-    ::close(1);
-    ::close(2);
-    if (::open("/dev/null", O_RDWR) != 0)
-        throw generic_err();
-    if (::dup(0) != 1 || ::dup(0) != 2)
-        throw generic_err();
-    ::umask(022);
-}
 
 void CUtil::set_uid(const tk_string& name) {
     LOG_STACK();

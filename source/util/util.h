@@ -9,9 +9,6 @@ class CUtil {
 public:
     struct no_such_user : generic_err {};
 
-    // Detaches from the terminal: the calling process exits with 0 once the daemon runs;
-    // the daemon continues in "/" with descriptors 0 to 2 on /dev/null and umask 022.
-    static void daemonize();
     // Switches to the user named (or numbered) by name. An unknown name that is not a
     // non-negative number throws no_such_user; a refused setuid throws generic_err.
     static void set_uid(const tk_string& name);
