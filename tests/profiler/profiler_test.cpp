@@ -257,4 +257,21 @@ BOOST_AUTO_TEST_CASE(bad_store) {
     BOOST_CHECK(has_text(r.err, "Error parsing EDS file: '" + eds + "'"));
 }
 
+// The profiler reads the settings as the server does and shows the same warnings by default;
+// a unit left out is not profiled.
+BOOST_AUTO_TEST_CASE(settings_warnings_show) {
+    CProfileStore s;
+    const tk_string com1 = "/Software/Data Servers/Modbus/Interface Type/Serial/Interface/COM1";
+    s.text(com1 + "/Parity/Value", "odd");
+    s.text(tcp_units + "Unit44/Slave ID/Value", "x");
+    const CRunResult r = s.run({"-u", "17", "-s", "0", "-m"});
+    BOOST_CHECK_EQUAL(r.status, 0);
+    BOOST_CHECK(has_text(r.out, "/Energy/Total"));
+    BOOST_CHECK(has_text(r.err, "WARN [0] CModbusSettings: '" + com1 +
+                                    "/Parity/Value' is \"odd\", not one of None, Odd, Even; "
+                                    "using None"));
+    BOOST_CHECK(has_text(r.err, "ERROR [0] CModbusSettings: TCP unit 'Unit44' left out"));
+    BOOST_CHECK_EQUAL(s.run({"-u", "44"}).status, 1);
+}
+
 BOOST_AUTO_TEST_SUITE_END()
