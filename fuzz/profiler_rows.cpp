@@ -36,11 +36,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         return 0;
     }
     // The size picks zero fill and the base, so that both vary without a format of their own.
-    const CModbusDeviceConfig device("/Devices/UPS", {eds}, size % 2 == 1);
+    CModbusDeviceConfig device("/Devices/UPS", {eds}, size % 2 == 1);
     const regaddr_t base = size % 3 == 0 ? 0 : size % 3 == 1 ? 1 : 40001;
     const std::unique_ptr<CProfileMaplist> profile = device.get_profile();
     try {
-        profile->build_profile(const_cast<CModbusDeviceConfig&>(device), *cds, base);
+        profile->build_profile(device, *cds, base);
     } catch (const generic_err&) {
         return 0;
     }

@@ -136,6 +136,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const CModbusSettings settings(*cds);
     try {
         CModbusConfig config(settings);
+        check(config.tcp_working_limit() <= config.tcp_timeout() &&
+                  config.serial_working_limit() <= config.serial_timeout(),
+              "a working limit beyond its time-out");
         for (const CModbusTcpUnitSettings& unit : settings.tcp().units()) {
             check(unit.valid(), "an invalid TCP unit is listed");
             check(config.tcp_config(unit.unit_id()) != nullptr,

@@ -68,7 +68,9 @@ for t in "${targets[@]}"; do
         -rss_limit_mb=2048 -print_final_stats=1 "${dict[@]}" \
         -artifact_prefix="$root/$artifacts/" "$work" "fuzz/corpus/$t" \
         </dev/null >"$log" 2>&1 || status=$?
-    grep -E '^#[0-9]+ +(DONE|pulse|NEW|REDUCE)' "$log" | tail -1 || true
+    # The last status line (coverage, corpus, exec/s) and the average speed.
+    grep -E '^#[0-9]+[[:space:]]+(DONE|pulse|NEW|REDUCE|INITED)' "$log" | tail -1 || true
+    grep -E '^stat::average_exec_per_sec' "$log" || true
     if [ $status -ne 0 ]; then
         failed+=("$t")
         echo "fuzz: $t FAILED (status $status); the end of its log:" >&2
