@@ -117,7 +117,19 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     static CCdsHandle* cds = new CCdsHandle;
     static const std::vector<tk_string> paths = setting_paths();
 
-    std::vector<toolkit::CLeafInfo> leaves = CFuzzStore::sample_leaves();
+    // Only the settings are redefined for each input; the devices' leaves stay as loaded.
+    static const std::vector<toolkit::CLeafInfo> sample_settings = [] {
+        if (env->store().define(CFuzzStore::sample_leaves()) != 0)
+            fuzz_setup_failed(env->store().error());
+        std::vector<toolkit::CLeafInfo> out;
+        for (const toolkit::CLeafInfo& leaf : CFuzzStore::sample_leaves())
+            if (leaf.path.compare(0, 10, "/Software/") == 0)
+                out.push_back(leaf);
+        return out;
+    }();
+    size_t removed = 0;
+    env->store().remove("/Software", true, removed);
+    std::vector<toolkit::CLeafInfo> leaves = sample_settings;
     CFuzzInput in(data, size);
     for (unsigned n = 0; n < 8 && !in.empty(); ++n) {
         toolkit::CLeafInfo leaf;
@@ -130,7 +142,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     }
     // The store keeps the last definition of a path. Values it cannot hold (a NaN) are
     // refused as a whole; those inputs test nothing and are left.
-    if (env->store().define(leaves, true) != 0)
+    if (env->store().define(leaves) != 0)
         return 0;
 
     const CModbusSettings settings(*cds);
