@@ -1,10 +1,12 @@
 #include "data/sample_store.h"
 #include "modbus/config/modbus_config.h"
 #include "support/subsystem_log.h"
+#include "test/global_test_data.h"
 #include "util/generic_err.h"
 
 #include <boost/test/unit_test.hpp>
 
+#include <algorithm>
 #include <ctime>
 
 using toolkit::CElement;
@@ -298,6 +300,75 @@ BOOST_FIXTURE_TEST_CASE(ranges_at_the_top, CSample) {
     BOOST_CHECK_THROW(list->get_vals(leaves, {}), generic_err);
     BOOST_TEST(list->get_vals(leaves, {1, 2}).empty());
     BOOST_TEST((read(top, 0xFFFC, 0xFFFF) == regvec_t{0x6162, 0x6364, 0x6566, 0x6768}));
+}
+
+// Overlapping mappings declared in descending address order used to abort the server on a
+// read (the lookup's ordering was not a strict weak ordering). The lower id must win.
+BOOST_FIXTURE_TEST_CASE(overlaps_in_descending_order, CSample) {
+    const tk_string path = store.dir().file("descending.eds");
+    write_text(path, "[S]\nName = /Overlap/Shifted/Value\nAddress = 31\n"
+                     "ExternalValueType = DATATYPE_UINT\nSize = 4\n"
+                     "[W]\nName = /Overlap/Wide/Value\nAddress = 30\n"
+                     "ExternalValueType = DATATYPE_UINT\nSize = 4\n");
+    const CModbusDeviceConfig dev(ups().path(), {std::make_shared<const CEdsMapping>(path)}, false);
+    // Shifted 0x00CC00DD on 31..32 (id 1) over Wide 0x00AA00BB on 30..31 (id 2).
+    BOOST_TEST((read(dev, 32, 32) == regvec_t{0x00DD}));
+    BOOST_TEST((read(dev, 30, 30) == regvec_t{0x00AA}));
+    BOOST_TEST((read(dev, 31, 31) == regvec_t{0x00CC}));
+    BOOST_TEST((read(dev, 30, 32) == regvec_t{0x00AA, 0x00CC, 0x00DD}));
+    BOOST_CHECK_THROW(read(dev, 29, 30), generic_err);
+}
+
+// Registers from a file of string mappings in random order and shape, against a model in
+// which each register comes from the lowest id that covers it.
+BOOST_FIXTURE_TEST_CASE(overlaps_against_a_model, CSample) {
+    // Eight parameters whose registers all differ: "<p><k>" in register k of parameter p.
+    const unsigned nparams = 8;
+    for (unsigned p = 0; p < nparams; ++p) {
+        std::string text;
+        for (unsigned k = 0; k < 16; ++k)
+            text += {static_cast<char>('A' + p), static_cast<char>('a' + k)};
+        store.define("/Devices/UPS/R" + std::to_string(p) + "/Value", CElement::TYPE_STRING,
+                     CElement::from_string(text));
+    }
+    const tk_string path = store.dir().file("random.eds");
+    CRandom& random = test_data().random();
+    for (int round = 0; round < 40; ++round) {
+        // A chain and a nest in every round, plus random ones; ids follow file order.
+        std::vector<CAddressRange> ranges = {{0, 3}, {4, 7}, {2, 5}, {10, 25}, {12, 13}};
+        while (ranges.size() < nparams)
+            ranges.emplace_back(random.uniform(0u, 24u), 0);
+        for (size_t i = 5; i < ranges.size(); ++i)
+            ranges[i].second = static_cast<regaddr_t>(ranges[i].first + random.uniform(0u, 7u));
+        for (size_t i = ranges.size() - 1; i > 0; --i)
+            std::swap(ranges[i], ranges[random.uniform(0u, static_cast<unsigned>(i))]);
+        std::string file;
+        for (unsigned p = 0; p < nparams; ++p)
+            file += "[R" + std::to_string(p) + "]\nName = /R" + std::to_string(p) +
+                    "/Value\nAddress = " + std::to_string(ranges[p].first) +
+                    "\nExternalValueType = DATATYPE_STRING\nSize = " +
+                    std::to_string(2 * ranges[p].size()) + "\n";
+        write_text(path, file);
+        CSubsystemLog quiet(SS_MAPPING, -1); // the overlap warnings
+        const CModbusDeviceConfig dev(ups().path(), {std::make_shared<const CEdsMapping>(path)},
+                                      true);
+        const regaddr_t first = static_cast<regaddr_t>(random.uniform(0u, 32u));
+        const regaddr_t last = static_cast<regaddr_t>(first + random.uniform(0u, 6u));
+        regvec_t want;
+        for (unsigned a = first; a <= last; ++a) {
+            mbreg_t reg = 0; // zero fill where nothing is mapped
+            for (unsigned p = 0; p < nparams; ++p) {
+                if (ranges[p].first <= a && a <= ranges[p].second) {
+                    const unsigned k = a - ranges[p].first;
+                    reg = static_cast<mbreg_t>(('A' + p) << 8 | ('a' + k));
+                    break;
+                }
+            }
+            want.push_back(reg);
+        }
+        BOOST_TEST(read(dev, first, last) == want,
+                   "seed " << random.seed() << ", round " << round << ": " << file);
+    }
 }
 
 BOOST_AUTO_TEST_SUITE_END()
