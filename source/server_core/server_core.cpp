@@ -134,8 +134,8 @@ void CServerCore::start_up(int argc, const char* const* argv) {
     // every thread only reads them afterwards.
     const int32_t cds_level =
         _options->cds_verbosity() ? *_options->cds_verbosity() : log._verbosity;
-    setup_verbosity(_options->verbosity(), _options->subsystem_levels(),
-                    _options->main_verbosity(), !_options->no_syslogd());
+    setup_verbosity(_options->verbosity(), _options->subsystem_levels(), _options->main_verbosity(),
+                    !_options->no_syslogd());
     CLogStack::cache_max_verbosity(_options->verbosity(),
                                    {_options->main_verbosity(), _options->cds_verbosity()});
     _cds_thread.reset(new CCdsThread(boost::none, _cds));

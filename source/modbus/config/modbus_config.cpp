@@ -133,8 +133,8 @@ size_t CModbusConfig::warn_missing_leaves(CCdsHandle& cds) const {
     for (const auto& unit : _tcp_map)
         collect(*unit.second, "TCP unit " + std::to_string(unit.first));
     for (const auto& slave : _serial_map)
-        collect(*slave.second, "serial interface " + std::to_string(slave.first.first) +
-                                   " slave " + std::to_string(slave.first.second));
+        collect(*slave.second, "serial interface " + std::to_string(slave.first.first) + " slave " +
+                                   std::to_string(slave.first.second));
 
     cds_leaf_set_t leaves;
     for (const auto& entry : wanted)
