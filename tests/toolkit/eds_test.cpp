@@ -62,6 +62,24 @@ BOOST_AUTO_TEST_CASE(reads_nodes) {
     BOOST_TEST(value(nodes[0], "Empty") == "");
     BOOST_TEST(nodes[1].empty());
     BOOST_TEST(value(nodes[2], "Type") == "float");
+
+    // Where each node and key came from, for the messages about them.
+    BOOST_TEST(nodes[0].path() == path);
+    BOOST_TEST(nodes[0].label() == "Voltage L1");
+    BOOST_TEST(nodes[0].line() == 4u);
+    BOOST_TEST(nodes[0].line_of("Address") == 5u); // the first one, as its value
+    BOOST_TEST(nodes[0].line_of("Name") == 6u);
+    BOOST_TEST(nodes[0].line_of("Empty") == 9u);
+    BOOST_TEST(nodes[0].line_of("Missing") == 4u); // a key not read: the node's line
+    BOOST_TEST(nodes[1].label() == "");
+    BOOST_TEST(nodes[1].line() == 11u);
+    BOOST_TEST(nodes[2].label() == "Last");
+    BOOST_TEST(nodes[2].line() == 12u);
+    BOOST_TEST(nodes[2].line_of("Type") == 13u);
+    // Nodes made in code come from nowhere.
+    const node_map_t inline_node = {{"Size", "2"}};
+    BOOST_TEST(inline_node.path().empty());
+    BOOST_TEST(inline_node.line_of("Size") == 0u);
 }
 
 BOOST_AUTO_TEST_CASE(errors_name_file_and_line) {
@@ -73,7 +91,7 @@ BOOST_AUTO_TEST_CASE(errors_name_file_and_line) {
         size_t good_nodes;
     } cases[] = {
         {"# c\nAddress = 1\n[a]\n", ":2: ", "before the first section", 0},
-        {"[a]\nx = 1\n[b]\njust words\n", ":4: ", "key = value", 1},
+        {"[a]\nx = 1\n[b]\njust words\n", ":4: [b] ", "key = value", 1},
         {"[a]\n[b\n", ":2: ", "']'", 0},
         {"[a]\n = 5\n", ":2: ", "empty key", 0},
         {"[a]\nx = 1\n[b] trailing\n", ":3: ", "']'", 0},
