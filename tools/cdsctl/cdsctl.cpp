@@ -27,6 +27,12 @@ const char k_usage[] =
     "The store is FILE, else $CDS_STORE, else /var/lib/cds/store.db. Events live in the\n"
     "store unless --log names another file.\n"
     "\n"
+    "To give running processes a new store, load into the live one (\"load FILE.json\n"
+    "--replace\", one transaction). Replace the file itself only with the store's processes\n"
+    "stopped, and remove STORE-wal and STORE-shm with it: a -wal file left beside a new\n"
+    "store holds pages of the old one and corrupts it. Running processes reopen a store\n"
+    "renamed over theirs, and refuse writes while it is missing.\n"
+    "\n"
     "Commands:\n";
 
 const char k_usage_end[] = "\nRun \"cdsctl COMMAND --help\" for the details of a command.\n";
@@ -64,28 +70,6 @@ bool read_file(const tk_string& name, tk_string& text, tk_string& error) {
         return false;
     }
     return true;
-}
-
-// "FILE:LINE:COLUMN: reason" for a parse error at byte offset `byte` (1-based, as the
-// JSON library counts).
-tk_string parse_error_text(const tk_string& name, const tk_string& text, size_t byte,
-                           const tk_string& what) {
-    size_t line = 1, column = 0;
-    for (size_t i = 0; i < byte && i < text.size(); ++i) {
-        if (text[i] == '\n') {
-            ++line;
-            column = 0;
-        } else {
-            ++column;
-        }
-    }
-    // The library's message repeats the position after a prefix; keep the reason only.
-    tk_string reason = what;
-    const size_t col = reason.find("column ");
-    const size_t colon = col == tk_string::npos ? col : reason.find(": ", col);
-    if (colon != tk_string::npos)
-        reason = reason.substr(colon + 2);
-    return name + ":" + std::to_string(line) + ":" + std::to_string(column) + ": " + reason;
 }
 
 bool parse_uint(const tk_string& text, uint64_t& out) {
@@ -379,15 +363,9 @@ int CCdsctl::cmd_load(const CArgs& args) {
     tk_string text, error;
     if (!read_file(name, text, error))
         return fail(error);
-    json doc;
-    try {
-        doc = json::parse(text);
-    } catch (const json::parse_error& e) {
-        return fail(parse_error_text(name, text, e.byte, e.what()));
-    }
     std::vector<CLeafInfo> leaves;
-    if (!CLeafJson::from_json(doc, leaves, error))
-        return fail(name + ": " + error);
+    if (!CLeafJson::parse(text, name, leaves, error))
+        return fail(error);
     CCdsStore store;
     if (!open_store(store))
         return 1;
@@ -470,6 +448,9 @@ int CCdsctl::cmd_set(const CArgs& args) {
                 return usage_error("--property must be a number from 0 to 4294967295");
         }
         leaf.property = static_cast<element_property_t>(property);
+        tk_string error;
+        if (!CLeafJson::check_value(leaf, error))
+            return fail(error);
         if (!open_store(store))
             return 1;
         if (store.define(std::vector<CLeafInfo>(1, leaf)) != 0)
@@ -478,6 +459,14 @@ int CCdsctl::cmd_set(const CArgs& args) {
     }
     if (!open_store(store))
         return 1;
+    // The store would take 2 as true and clamp a far time; a person gets told instead.
+    std::vector<CLeafInfo> existing;
+    if (store.list(path, existing) == 0 && existing.size() == 1) {
+        existing[0].value = CElement::from_string(text);
+        tk_string error;
+        if (!CLeafJson::check_value(existing[0], error))
+            return fail(error);
+    }
     std::vector<api_status_t> statuses;
     if (store.cds().set_leaves(
             std::vector<tk_string>(1, path), std::vector<CElement>(1, CElement::from_string(text)),

@@ -1,5 +1,7 @@
 #include "leaf_json.h"
 
+#include <algorithm>
+#include <cctype>
 #include <cmath>
 #include <limits>
 
@@ -38,6 +40,57 @@ bool scalar_element(const json& value, CElement& element) {
     default:
         return false;
     }
+}
+
+// 0001-01-01T00:00:00Z and 9999-12-31T23:59:59Z: the years that ISO 8601 text writes with
+// four digits, so that a dump reads back. A 32-bit time_t narrows this further.
+const double k_first_second = std::max(-62135596800.0,
+                                       static_cast<double>(std::numeric_limits<time_t>::min()));
+const double k_last_second =
+    std::min(253402300799.0, static_cast<double>(std::numeric_limits<time_t>::max()));
+
+// "LINE:COLUMN" of the byte at offset `byte` (1-based, as the JSON library counts).
+tk_string position(const tk_string& text, size_t byte) {
+    size_t line = 1, column = 0;
+    for (size_t i = 0; i < byte && i < text.size(); ++i) {
+        if (text[i] == '\n') {
+            ++line;
+            column = 0;
+        } else {
+            ++column;
+        }
+    }
+    return std::to_string(line) + ":" + std::to_string(column);
+}
+
+// The library's message without its "[json.exception...] " prefix and, for syntax errors,
+// without the position it repeats.
+tk_string reason_of(const json::exception& e) {
+    tk_string reason = e.what();
+    const size_t bracket = reason.find("] ");
+    if (reason.compare(0, 1, "[") == 0 && bracket != tk_string::npos)
+        reason.erase(0, bracket + 2);
+    const size_t col = reason.find("column ");
+    const size_t colon = col == tk_string::npos ? col : reason.find(": ", col);
+    if (colon != tk_string::npos)
+        reason.erase(0, colon + 2);
+    return reason;
+}
+
+// Where a number the library could not hold (it names it as 'TOKEN') first stands in text.
+size_t number_offset(const tk_string& text, const tk_string& reason) {
+    const size_t open = reason.find('\'');
+    const size_t close = open == tk_string::npos ? open : reason.find('\'', open + 1);
+    if (close == tk_string::npos || close == open + 1)
+        return 0;
+    const tk_string token = reason.substr(open + 1, close - open - 1);
+    for (size_t at = text.find(token); at != tk_string::npos; at = text.find(token, at + 1)) {
+        const bool starts = at == 0 || !std::isalnum(static_cast<unsigned char>(text[at - 1]));
+        const size_t end = at + token.size();
+        if (starts && (end == text.size() || !std::isalnum(static_cast<unsigned char>(text[end]))))
+            return at + 1;
+    }
+    return 0;
 }
 
 const char* json_kind(const json& value) {
@@ -81,11 +134,50 @@ bool CLeafJson::read_leaf(const tk_string& path, const json& value, CLeafInfo& l
         }
         leaf.property = static_cast<element_property_t>(prop.get<uint64_t>());
     }
-    return true;
+    return check_value(leaf, error);
 }
 
-void CLeafJson::read_tree(const tk_string& node, const json& object, std::vector<CLeafInfo>& leaves,
-                          tk_string& error) {
+bool CLeafJson::check_value(const CLeafInfo& leaf, tk_string& error) {
+    const CElement& v = leaf.value;
+    if (leaf.type == CElement::TYPE_BOOL) {
+        tk_string text = v.str();
+        std::transform(text.begin(), text.end(), text.begin(),
+                       [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+        if (text == "true" || text == "false" || text == "0" || text == "1")
+            return true;
+        error = leaf.path + ": '" + v.str() + "' is not a bool (true, false, 0 or 1)";
+        return false;
+    }
+    if (leaf.type != CElement::TYPE_TIME)
+        return true;
+    // Seconds are checked before the store converts them, which would clamp them to time_t.
+    CElement seconds;
+    if (v.type() == CElement::TYPE_BOOL ||
+        !CElement::convert(v, CElement::TYPE_FLOAT, seconds)) {
+        timeval t;
+        if (v.type() == CElement::TYPE_STRING && CElement::time_from_string(v.str(), t))
+            return true;
+        error = leaf.path + ": '" + v.str() +
+                "' is not a time (ISO 8601 UTC text or seconds since 1970)";
+        return false;
+    }
+    const double s = seconds.to_float();
+    if (std::isfinite(s) && s >= k_first_second && s < k_last_second + 1)
+        return true;
+    timeval first{static_cast<time_t>(k_first_second), 0};
+    timeval last{static_cast<time_t>(k_last_second), 0};
+    error = leaf.path + ": time " + v.str() + " is out of range (" +
+            CElement::time_to_string(first) + " to " + CElement::time_to_string(last) + ")";
+    return false;
+}
+
+void CLeafJson::read_tree(const tk_string& node, const json& object, size_t depth,
+                          std::vector<CLeafInfo>& leaves, tk_string& error) {
+    if (depth > k_max_depth) {
+        error = node.substr(0, 200) + "...: nesting deeper than " + std::to_string(k_max_depth) +
+                " levels";
+        return;
+    }
     for (auto it = object.begin(); it != object.end() && error.empty(); ++it) {
         const tk_string path = node + "/" + it.key();
         if (it.key().empty() || it.key().find('/') != tk_string::npos) {
@@ -96,7 +188,7 @@ void CLeafJson::read_tree(const tk_string& node, const json& object, std::vector
             if (it.value().empty())
                 error = path + ": an empty object is neither a leaf nor a node";
             else
-                read_tree(path, it.value(), leaves, error);
+                read_tree(path, it.value(), depth + 1, leaves, error);
         } else {
             leaves.emplace_back();
             read_leaf(path, it.value(), leaves.back(), error);
@@ -115,7 +207,7 @@ bool CLeafJson::from_json(const json& doc, std::vector<CLeafInfo>& leaves, tk_st
     for (auto it = doc.begin(); it != doc.end(); ++it)
         absolute += !it.key().empty() && it.key()[0] == '/';
     if (absolute == 0) {
-        read_tree("", doc, leaves, error);
+        read_tree("", doc, 1, leaves, error);
         return error.empty();
     }
     for (auto it = doc.begin(); it != doc.end(); ++it) {
@@ -128,6 +220,30 @@ bool CLeafJson::from_json(const json& doc, std::vector<CLeafInfo>& leaves, tk_st
             return false;
     }
     return true;
+}
+
+bool CLeafJson::parse(const tk_string& text, const tk_string& name, std::vector<CLeafInfo>& leaves,
+                      tk_string& error) {
+    leaves.clear();
+    // The library parses without recursion and reports numbers it cannot hold (1e400) with
+    // an exception of its own; anything it throws is a fault of the text.
+    json doc;
+    try {
+        doc = json::parse(text);
+    } catch (const json::parse_error& e) {
+        error = name + ":" + position(text, e.byte) + ": " + reason_of(e);
+        return false;
+    } catch (const json::exception& e) {
+        const tk_string reason = reason_of(e);
+        const size_t at = number_offset(text, reason);
+        error = name + ":" + (at != 0 ? position(text, at) + ":" : tk_string()) + " " + reason;
+        return false;
+    }
+    if (from_json(doc, leaves, error))
+        return true;
+    error = name + ": " + error;
+    leaves.clear();
+    return false;
 }
 
 json CLeafJson::leaf_value(const CLeafInfo& leaf) {
