@@ -89,20 +89,22 @@ CIntervalIndex<T> CEdsMapping::index(const tk_string& path, const char* what, pe
             const pending_t<T>& b = items[j];
             const pending_t<T>& early = a.line < b.line ? a : b;
             const pending_t<T>& late = a.line < b.line ? b : a;
-            warn_overlap(path, what, late.label, late.line, early.label, early.line, b.addrs.first,
-                         std::min(a.addrs.second, b.addrs.second));
+            const unsigned last = std::min(a.addrs.second, b.addrs.second);
+            _overlaps.push_back(path + ":" + std::to_string(late.line) + ": [" + late.label +
+                                "] overlaps [" + early.label + "] (line " +
+                                std::to_string(early.line) + ") at " + what + " " +
+                                std::to_string(b.addrs.first) + " to " + std::to_string(last) +
+                                "; [" + early.label + "] wins there");
         }
         indexed.emplace_back(a.addrs, std::move(items[i].mapping));
     }
     return CIntervalIndex<T>(std::move(indexed));
 }
 
-void CEdsMapping::warn_overlap(const tk_string& path, const char* what, const tk_string& late,
-                               unsigned late_line, const tk_string& early, unsigned early_line,
-                               unsigned first, unsigned last) {
-    LOG_WARN(SS_MAPPING, 0, "%s:%u: [%s] overlaps [%s] (line %u) at %s %u to %u; [%s] wins there",
-             path.c_str(), late_line, late.c_str(), early.c_str(), early_line, what, first, last,
-             early.c_str());
+size_t CEdsMapping::warn_overlaps() const {
+    for (const tk_string& text : _overlaps)
+        LOG_WARN(SS_MAPPING, 0, "%s", text.c_str());
+    return _overlaps.size();
 }
 
 CAddressRange CEdsMapping::get_addrs(const toolkit::node_map_t& node, size_t naddrs) {

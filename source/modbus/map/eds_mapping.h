@@ -7,10 +7,10 @@
 // Discrete and register mappings share one id sequence, 1, 2, 3, ... in file order.
 //
 // A lookup returns every mapping that shares an address with the range asked for, in
-// first-address order (CIntervalIndex). Overlapping mappings of one kind are legal, and
-// each overlapping pair is warned about once while the file loads; where they overlap the
-// lower id (the earlier node) wins, which the result sets decide. Keys no mapping reads
-// are warned about too. The object is complete after construction and never changes; it
+// first-address order (CIntervalIndex). Overlapping mappings of one kind are legal:
+// where they overlap the lower id (the earlier node) wins, which the result sets decide;
+// warn_overlaps() names each pair. Keys no mapping reads are warned about while the file
+// loads. The object is complete after construction and never changes; it
 // may be shared read-only.
 #include "modbus/address_range/interval_index.h"
 #include "modbus/map/event_mapping.h"
@@ -43,6 +43,11 @@ public:
     discrete_iterrange_t get_discrete_mappings(CAddressRange r) const;
     event_iterrange_t get_event_mappings(CAddressRange r) const;
 
+    // Warns once about each pair of overlapping register or discrete mappings, naming both
+    // lines and which one wins; returns how many pairs. For start-up and checks, which call
+    // it once per file; a tool that only reads the map need not.
+    size_t warn_overlaps() const;
+
     // The largest "EventIndex" of the file; 0 without event mappings.
     size_t max_event_index() const;
 
@@ -67,15 +72,12 @@ private:
                                      pendvec_t<CParamRegisterMapping>& out);
     // Warns about the keys of node that no mapping reads.
     static void warn_unknown_keys(const toolkit::node_map_t& node);
-    // "<path>:<late line>: [late] overlaps [early] (line N) at <what> first to last; ..."
-    static void warn_overlap(const tk_string& path, const char* what, const tk_string& late,
-                             unsigned late_line, const tk_string& early, unsigned early_line,
-                             unsigned first, unsigned last);
-    // Warns once about each pair of overlapping items (`what`: "registers", "discretes";
-    // nullptr: no warnings), then builds the index.
+    // Notes each pair of overlapping items for warn_overlaps (`what`: "registers",
+    // "discretes"; nullptr: none), then builds the index.
     template <class T>
-    static CIntervalIndex<T> index(const tk_string& path, const char* what, pendvec_t<T>& items);
+    CIntervalIndex<T> index(const tk_string& path, const char* what, pendvec_t<T>& items);
 
+    std::vector<tk_string> _overlaps; // one warning per overlapping pair
     register_map_t _registers;
     discrete_map_t _discretes;
     event_map_t _events;
