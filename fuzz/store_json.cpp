@@ -63,14 +63,18 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         return 0; // an empty store has nothing to list
     sort_by_path(stored);
 
+    // Some paths that load in the flat form (a name starting with "$") have no tree form;
+    // the tree dump then refuses with a message, and only the flat dump must hold.
     nlohmann::json tree;
-    check(CLeafJson::to_tree(stored, tree, error), "the store cannot be dumped as a tree:", error);
     std::vector<toolkit::CLeafInfo> back;
-    check(CLeafJson::parse(tree.dump(2), "tree dump", back, error),
-          "a tree dump does not load:", error);
-    check_same(back, stored, "tree");
-
-    back.clear();
+    if (CLeafJson::to_tree(stored, tree, error)) {
+        check(CLeafJson::parse(tree.dump(2), "tree dump", back, error),
+              "a tree dump does not load:", error);
+        check_same(back, stored, "tree");
+        back.clear();
+    } else {
+        check(!error.empty(), "the tree dump refused without a message");
+    }
     check(CLeafJson::parse(CLeafJson::to_flat(stored).dump(), "flat dump", back, error),
           "a flat dump does not load:", error);
     check_same(back, stored, "flat");
