@@ -129,6 +129,7 @@ BOOST_FIXTURE_TEST_CASE(global_values, CSettingsStore) {
     put("/Software/Data Servers/Modbus/Interface Type/TCP/Timeout", CElement::from_uint(0));
     put("/Software/Data Servers/Modbus/Interface Type/Serial/Timeout", CElement::from_float(250.0));
     store.define(port_path, CElement::TYPE_FLOAT, CElement::from_float(1502.0));
+    unit("u", CElement::from_uint(1));
     CSubsystemLog log(SS_SETTINGS, 0);
     const CModbusSettings s = read_settings();
     BOOST_TEST(s.zero_fill());
@@ -325,11 +326,11 @@ BOOST_FIXTURE_TEST_CASE(line_settings, CSettingsStore) {
         unsigned want_flow, want_size, want_parity, want_stop;
         size_t warnings;
     } cases[] = {
-        {"a", "Software", 5, "Odd", "1.5", 1, 5, 1, 1, 1},
+        {"a", "Software", 5, "Odd", "1.5", 1, 5, 1, 1, 0},
         {"b", "Hardware", 9, "even", "2", 2, 8, 0, 2, 2},
         {"c", "hardware", 4, "Even", "3", 0, 8, 2, 0, 3},
         {"d", "None", 7, "None", "1", 0, 7, 0, 0, 0},
-        {"e", "Foo", 8, "X", "1", 0, 8, 0, 0, 3},
+        {"e", "Foo", 8, "X", "1", 0, 8, 0, 0, 2},
     };
     for (const auto& c : cases) {
         const tk_string node = interfaces + c.name;
