@@ -40,6 +40,12 @@ void CCdsHandle::check() const {
     assert(_cds->is_initialized());
 }
 
+void CCdsHandle::report_file() const {
+    const tk_string notice = _cds->take_notice();
+    if (!notice.empty())
+        LOG_WARN(SS_CDS_HANDLE, 0, "%s", notice.c_str());
+}
+
 void CCdsHandle::get(std::unordered_set<CCdsLeaf>& leaves, const tk_string& prefix) {
     check();
     if (leaves.empty())
@@ -49,8 +55,12 @@ void CCdsHandle::get(std::unordered_set<CCdsLeaf>& leaves, const tk_string& pref
     std::vector<api_status_t> statuses;
     std::vector<toolkit::CElement> values;
     std::vector<element_property_t> sources;
-    if (_cds->get_leaves(paths, statuses, values, sources) != 0)
+    const int rc = _cds->get_leaves(paths, statuses, values, sources);
+    report_file();
+    if (rc != 0) {
+        LOG_ERR(SS_CDS_HANDLE, 1, "Can't get CDS leaves: %s", _cds->error().c_str());
         throw generic_err();
+    }
     assert(values.size() == leaves.size());
     assert(statuses.size() == leaves.size());
     assert(sources.size() == leaves.size());
@@ -76,8 +86,10 @@ void CCdsHandle::set(std::unordered_set<CCdsLeaf>& leaves, const tk_string& pref
         values.emplace_back(leaf._element, toolkit::CElement::_invalid_time);
     const std::vector<kvr_tribool_t> flags(leaves.size(), 2);
     std::vector<api_status_t> statuses;
-    if (_cds->set_leaves(paths, values, flags, statuses, tk_string()) != 0) {
-        LOG_ERR(SS_CDS_HANDLE, 1, "Can't set CDS leaves");
+    const int rc = _cds->set_leaves(paths, values, flags, statuses, tk_string());
+    report_file();
+    if (rc != 0) {
+        LOG_ERR(SS_CDS_HANDLE, 1, "Can't set CDS leaves: %s", _cds->error().c_str());
         throw generic_err();
     }
     assert(statuses.size() == leaves.size());
@@ -121,7 +133,9 @@ int CCdsHandle::get_val(const tk_string& path, toolkit::CElement& element) {
     check();
     api_status_t status = 0;
     element_property_t source = 0;
-    return _cds->get_leaf(path, status, element, source);
+    const int rc = _cds->get_leaf(path, status, element, source);
+    report_file();
+    return rc;
 }
 
 std::vector<toolkit::CElement> CCdsHandle::get_vals(const std::vector<tk_string>& paths) {
@@ -129,8 +143,9 @@ std::vector<toolkit::CElement> CCdsHandle::get_vals(const std::vector<tk_string>
     std::vector<api_status_t> statuses;
     std::vector<toolkit::CElement> values;
     std::vector<element_property_t> sources;
-    if (_cds->get_leaves(paths, statuses, values, sources) != 0 || values.size() != paths.size() ||
-        values.size() != statuses.size())
+    const int rc = _cds->get_leaves(paths, statuses, values, sources);
+    report_file();
+    if (rc != 0 || values.size() != paths.size() || values.size() != statuses.size())
         return std::vector<toolkit::CElement>();
     return values;
 }
@@ -141,6 +156,7 @@ void CCdsHandle::watchdog_register(unsigned int timeout) {
     assert(timeout > 0);
     api_status_t status = 0;
     const int rc = _cds->watchdog_register(status, toolkit::CSysLog::_ident, timeout, true);
+    report_file();
     if (rc != 0 || status != API_STATUS_OK) {
         LOG_ERR(SS_CDS_HANDLE, 1, "Can't register for watchdog (%d / %d)", rc, status);
         throw generic_err();
@@ -152,6 +168,7 @@ void CCdsHandle::watchdog_ping() {
     check();
     api_status_t status = 0;
     const int rc = _cds->watchdog_ping(status);
+    report_file();
     if (rc != 0 || status != API_STATUS_OK) {
         LOG_ERR(SS_CDS_HANDLE, 1, "Can't ping watchdog (%d / %d)", rc, status);
         throw generic_err();

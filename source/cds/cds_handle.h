@@ -6,7 +6,9 @@
 // one after the other, never at once: it has no lock. Every batch is a single call into the
 // store, so it is read or written in one transaction. Per-leaf failures are left in the
 // leaves' statuses; only a failing store throws. If the leaf "/ReadOnlyCDS" is true when
-// connecting, every write fails for the handle's whole life.
+// connecting, every write fails for the handle's whole life. When the store file is
+// replaced or removed under the server the store reopens it or fails the batch (see
+// toolkit); either is logged once as a warning at the default verbosity.
 #include "cds/cds_leaf.h"
 #include "toolkit/cds.h"
 
@@ -43,5 +45,7 @@ public:
 
 private:
     void check() const;
+    // Logs what the store did about its file during the last call.
+    void report_file() const;
     std::unique_ptr<toolkit::CCds> _cds;
 };

@@ -26,6 +26,10 @@ tk_string CCds::error() const {
     return _handle ? _handle->error() : tk_string(k_not_connected);
 }
 
+tk_string CCds::take_notice() {
+    return _handle ? _handle->take_notice() : tk_string();
+}
+
 int CCds::get_leaf(const tk_string& path, api_status_t& status, CElement& value,
                    element_property_t& source) {
     std::vector<tk_string> paths(1, path);

@@ -1,5 +1,10 @@
 #include "sqlite_db.h"
 
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstring>
+
 namespace toolkit {
 
 void CSqliteStatement::prepare(sqlite3* db, const char* sql) {
@@ -50,12 +55,26 @@ tk_string CSqliteStatement::column_text(int col) const {
 
 void CSqliteDb::open(const tk_string& path, int flags) {
     close();
+    // SQLite keeps no name for the file it opened; the same device and inode before and
+    // after the open tell which file that was.
+    struct stat before;
+    const bool known = ::stat(path.c_str(), &before) == 0;
     const int rc = sqlite3_open_v2(path.c_str(), &_db, flags, nullptr);
     if (rc != SQLITE_OK) {
         const tk_string msg = _db ? sqlite3_errmsg(_db) : sqlite3_errstr(rc);
         close();
         throw CSqliteError(rc, msg);
     }
+    struct stat after;
+    if (!known || ::stat(path.c_str(), &after) != 0 || after.st_dev != before.st_dev ||
+        after.st_ino != before.st_ino) {
+        detach();
+        close();
+        throw CSqliteError(SQLITE_CANTOPEN, "the file was replaced while it was being opened");
+    }
+    _path = path;
+    _dev = after.st_dev;
+    _ino = after.st_ino;
     _begin_read.prepare(_db, "BEGIN");
     _begin_write.prepare(_db, "BEGIN IMMEDIATE");
     _commit.prepare(_db, "COMMIT");
@@ -70,6 +89,26 @@ void CSqliteDb::close() {
     _db = nullptr;
 }
 
+bool CSqliteDb::same_file(tk_string& why) const {
+    struct stat st;
+    if (::stat(_path.c_str(), &st) != 0) {
+        why = "'" + _path + "' is gone (" + std::strerror(errno) + ")";
+        return false;
+    }
+    if (st.st_dev != _dev || st.st_ino != _ino) {
+        why = "'" + _path + "' was replaced by another file (inode " +
+              std::to_string(static_cast<unsigned long long>(_ino)) + " is now " +
+              std::to_string(static_cast<unsigned long long>(st.st_ino)) + ")";
+        return false;
+    }
+    return true;
+}
+
+void CSqliteDb::detach() {
+    if (_db)
+        sqlite3_db_config(_db, SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr);
+}
+
 void CSqliteDb::exec(const char* sql) {
     char* err = nullptr;
     const int rc = sqlite3_exec(_db, sql, nullptr, nullptr, &err);
@@ -81,6 +120,11 @@ void CSqliteDb::exec(const char* sql) {
 }
 
 void CSqliteDb::begin(bool write) {
+    tk_string why;
+    if (write && !same_file(why)) {
+        detach();
+        throw CSqliteError(SQLITE_CANTOPEN, "data store " + why + ": write refused");
+    }
     CSqliteStatement& stmt = write ? _begin_write : _begin_read;
     CStatementScope scope(stmt);
     stmt.step();

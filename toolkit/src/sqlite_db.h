@@ -7,6 +7,8 @@
 
 #include <sqlite3.h>
 
+#include <sys/types.h>
+
 #include <cstdint>
 #include <stdexcept>
 
@@ -75,14 +77,26 @@ public:
     CSqliteDb(const CSqliteDb&) = delete;
     CSqliteDb& operator=(const CSqliteDb&) = delete;
 
-    // flags as for sqlite3_open_v2; the connection is used by one thread at a time.
+    // flags as for sqlite3_open_v2; the connection is used by one thread at a time. The file
+    // that path names is remembered by device and inode.
     void open(const tk_string& path, int flags);
     void close();
+    const tk_string& path() const { return _path; }
+
+    // Whether path still names the file that was opened. A store replaced by renaming
+    // another file over it, or removed, gives false and says so in why. A stat(2) per call.
+    bool same_file(tk_string& why) const;
+    // For a connection whose file is no longer at its path: closing it will neither
+    // checkpoint nor delete the -wal and -shm files, which now belong to whatever file took
+    // its name.
+    void detach();
     void exec(const char* sql);
     sqlite3* get() const { return _db; }
     tk_string message() const { return _db ? sqlite3_errmsg(_db) : "no connection"; }
 
-    // Transaction control through statements compiled once.
+    // Transaction control through statements compiled once. A write transaction on a file
+    // that is no longer at its path throws: its pages would go to the -wal file beside the
+    // new one.
     void begin(bool write);
     void commit();
     // Never throws: used on error paths.
@@ -90,6 +104,9 @@ public:
 
 private:
     sqlite3* _db = nullptr;
+    tk_string _path;
+    dev_t _dev = 0;
+    ino_t _ino = 0;
     CSqliteStatement _begin_read;
     CSqliteStatement _begin_write;
     CSqliteStatement _commit;

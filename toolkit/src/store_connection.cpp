@@ -176,34 +176,87 @@ bool CStoreConnection::open(const tk_string& path, tk_string& error) {
     if (!open_store_file(_db, path, error))
         return false;
     try {
-        sqlite3* db = _db.get();
-        _data_version.prepare(db, "PRAGMA data_version");
-        _select_leaf.prepare(db,
-                             "SELECT type, value, sec, usec, property FROM leaves WHERE path = ?1");
-        _select_type.prepare(db, "SELECT type FROM leaves WHERE path = ?1");
-        _update_leaf.prepare(db, "UPDATE leaves SET value = ?2, sec = ?3, usec = ?4, "
-                                 "writer = ?5, seq = ?6 WHERE path = ?1");
-        _bump_seq.prepare(db, "UPDATE changes SET seq = seq + 1");
-        _select_changes.prepare(db, "SELECT seq, generation FROM changes");
-        _changed_since.prepare(db, "SELECT path FROM leaves WHERE seq > ?1 LIMIT ?2");
-        _next_after.prepare(
-            db, "SELECT path FROM leaves WHERE path > ?1 AND path < ?2 ORDER BY path LIMIT 1");
-        _next_from.prepare(
-            db, "SELECT path FROM leaves WHERE path >= ?1 AND path < ?2 ORDER BY path LIMIT 1");
-        _insert_leaf.prepare(db, "INSERT OR REPLACE INTO leaves"
-                                 "(path, type, value, sec, usec, property, writer) "
-                                 "VALUES(?1, ?2, ?3, ?4, ?5, ?6, ?7)");
-        _watchdog_set.prepare(db, "INSERT OR REPLACE INTO watchdog"
-                                  "(ident, pid, timeout_ms, enabled, ping_sec, ping_usec) "
-                                  "VALUES(?1, ?2, ?3, ?4, ?5, ?6)");
-        _watchdog_ping.prepare(
-            db, "UPDATE watchdog SET ping_sec = ?2, ping_usec = ?3 WHERE ident = ?1");
+        prepare_statements();
     } catch (const CSqliteError& e) {
         error = "cannot use data store '" + path + "': " + e.what();
-        _db.close();
+        close_file();
         return false;
     }
+    _path = path;
+    _next_check = std::chrono::steady_clock::now() + k_read_check_interval;
     return true;
+}
+
+void CStoreConnection::prepare_statements() {
+    sqlite3* db = _db.get();
+    _data_version.prepare(db, "PRAGMA data_version");
+    _select_leaf.prepare(db, "SELECT type, value, sec, usec, property FROM leaves WHERE path = ?1");
+    _select_type.prepare(db, "SELECT type FROM leaves WHERE path = ?1");
+    _update_leaf.prepare(db, "UPDATE leaves SET value = ?2, sec = ?3, usec = ?4, "
+                             "writer = ?5, seq = ?6 WHERE path = ?1");
+    _bump_seq.prepare(db, "UPDATE changes SET seq = seq + 1");
+    _select_changes.prepare(db, "SELECT seq, generation FROM changes");
+    _changed_since.prepare(db, "SELECT path FROM leaves WHERE seq > ?1 LIMIT ?2");
+    _next_after.prepare(
+        db, "SELECT path FROM leaves WHERE path > ?1 AND path < ?2 ORDER BY path LIMIT 1");
+    _next_from.prepare(
+        db, "SELECT path FROM leaves WHERE path >= ?1 AND path < ?2 ORDER BY path LIMIT 1");
+    _insert_leaf.prepare(db, "INSERT OR REPLACE INTO leaves"
+                             "(path, type, value, sec, usec, property, writer) "
+                             "VALUES(?1, ?2, ?3, ?4, ?5, ?6, ?7)");
+    _watchdog_set.prepare(db, "INSERT OR REPLACE INTO watchdog"
+                              "(ident, pid, timeout_ms, enabled, ping_sec, ping_usec) "
+                              "VALUES(?1, ?2, ?3, ?4, ?5, ?6)");
+    _watchdog_ping.prepare(db,
+                           "UPDATE watchdog SET ping_sec = ?2, ping_usec = ?3 WHERE ident = ?1");
+}
+
+void CStoreConnection::close_file() {
+    for (CSqliteStatement* s : {&_data_version, &_select_leaf, &_select_type, &_update_leaf,
+                                &_bump_seq, &_select_changes, &_changed_since, &_next_after,
+                                &_next_from, &_insert_leaf, &_watchdog_set, &_watchdog_ping})
+        s->finalize();
+    _db.close();
+    _cache.clear();
+    _cache_version = -1;
+    _cache_seq = -1;
+    _cache_generation = -1;
+}
+
+bool CStoreConnection::check_file(bool throttled) {
+    const std::chrono::steady_clock::time_point now = std::chrono::steady_clock::now();
+    if (throttled && !_lost && now < _next_check)
+        return true;
+    _next_check = now + k_read_check_interval;
+    tk_string why;
+    if (!_lost && _db.same_file(why))
+        return true;
+    if (!_lost) {
+        // The -wal file beside the path still holds this file's latest commits, and whoever
+        // opens the new file would read them as its own pages: move them into the old file
+        // and empty the -wal first. Then close without touching -wal or -shm again.
+        sqlite3_wal_checkpoint_v2(_db.get(), nullptr, SQLITE_CHECKPOINT_TRUNCATE, nullptr, nullptr);
+        _db.detach();
+        close_file();
+        _lost = true;
+        _notice = "data store " + why;
+    }
+    tk_string error;
+    if (!open(_path, error)) {
+        if (!_notice.empty())
+            _notice += "; reads and writes fail until a store is back at its path";
+        _error = error;
+        return false;
+    }
+    _lost = false;
+    _notice += (_notice.empty() ? "data store '" + _path + "' " : tk_string(": ")) + "reopened";
+    return true;
+}
+
+tk_string CStoreConnection::take_notice() {
+    tk_string notice;
+    notice.swap(_notice);
+    return notice;
 }
 
 int CStoreConnection::fail(const CSqliteError& e) {
@@ -344,6 +397,10 @@ int CStoreConnection::get(const std::vector<tk_string>& paths, std::vector<api_s
     statuses.assign(n, API_STATUS_NONE);
     values.resize(n);
     sources.assign(n, 0);
+    if (!check_file(true)) {
+        statuses.assign(n, API_STATUS_FAILURE);
+        return -1;
+    }
     try {
         // One autocommit statement: when no one else has committed since the cached entries
         // were read, they are the committed state right now.
@@ -396,6 +453,8 @@ int CStoreConnection::set(const std::vector<tk_string>& paths, const std::vector
                  std::to_string(values.size()) + " values";
         return -1;
     }
+    if (!check_file(false))
+        return -1;
     try {
         const timeval stamp_now = now();
         std::vector<api_status_t> result(n, API_STATUS_FAILURE);
@@ -457,6 +516,8 @@ int CStoreConnection::set(const std::vector<tk_string>& paths, const std::vector
 int CStoreConnection::watchdog_register(api_status_t& status, const tk_string& ident,
                                         unsigned int timeout, bool enable) {
     status = API_STATUS_FAILURE;
+    if (!check_file(false))
+        return -1;
     try {
         const timeval t = now();
         CStatementScope scope(_watchdog_set);
@@ -482,6 +543,8 @@ int CStoreConnection::watchdog_ping(api_status_t& status) {
         return 0;
     }
     status = API_STATUS_FAILURE;
+    if (!check_file(false))
+        return -1;
     try {
         const timeval t = now();
         CStatementScope scope(_watchdog_ping);
@@ -535,6 +598,8 @@ int CStoreConnection::define(const std::vector<CLeafInfo>& leaves, bool replace_
             return -1;
         }
     }
+    if (!check_file(false))
+        return -1;
     try {
         CSqliteTransaction txn(_db, true);
         if (replace_all)
@@ -583,6 +648,8 @@ int CStoreConnection::define(const std::vector<CLeafInfo>& leaves, bool replace_
 int CStoreConnection::remove(const tk_string& path, bool recursive, size_t& removed) {
     removed = 0;
     const tk_string node = CCdsStore::normal_path(path);
+    if (!check_file(false))
+        return -1;
     try {
         CSqliteTransaction txn(_db, true);
         tk_string below;
@@ -618,6 +685,8 @@ int CStoreConnection::remove(const tk_string& path, bool recursive, size_t& remo
 int CStoreConnection::list(const tk_string& path, std::vector<CLeafInfo>& leaves) {
     leaves.clear();
     const tk_string node = CCdsStore::normal_path(path);
+    if (!check_file(true))
+        return -1;
     try {
         CSqliteTransaction txn(_db, false);
         CSqliteStatement stmt;
@@ -647,6 +716,8 @@ int CStoreConnection::list(const tk_string& path, std::vector<CLeafInfo>& leaves
 
 int CStoreConnection::children(const tk_string& path,
                                std::vector<std::pair<tk_string, bool>>& names) {
+    if (!check_file(true))
+        return -1;
     try {
         CSqliteTransaction txn(_db, false);
         child_names(CCdsStore::normal_path(path), names);
@@ -659,6 +730,8 @@ int CStoreConnection::children(const tk_string& path,
 
 int CStoreConnection::watchdogs(std::vector<CWatchdogInfo>& entries) {
     entries.clear();
+    if (!check_file(true))
+        return -1;
     try {
         CSqliteStatement stmt;
         stmt.prepare(_db.get(), "SELECT ident, pid, timeout_ms, enabled, ping_sec, ping_usec "

@@ -6,10 +6,17 @@
 // writes drop the entries they touch. When it has changed, the store's change sequence
 // tells which leaves were written since (or that the cache must go). So a read never
 // returns a value older than the last commit.
+//
+// The store file may be replaced under a running process (a new file renamed over it) or
+// removed. Every write first checks that the path still names the open file: a replaced
+// file is reopened and written, a removed one refuses the write. Reads check at most once per
+// k_read_check_interval, so a read costs a clock read rather than a stat(2); values
+// from a replaced file are served for at most that long.
 #include "sqlite_db.h"
 #include "toolkit/cds_store.h"
 #include "toolkit/kvr.h"
 
+#include <chrono>
 #include <unordered_map>
 #include <vector>
 
@@ -19,6 +26,9 @@ class CStoreConnection {
 public:
     bool open(const tk_string& path, tk_string& error);
     const tk_string& error() const { return _error; }
+    // What the connection did about its file since the last call (reopened it, found it
+    // gone, found it back), for the caller's log; empty when nothing happened.
+    tk_string take_notice();
 
     int get(const std::vector<tk_string>& paths, std::vector<api_status_t>& statuses,
             std::vector<CElement>& values, std::vector<element_property_t>& sources);
@@ -50,7 +60,16 @@ private:
     // Past this many leaves written by others, dropping the cache is cheaper.
     static const int64_t k_sync_limit = 256;
 
+    static constexpr std::chrono::milliseconds k_read_check_interval{500};
+
     int fail(const CSqliteError& e);
+    void prepare_statements();
+    void close_file();
+    // True when the connection's file is (again) the one at its path, reopening it when
+    // another file has taken its place; otherwise false with _error set. Reads pass
+    // `throttled`: they check only once per interval while all is well.
+    bool check_file(bool throttled);
+    bool reopen(const tk_string& why);
     int64_t data_version();
     bool serve_from_cache(const std::vector<tk_string>& paths, std::vector<api_status_t>& statuses,
                           std::vector<CElement>& values, std::vector<element_property_t>& sources);
@@ -63,7 +82,12 @@ private:
     bool first_below(const tk_string& node, tk_string& found);
 
     CSqliteDb _db;
+    tk_string _path;
     tk_string _error;
+    tk_string _notice;
+    // Set while the path names no usable store; every access checks again.
+    bool _lost = false;
+    std::chrono::steady_clock::time_point _next_check;
     bool _read_only = false;
     tk_string _watchdog_ident;
 

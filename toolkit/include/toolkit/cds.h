@@ -27,6 +27,9 @@ public:
     kvr_handle_t handle() const { return _handle; }
     // Why the last failed call failed.
     tk_string error() const;
+    // What the connection did about its store file since the last call: reopened it after
+    // it was replaced, or found it gone. Empty when nothing happened; worth a warning.
+    tk_string take_notice();
 
     int get_leaf(const tk_string& path, api_status_t& status, CElement& value,
                  element_property_t& source);

@@ -1,0 +1,112 @@
+// The real modbus_server while its store file is replaced or removed under it.
+#include "data/sample_store.h"
+#include "server/server_process.h"
+#include "toolkit/cds_store.h"
+
+#include <modbus/modbus.h>
+#include <sqlite3.h>
+
+#include <boost/test/unit_test.hpp>
+
+#include <cerrno>
+#include <cstdio>
+
+namespace {
+
+using toolkit::CCdsStore;
+using toolkit::CElement;
+using toolkit::CLeafInfo;
+
+const char* const port_path =
+    "/Software/System Settings/Network/Firewall Settings/Protocol/Modbus/Port/Value";
+const char* const ups_path = "/Software/Device Handlers/UPS/Status/Value";
+// Register 8 of unit 1, in tenths of a volt.
+const char* const voltage_path = "/Devices/UPS/Output/Voltage/Value";
+
+// Writes register 8 of unit 1; 0 when acknowledged, else the exception code (-1: no answer).
+int write_voltage(uint16_t port, uint16_t value) {
+    modbus_t* ctx = modbus_new_tcp("127.0.0.1", port);
+    modbus_set_slave(ctx, 1);
+    modbus_set_response_timeout(ctx, 2, 0);
+    int result = -1;
+    if (modbus_connect(ctx) == 0) {
+        if (modbus_write_register(ctx, 8, value) == 1)
+            result = 0;
+        else if (errno > MODBUS_ENOBASE && errno < MODBUS_ENOBASE + 12)
+            result = errno - MODBUS_ENOBASE;
+    }
+    modbus_close(ctx);
+    modbus_free(ctx);
+    return result;
+}
+
+int wait_for_write(uint16_t port, uint16_t value) {
+    int rc = -1;
+    for (int i = 0; i < 100 && rc == -1; ++i) {
+        rc = write_voltage(port, value);
+        if (rc == -1)
+            std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+    return rc;
+}
+
+// The voltage and SQLite's integrity check, as a new process sees the file.
+tk_string fresh_look(const tk_string& path) {
+    CCdsStore store;
+    if (store.open(path) != 0)
+        return store.error();
+    api_status_t status = 0;
+    CElement value;
+    element_property_t source = 0;
+    store.cds().get_leaf(voltage_path, status, value, source);
+    sqlite3* db = nullptr;
+    tk_string check;
+    if (sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READONLY, nullptr) == SQLITE_OK)
+        sqlite3_exec(
+            db, "PRAGMA integrity_check",
+            [](void* out, int, char** row, char**) {
+                *static_cast<tk_string*>(out) += row[0] ? row[0] : "NULL";
+                return 0;
+            },
+            &check, nullptr);
+    sqlite3_close(db);
+    return value.str() + " " + check;
+}
+
+} // namespace
+
+BOOST_AUTO_TEST_SUITE(cds_store_server)
+
+BOOST_AUTO_TEST_CASE(no_write_is_acknowledged_into_a_store_that_is_not_at_its_path) {
+    CTestStore store;
+    load_sample_store(store);
+    const uint16_t port = free_port();
+    store.define(port_path, CElement::TYPE_UINT, CElement::from_uint(port));
+    store.define(ups_path, CElement::TYPE_INT, CElement::from_int(1));
+    std::vector<CLeafInfo> leaves;
+    BOOST_REQUIRE_EQUAL(store.store().list("/", leaves), 0);
+
+    CServerProcess server(store.dir(), {"-Ns"});
+    BOOST_REQUIRE_EQUAL(wait_for_write(port, 2410), 0);
+
+    // A copy of the store renamed over it, while the server's -wal file stays beside it.
+    const tk_string copy = store.dir().file("copy.db");
+    {
+        tk_string error;
+        BOOST_REQUIRE_MESSAGE(CCdsStore::create(copy, error) == 0, error);
+        CCdsStore other;
+        BOOST_REQUIRE_EQUAL(other.open(copy), 0);
+        BOOST_REQUIRE_EQUAL(other.define(leaves), 0);
+    }
+    BOOST_REQUIRE_EQUAL(std::rename(copy.c_str(), store.path().c_str()), 0);
+    BOOST_TEST(write_voltage(port, 2420) == 0);
+    BOOST_TEST(fresh_look(store.path()) == "242 ok");
+    BOOST_TEST(has_text(server.log(), "was replaced by another file"), server.log());
+
+    // Removed: writes are refused with exception 4 (slave device failure), and so are reads.
+    BOOST_REQUIRE_EQUAL(::unlink(store.path().c_str()), 0);
+    BOOST_TEST(write_voltage(port, 2430) == MODBUS_EXCEPTION_SLAVE_OR_SERVER_FAILURE);
+    BOOST_TEST(has_text(server.log(), "is gone"), server.log());
+}
+
+BOOST_AUTO_TEST_SUITE_END()
