@@ -90,22 +90,36 @@ BOOST_AUTO_TEST_CASE(requests_over_a_serial_line) {
         BOOST_TEST(line.send(rtu_frame(1, 0x07, {})));
         BOOST_TEST(line.receive(5, 200).empty());
         quiet_line();
-        // A request in pieces is served once complete.
-        BOOST_TEST(line.send(std::vector<uint8_t>(read8.begin(), read8.begin() + 3)));
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-        BOOST_TEST(line.send(std::vector<uint8_t>(read8.begin() + 3, read8.end())));
+        // A request in separate writes is served once complete.
+        BOOST_TEST(line.send(std::vector<uint8_t>(read8.begin(), read8.begin() + 2)));
+        BOOST_TEST(line.send(std::vector<uint8_t>(read8.begin() + 2, read8.end())));
         BOOST_TEST(line.receive(answer8.size(), 500) == answer8);
         quiet_line();
-        // A write-multiple request is held until its announced bytes are there.
+        // A write-multiple request is held until its announced bytes are there. Pieces must
+        // follow each other within 1.5 characters (0.86 ms), so they are sent without a pause.
         const auto write = rtu_frame(1, 0x10, {0, 8, 0, 1, 2, 0x09, 0x60});
-        BOOST_TEST(line.send(std::vector<uint8_t>(write.begin(), write.begin() + 8)));
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-        BOOST_TEST(line.send(std::vector<uint8_t>(write.begin() + 8, write.end())));
+        BOOST_TEST(line.send(std::vector<uint8_t>(write.begin(), write.begin() + 4)));
+        BOOST_TEST(line.send(std::vector<uint8_t>(write.begin() + 4, write.end())));
         BOOST_TEST(line.receive(8, 500) == rtu_frame(1, 0x10, {0, 8, 0, 1}));
         quiet_line();
         // Exceptions carry a fresh CRC.
         BOOST_TEST(line.send(rtu_frame(1, 0x03, {0, 0, 0, 126})));
         BOOST_TEST(line.receive(5, 500) == rtu_frame(1, 0x83, {3}));
+        // A byte count beyond the data, under a good CRC, and a truncated request: each is
+        // dropped at the next silence, and the requests after it are served.
+        const auto answer_written = rtu_frame(1, 0x03, {2, 0x09, 0x60});
+        for (const std::vector<uint8_t>& broken :
+             {std::vector<uint8_t>{0x01, 0x10, 0x00, 0x00, 0x00, 0x02, 0xC8, 0x00, 0x01, 0x00, 0x02,
+                                   0x33, 0xBE},
+              std::vector<uint8_t>{0x01, 0x03, 0x00}}) {
+            quiet_line();
+            BOOST_TEST(line.send(broken));
+            for (int i = 0; i < 3; ++i) {
+                quiet_line();
+                BOOST_TEST(line.send(read8));
+                BOOST_TEST(line.receive(answer_written.size(), 500) == answer_written);
+            }
+        }
     });
     BOOST_TEST(finished);
     BOOST_TEST(f.store.value("/Devices/UPS/Output/Voltage/Value").to_uint() == 240u);

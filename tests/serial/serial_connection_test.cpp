@@ -1,4 +1,5 @@
 #include "io/serial/serial_connection.h"
+#include "modbus/protocol/serial/modbus_serial_crc.h"
 #include "protocol/protocol_handler.h"
 #include "support/loop_fixture.h"
 #include "support/pty_pair.h"
@@ -9,6 +10,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cstring>
 
 namespace {
 
@@ -27,6 +29,22 @@ constexpr auto too_soon = std::chrono::milliseconds(5);
 // whole write at once, which at test_baud would look like bytes that began long ago.
 constexpr auto settle = std::chrono::milliseconds(30);
 
+bytes_t with_crc(bytes_t out) {
+    uint16_t crc = 0xFFFF;
+    for (const uint8_t b : out)
+        crc = CModbusSerialCrc::build_crc(crc, b);
+    out.push_back(static_cast<uint8_t>(crc & 0xff));
+    out.push_back(static_cast<uint8_t>(crc >> 8));
+    return out;
+}
+
+bytes_t frame(uint8_t address, const std::string& text) {
+    const uint8_t count = static_cast<uint8_t>(text.size());
+    bytes_t out{address, 0x10, 0, 0, 0, static_cast<uint8_t>((count + 1) / 2), count};
+    out.insert(out.end(), text.begin(), text.end());
+    return with_crc(out);
+}
+
 struct CFrameLog {
     std::vector<std::string> frames;
     std::vector<unsigned> timeouts;
@@ -34,9 +52,9 @@ struct CFrameLog {
     size_t max_unread = 0;
 };
 
-// A frame is an address byte, text and a newline. Address 0x11 is served: the answer is the
-// address and the text in upper case, optionally after a delay. Text that starts with '!' is
-// refused the way a frame with a bad CRC is: no answer, and the line is hunted again.
+// A frame is a write of multiple registers (function 16) whose data is text. Address 0x11 is
+// served: the answer is the same request with the text in upper case, optionally after a
+// delay. Text that starts with '!' is refused: no answer, and the line is hunted again.
 class CFrameHandler : public CProtocolHandler {
 public:
     CFrameHandler(CIoMessenger* messenger, CFrameLog& log, int delay_ms)
@@ -51,11 +69,12 @@ public:
         const iobuf_const_pair_t unread = _messenger->get_rbuf();
         _log.max_unread =
             std::max(_log.max_unread, static_cast<size_t>(unread.second - unread.first));
-        const auto nl = std::find(unread.first, unread.second, '\n');
-        if (nl == unread.second)
-            return false;
-        std::string text(nl == unread.first ? nl : unread.first + 1, nl);
-        _messenger->clear_rbuf(nl + 1);
+        // The connection hands over whole frames only.
+        const auto size = unread.second - unread.first;
+        std::string text = size >= 9 && size == 9 + unread.first[6]
+                               ? std::string(unread.first + 7, unread.second - 2)
+                               : std::string("!not a whole frame");
+        _messenger->clear_rbuf(unread.second);
         _log.frames.push_back(text);
         if (!text.empty() && text[0] == '!') {
             _messenger->reset_flags();
@@ -64,9 +83,7 @@ public:
         }
         std::transform(text.begin(), text.end(), text.begin(), ::toupper);
         iobuf_t& out = _messenger->wbuf();
-        out.assign(1, served);
-        out.insert(out.end(), text.begin(), text.end());
-        out.push_back('\n');
+        out = frame(served, text);
         if (_delay_ms == 0) {
             _messenger->write();
             return true;
@@ -88,14 +105,6 @@ private:
     CFrameLog& _log;
     int _delay_ms;
 };
-
-bytes_t frame(uint8_t address, const std::string& text) {
-    bytes_t out{address};
-    for (const char c : text)
-        out.push_back(static_cast<uint8_t>(c));
-    out.push_back('\n');
-    return out;
-}
 
 bytes_t answer(std::string text) {
     std::transform(text.begin(), text.end(), text.begin(), ::toupper);
@@ -242,7 +251,7 @@ BOOST_AUTO_TEST_CASE(hunting_drops_unframed_foreign_and_refused_bytes) {
         }
         BOOST_TEST(peer.silent_for(quiet.count()));
         BOOST_TEST(peer.send(frame(served, "d")));
-        BOOST_TEST(peer.receive(3) == answer("d"));
+        BOOST_TEST(peer.receive(10) == answer("d"));
         pause(quiet);
         BOOST_TEST(peer.send(frame(0x22, "other")));
         BOOST_TEST(peer.silent_for(quiet.count()));
@@ -252,7 +261,7 @@ BOOST_AUTO_TEST_CASE(hunting_drops_unframed_foreign_and_refused_bytes) {
         BOOST_TEST(peer.send(frame(served, "soon")));
         BOOST_TEST(peer.silent_for(quiet.count()));
         BOOST_TEST(peer.send(frame(served, "later")));
-        BOOST_TEST(peer.receive(7) == answer("later"));
+        BOOST_TEST(peer.receive(14) == answer("later"));
     });
     BOOST_TEST(finished);
     BOOST_TEST(f.log.frames == (std::vector<std::string>{"d", "!bad", "later"}),
@@ -263,32 +272,33 @@ BOOST_AUTO_TEST_CASE(pieces_long_frames_and_back_to_back_requests) {
     if (!have_socat())
         return;
     CLineFixture f;
-    const std::string long_text(400, 'x');
+    const std::string long_text(255, 'x');
     const bool finished = f.run_with([&] {
         CPtyPeer peer(f.pty.end_b());
         BOOST_REQUIRE(peer.ok());
         pause(quiet);
-        // A request in pieces with pauses far longer than the silence between them.
-        BOOST_TEST(peer.send({served, 'a'}));
-        pause(settle);
-        BOOST_TEST(peer.send({'b'}));
-        pause(settle);
-        BOOST_TEST(peer.send({'c', '\n'}));
-        BOOST_TEST(peer.receive(5) == answer("abc"));
-        // Longer than the first 256 bytes of the buffer; the start comes alone, the rest in
-        // chunks.
+        // A request in pieces, each within the character timing of the one before.
+        const bytes_t abc = frame(served, "abc");
+        BOOST_TEST(peer.send(bytes_t(abc.begin(), abc.begin() + 2)));
+        pause(too_soon);
+        BOOST_TEST(peer.send(bytes_t(abc.begin() + 2, abc.begin() + 3)));
+        pause(too_soon);
+        BOOST_TEST(peer.send(bytes_t(abc.begin() + 3, abc.end())));
+        BOOST_TEST(peer.receive(abc.size()) == answer("abc"));
+        // The longest frame; the start comes alone, the rest in chunks.
         pause(quiet);
         const bytes_t big = frame(served, long_text);
         for (size_t i = 0; i < big.size(); i += (i == 0 ? 2 : 100)) {
             const size_t end = std::min(i + (i == 0 ? 2 : 100), big.size());
             BOOST_TEST(peer.send(bytes_t(big.begin() + static_cast<std::ptrdiff_t>(i),
                                          big.begin() + static_cast<std::ptrdiff_t>(end))));
-            pause(settle);
+            pause(i == 0 ? settle : too_soon);
         }
         BOOST_TEST(peer.receive(big.size()) == answer(long_text));
         // Two requests in one write: the second is served from the buffer after the first
-        // answer, without waiting for silence.
-        pause(quiet);
+        // answer, without waiting for silence. The pty hands both over at once, as if they
+        // had taken 24 characters (200 ms) on the line: the silence before must be longer.
+        pause(quiet * 2);
         bytes_t two = frame(served, "one");
         const bytes_t second = frame(served, "two");
         two.insert(two.end(), second.begin(), second.end());
@@ -330,8 +340,8 @@ BOOST_AUTO_TEST_CASE(noise_cannot_grow_the_buffer) {
         CPtyPeer peer(f.pty.end_b());
         BOOST_REQUIRE(peer.ok());
         pause(quiet);
-        // Starts like a frame, never ends.
-        BOOST_TEST(peer.send({served}));
+        // Starts like the longest frame, then never stops.
+        BOOST_TEST(peer.send({served, 0x10, 0, 0, 0, 0x7f, 0xff}));
         pause(settle);
         for (int i = 0; i < 20; ++i) {
             BOOST_TEST(peer.send(bytes_t(100, 'n')));
@@ -339,11 +349,48 @@ BOOST_AUTO_TEST_CASE(noise_cannot_grow_the_buffer) {
         }
         BOOST_TEST(peer.silent_for(quiet.count()));
         BOOST_TEST(peer.send(frame(served, "ok")));
-        BOOST_TEST(peer.receive(4) == answer("ok"));
+        BOOST_TEST(peer.receive(11) == answer("ok"));
     });
     BOOST_TEST(finished);
     BOOST_TEST(f.log.frames == std::vector<std::string>{"ok"}, boost::test_tools::per_element());
-    BOOST_TEST(f.log.max_unread <= CSerialConnection::max_frame_backlog + 256);
+    BOOST_TEST(f.log.max_unread <= CRtuFramer::max_frame);
+}
+
+BOOST_AUTO_TEST_CASE(silence_starts_a_fresh_frame_whatever_was_held) {
+    if (!have_socat())
+        return;
+    CLineFixture f;
+    const bool finished = f.run_with([&] {
+        CPtyPeer peer(f.pty.end_b());
+        BOOST_REQUIRE(peer.ok());
+        pause(quiet);
+        // A good CRC over a byte count that promises 200 bytes of data, then requests.
+        const bytes_t overlong = with_crc({served, 0x10, 0, 0, 0, 2, 200, 0, 1, 0, 2});
+        BOOST_TEST(peer.send(overlong));
+        for (const char* text : {"one", "two", "three"}) {
+            pause(quiet);
+            BOOST_TEST(peer.send(frame(served, text)));
+            BOOST_TEST(peer.receive(9 + std::strlen(text)) == answer(text));
+        }
+        // The start of a frame for us, then nothing.
+        pause(quiet);
+        BOOST_TEST(peer.send({served, 0x10, 0x00}));
+        pause(quiet);
+        BOOST_TEST(peer.send(frame(served, "next")));
+        BOOST_TEST(peer.receive(13) == answer("next"));
+        // A frame broken by a silence is not served, nor is its tail.
+        pause(quiet);
+        const bytes_t broken = frame(served, "broken");
+        BOOST_TEST(peer.send(bytes_t(broken.begin(), broken.begin() + 6)));
+        pause(quiet);
+        BOOST_TEST(peer.send(bytes_t(broken.begin() + 6, broken.end())));
+        BOOST_TEST(peer.silent_for(quiet.count()));
+        BOOST_TEST(peer.send(frame(served, "last")));
+        BOOST_TEST(peer.receive(13) == answer("last"));
+    });
+    BOOST_TEST(finished);
+    BOOST_TEST(f.log.frames == (std::vector<std::string>{"one", "two", "three", "next", "last"}),
+               boost::test_tools::per_element());
 }
 
 BOOST_AUTO_TEST_CASE(bad_settings_and_a_vanishing_line_end_nothing_else) {
@@ -381,7 +428,7 @@ BOOST_AUTO_TEST_CASE(bad_settings_and_a_vanishing_line_end_nothing_else) {
         BOOST_TEST(f.in_loop([&] { return f.manager.contains(second); }));
         pause(quiet);
         BOOST_TEST(peer.send(frame(served, "alive")));
-        BOOST_TEST(peer.receive(7) == answer("alive"));
+        BOOST_TEST(peer.receive(14) == answer("alive"));
     });
     BOOST_TEST(finished);
 }

@@ -52,7 +52,7 @@ std::shared_ptr<CSerialConnection> CSerialConnection::create(CIoManager& manager
 CSerialConnection::CSerialConnection(CIoManager& manager, const CProtocolHandler& prototype,
                                      const tk_string& device, unsigned interface_number)
     : CIoMessenger(manager, prototype), _port(get_io_service()), _device(device),
-      _interface(interface_number) {
+      _interface(interface_number), _raw(buffer_step) {
     boost::system::error_code ec;
     _port.open(device, ec);
     if (ec) {
@@ -168,6 +168,10 @@ void CSerialConnection::generate_RTU_timers(uint32_t baud, char_size_t char_size
         LOG_DEBUG(SS_SERIAL_IO, 4, "_char_time = %lld nanoseconds",
                   static_cast<long long>(_char_time));
     }
+    std::bitset<256> served;
+    for (unsigned address = 0; address < 256; ++address)
+        served[address] = _prot->validate(static_cast<unsigned char>(address));
+    _framer.configure(_timerT15 / 1000, served);
     reset_flags();
 }
 
@@ -183,17 +187,17 @@ void CSerialConnection::close() {
 
 void CSerialConnection::reset_flags() {
     _offset = 0;
-    _hunting = true;
-    _skip_silence = false;
+    _waited = false;
+    _unfed.clear();
+    _framer.hunt();
     int64_t now = 0;
     _last_rx = monotonic_ns(now) ? now : 0;
 }
 
 void CSerialConnection::read_more() {
     assert(_port.is_open());
-    assert(_offset < _rbuf.size());
     auto me = self();
-    _port.async_read_some(boost::asio::buffer(_rbuf.data() + _offset, _rbuf.size() - _offset),
+    _port.async_read_some(boost::asio::buffer(_raw),
                           [me](const boost::system::error_code& error, size_t count) {
                               me->handle_read(error, count);
                           });
@@ -208,50 +212,48 @@ void CSerialConnection::handle_read(const boost::system::error_code& error, size
         remove();
         return;
     }
-    if (count == 0) {
-        read_more();
-        return;
-    }
-    _offset += count;
-    assert(_offset <= _rbuf.size());
-    LOG_DUMP(SS_SERIAL_IO, 6, _rbuf.data() + _offset - count, count, "Received");
-    if (!_hunting) {
-        parse();
-        return;
-    }
-    const bool skip_silence = _skip_silence;
-    _skip_silence = false;
+    assert(count <= _raw.size());
+    LOG_DUMP(SS_SERIAL_IO, 6, _raw.data(), count, "Received");
     int64_t now = 0;
-    if (!monotonic_ns(now)) {
-        _offset = 0;
+    if (count == 0 || !monotonic_ns(now)) {
         read_more();
         return;
     }
     // The first of these bytes began (count - 1) characters before now.
-    const int64_t silent_until =
-        _last_rx + _timerT15 + _char_time * (static_cast<int64_t>(count) - 1);
-    if ((skip_silence || now > silent_until) && _prot->validate(_rbuf[0])) {
-        _hunting = false;
-        parse();
-        return;
-    }
-    LOG_DEBUG(SS_SERIAL_IO, 5, "'%s': dropped %u bytes while hunting for a frame", _device.c_str(),
-              static_cast<unsigned>(count));
+    const int64_t gap =
+        _waited ? 0 : now - _last_rx - _char_time * (static_cast<int64_t>(count) - 1);
+    _waited = false;
     _last_rx = now;
-    _offset = 0;
+    _unfed.assign(_raw.begin(), _raw.begin() + static_cast<std::ptrdiff_t>(count));
+    feed(gap / 1000);
+}
+
+void CSerialConnection::feed(int64_t gap_us) {
+    for (size_t i = 0; i < _unfed.size(); ++i) {
+        if (_framer.feed(_unfed[i], i == 0 ? gap_us : 0)) {
+            _unfed.erase(_unfed.begin(), _unfed.begin() + static_cast<std::ptrdiff_t>(i + 1));
+            parse();
+            return;
+        }
+    }
+    if (!_unfed.empty() && _framer.hunting())
+        LOG_DEBUG(SS_SERIAL_IO, 5, "'%s': dropped bytes while hunting for a frame",
+                  _device.c_str());
+    _unfed.clear();
     read_more();
 }
 
 void CSerialConnection::parse() {
-    if (_offset > max_frame_backlog) {
-        LOG_WARN(SS_SERIAL_IO, 2, "'%s': dropped %u bytes that never made a frame", _device.c_str(),
-                 static_cast<unsigned>(_offset));
-        reset_flags();
-        _rbuf.assign(buffer_step, 0);
-        read_more();
+    const std::vector<uint8_t>& frame = _framer.frame();
+    _rbuf.assign(frame.begin(), frame.end());
+    _rbuf.resize(std::max(frame.size(), buffer_step));
+    _offset = frame.size();
+    // The handler sees one whole frame; should it still want more, it is no request.
+    if (_prot->parse())
         return;
-    }
-    parse_or_read_more();
+    LOG_DEBUG(SS_SERIAL_IO, 5, "'%s': a frame the handler did not take", _device.c_str());
+    reset_flags();
+    read_more();
 }
 
 bool CSerialConnection::input_waiting() {
@@ -280,13 +282,23 @@ void CSerialConnection::handle_write(const boost::system::error_code& error) {
         remove();
         return;
     }
-    if (_offset != 0) {
-        parse();
+    // A request that came with the last one, or while the answer was being prepared or
+    // written, followed a complete exchange: its start needs no silence.
+    // Bytes that waited in the driver meanwhile have lost their timing: the first of them
+    // continues whatever the leftovers began.
+    const bool waited = input_waiting();
+    if (!_unfed.empty()) {
+        _offset = 0;
+        _framer.expect_frame();
+        int64_t now = 0;
+        _last_rx = monotonic_ns(now) ? now : 0;
+        _waited = waited;
+        feed(0);
         return;
     }
     reset_flags();
-    // A request that came while the answer was being prepared or written waits in the driver;
-    // it followed a complete exchange, so its start needs no silence test.
-    _skip_silence = input_waiting();
+    _waited = waited;
+    if (waited)
+        _framer.expect_frame();
     read_more();
 }

@@ -2,23 +2,22 @@
 // The messenger of one Modbus RTU serial interface. It opens the device, applies the line
 // settings, and knows the RTU character timing its protocol handler needs to find frames.
 //
-// RTU frames carry no length, so the connection hunts for a frame start: while hunting, a
-// read is handed to the handler only when its first byte began after a silence of more than
-// 1.5 characters and the handler validates that byte as a served slave address; anything
-// else is dropped unseen. Once a frame has started, bytes are passed on until the handler
-// takes the request or rejects it (it then calls reset_flags() to hunt again). A frame that
-// grows past max_frame_backlog bytes without being taken is dropped as noise.
+// Frames are found by a CRtuFramer: a frame starts after a silence of more than 1.5
+// characters with a served slave address, ends at the length its function code gives, and
+// counts only with a good CRC; a silence inside a frame drops what was held. Each complete
+// frame is handed to the protocol handler on its own.
 //
-// After an answer has been written, bytes that were already waiting (in the buffer or in the
-// driver) are served without a silence test; the line is hunted afresh otherwise. A
-// pseudo-terminal has no line timing and hands over a whole frame at once, as if its first
-// byte began n - 1 characters earlier: a peer that sends an n-byte request sooner than
-// 1.5 + n - 1 characters after an answer is taken for noise.
+// After an answer has been written, bytes that were already waiting (left over from the last
+// read or in the driver) may start a frame without a silence; the line is hunted afresh
+// otherwise. A pseudo-terminal has no line timing and hands over a whole write at once, as if
+// its first byte began n - 1 characters earlier: a peer that sends an n-byte request sooner
+// than 1.5 + n - 1 characters after an answer is taken for noise.
 //
 // Failing to open the device is logged and reported by is_open(), never thrown. A setting the
 // port refuses is logged and the port keeps its previous value. An I/O error or the other end
 // going away ends only this connection.
 #include "io/io_messenger.h"
+#include "io/serial/rtu_framer.h"
 #include "toolkit/tk_string.h"
 
 #include <boost/asio/serial_port.hpp>
@@ -43,8 +42,6 @@ public:
     // A baud rate of 0 is timed as 9600, a character size outside 5 to 8 as 8.
     static rtu_timing_t rtu_timing(uint32_t baud, char_size_t char_size, parity_t parity,
                                    stop_bits_t stop_bits);
-
-    static constexpr size_t max_frame_backlog = 512;
 
     static std::shared_ptr<CSerialConnection> create(CIoManager& manager,
                                                      const CProtocolHandler& prototype,
@@ -77,6 +74,7 @@ public:
     void write() override;
     void handle_read(const boost::system::error_code& error, size_t count) override;
     void handle_write(const boost::system::error_code& error) override;
+    // Hands the frame just completed to the handler.
     void parse() override;
 
 private:
@@ -85,14 +83,20 @@ private:
     std::shared_ptr<CSerialConnection> self();
     template <class Option> void apply(const Option& option, const char* what, unsigned value);
     bool input_waiting();
+    // Feeds the unfed bytes to the framer, the first after gap_us of silence, until a frame
+    // is complete (then parse()) or they are used up (then read_more()).
+    void feed(int64_t gap_us);
 
     boost::asio::serial_port _port;
     tk_string _device;
     unsigned _interface;
     int64_t _char_time = 0;
     int64_t _timerT15 = 0;
-    bool _hunting = true;
-    // Takes the next read as framed, whatever its timing.
-    bool _skip_silence = false;
+    CRtuFramer _framer;
+    // Bytes as read from the port; those not yet fed to the framer.
+    iobuf_t _raw;
+    iobuf_t _unfed;
     int64_t _last_rx = 0;
+    // The next read's bytes waited in the driver while an answer was written.
+    bool _waited = false;
 };

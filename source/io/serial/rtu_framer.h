@@ -1,0 +1,51 @@
+#pragma once
+// Finds Modbus RTU request frames in the bytes of a serial line. Fed one byte at a time with
+// the silence before it, it returns each complete frame; it knows no clock and no port.
+//
+// RTU frames carry no length and are told apart by silence. A frame starts only after a
+// silence longer than the configured one (1.5 characters), with a served slave address. Its
+// length follows from the function code (8 bytes for functions 1 to 6; 9 plus the byte count
+// for 15 and 16), and it is taken only when its CRC holds. A silence inside a frame abandons
+// it: the byte after the silence is judged as a new start, whatever was held. Anything else
+// (foreign addresses, other function codes, bad CRCs, bytes without silence before them) is
+// dropped, and the framer hunts for the next silence.
+#include <bitset>
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+class CRtuFramer {
+public:
+    // The longest frame: function 15 or 16 with a byte count of 255.
+    static constexpr size_t max_frame = 9 + 255;
+
+    // silence_us: the gap that separates frames. served: the slave addresses answered.
+    void configure(int64_t silence_us, const std::bitset<256>& served);
+
+    // One received byte that began gap_us microseconds after the previous byte ended (0 for
+    // bytes that arrived together). True when it completed a frame, which frame() then holds
+    // until the next call.
+    bool feed(uint8_t byte, int64_t gap_us);
+    const std::vector<uint8_t>& frame() const { return _frame; }
+
+    // Forgets any partial frame; the next frame needs a silence before it.
+    void hunt();
+    // Forgets any partial frame; the next byte may start a frame without a silence (bytes that
+    // waited while an answer was being sent).
+    void expect_frame();
+    // True while no frame is under way.
+    bool hunting() const { return _hunting; }
+    // The bytes held of an unfinished frame.
+    size_t held() const { return _hunting ? 0 : _frame.size(); }
+
+private:
+    // The frame's full length once its first bytes are known, 0 while they are not.
+    size_t expected_length() const;
+    bool crc_holds() const;
+
+    int64_t _silence_us = 0;
+    std::bitset<256> _served;
+    std::vector<uint8_t> _frame;
+    bool _hunting = true;
+    bool _start_now = false;
+};
