@@ -122,8 +122,7 @@ BOOST_AUTO_TEST_CASE(malformed_json_writes_nothing) {
         {"{\"a\": {\"$type\": \"bool\", \"$value\": \"yes\"}}", "/a: 'yes' is not a bool"},
         {"{\"a\": {\"$type\": \"time\", \"$value\": 9e18}}", "/a: time 9e+18 is out of range"},
         {"{\"a\": {\"$type\": \"time\", \"$value\": 253402300800}}", "out of range"},
-        {"{\"a\": {\"$type\": \"time\", \"$value\": \"-9000000000000000000\"}}",
-         "out of range"},
+        {"{\"a\": {\"$type\": \"time\", \"$value\": \"-9000000000000000000\"}}", "out of range"},
         {"{\"a\": {\"$type\": \"time\", \"$value\": true}}", "/a: 'true' is not a time"},
         {"{\n  \"a\": 1,\n  \"b\": [1,\n  \"c\": }\n", ":4:6: "},
         {"{\"a\": 1", ":1:7: "},
@@ -191,10 +190,11 @@ BOOST_AUTO_TEST_CASE(get_set_ls_rm) {
     // Values the store would quietly bend are refused, with --type or into a leaf.
     ok({"set", "/Flag", "1", "--type", "bool"});
     ok({"set", "/Stamp", "9999-12-31T23:59:59Z", "--type", "time"});
-    for (const std::vector<tk_string>& args :
-         {std::vector<tk_string>{"set", "/Flag", "2"}, {"set", "/Flag", "2", "--type", "bool"},
-          {"set", "/Stamp", "9e18"}, {"set", "/Stamp", "-1e18", "--type", "time"},
-          {"set", "/Stamp", "253402300800"}}) {
+    for (const std::vector<tk_string>& args : {std::vector<tk_string>{"set", "/Flag", "2"},
+                                               {"set", "/Flag", "2", "--type", "bool"},
+                                               {"set", "/Stamp", "9e18"},
+                                               {"set", "/Stamp", "-1e18", "--type", "time"},
+                                               {"set", "/Stamp", "253402300800"}}) {
         r = run(args);
         BOOST_TEST(r.status == 1, args[2]);
         BOOST_TEST((has_text(r.err, "is not a bool") || has_text(r.err, "out of range")), r.err);

@@ -44,8 +44,8 @@ bool scalar_element(const json& value, CElement& element) {
 
 // 0001-01-01T00:00:00Z and 9999-12-31T23:59:59Z: the years that ISO 8601 text writes with
 // four digits, so that a dump reads back. A 32-bit time_t narrows this further.
-const double k_first_second = std::max(-62135596800.0,
-                                       static_cast<double>(std::numeric_limits<time_t>::min()));
+const double k_first_second =
+    std::max(-62135596800.0, static_cast<double>(std::numeric_limits<time_t>::min()));
 const double k_last_second =
     std::min(253402300799.0, static_cast<double>(std::numeric_limits<time_t>::max()));
 
@@ -152,8 +152,7 @@ bool CLeafJson::check_value(const CLeafInfo& leaf, tk_string& error) {
         return true;
     // Seconds are checked before the store converts them, which would clamp them to time_t.
     CElement seconds;
-    if (v.type() == CElement::TYPE_BOOL ||
-        !CElement::convert(v, CElement::TYPE_FLOAT, seconds)) {
+    if (v.type() == CElement::TYPE_BOOL || !CElement::convert(v, CElement::TYPE_FLOAT, seconds)) {
         timeval t;
         if (v.type() == CElement::TYPE_STRING && CElement::time_from_string(v.str(), t))
             return true;
