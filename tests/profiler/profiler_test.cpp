@@ -15,6 +15,22 @@ CRunResult run_profiler(const CTempDir& dir, const std::vector<tk_string>& args)
     return run_program(dir, "modbus_profiler", args);
 }
 
+// stderr without the warnings: the sample files overlap on purpose, which the parser points
+// out at the default level.
+tk_string without_warnings(const tk_string& err) {
+    tk_string out;
+    size_t start = 0;
+    while (start < err.size()) {
+        size_t end = err.find('\n', start);
+        end = end == tk_string::npos ? err.size() : end + 1;
+        const tk_string line = err.substr(start, end - start);
+        if (!has_text(line, " WARN ["))
+            out += line;
+        start = end;
+    }
+    return out;
+}
+
 std::vector<tk_string> lines(const tk_string& text) {
     std::vector<tk_string> result;
     std::istringstream in(text);
@@ -109,7 +125,7 @@ BOOST_AUTO_TEST_CASE(unit_in_each_mode) {
     CProfileStore s;
     const CRunResult full = s.run({"-u", "1", "-d"});
     BOOST_CHECK_EQUAL(full.status, 0);
-    BOOST_CHECK_EQUAL(full.err, "");
+    BOOST_CHECK_EQUAL(without_warnings(full.err), "");
     BOOST_CHECK_EQUAL(full.out, unit1_mode1);
 
     const CRunResult m2 = s.run({"-u", "1"});
@@ -194,13 +210,14 @@ BOOST_AUTO_TEST_CASE(no_such_unit) {
         const CRunResult r = s.run(args);
         BOOST_CHECK_EQUAL(r.status, 1);
         BOOST_CHECK_EQUAL(r.out, "");
-        BOOST_CHECK_EQUAL(r.err, "Error: unsupported Unit ID or Serial Interface\n");
+        BOOST_CHECK_EQUAL(without_warnings(r.err),
+                          "Error: unsupported Unit ID or Serial Interface\n");
     }
     for (const auto& args : std::vector<std::vector<tk_string>>{{}, {"-s", "0", "-d"}}) {
         const CRunResult r = s.run(args);
         BOOST_CHECK_EQUAL(r.status, 1);
         BOOST_CHECK_EQUAL(r.out, "");
-        BOOST_CHECK_EQUAL(r.err, "Error: No Unit ID was selected");
+        BOOST_CHECK_EQUAL(without_warnings(r.err), "Error: No Unit ID was selected\n");
     }
 }
 
@@ -210,7 +227,7 @@ BOOST_AUTO_TEST_CASE(nothing_to_print) {
     const CRunResult r = s.run({"-u", "3", "-d"});
     BOOST_CHECK_EQUAL(r.status, 0);
     BOOST_CHECK_EQUAL(r.out, "");
-    BOOST_CHECK_EQUAL(r.err, "");
+    BOOST_CHECK_EQUAL(without_warnings(r.err), "");
 }
 
 BOOST_AUTO_TEST_CASE(bad_command_lines) {
@@ -224,7 +241,6 @@ BOOST_AUTO_TEST_CASE(bad_command_lines) {
         {{"-u"}, "Usage: "},
         {{"-u", "1", "--unit", "1"}, "Usage: "},
         {{"-u", "1", "-Ds", "nowhere", "2"}, "Unknown subsystem 'nowhere'\n"},
-        {{"-hv"}, "--unit-id : "},
     };
     for (const auto& c : cases) {
         const CRunResult r = s.run(c.first);
@@ -234,6 +250,10 @@ BOOST_AUTO_TEST_CASE(bad_command_lines) {
             BOOST_CHECK(has_text(r.err, c.second));
         }
     }
+    // Help is no error.
+    const CRunResult help = s.run({"-hv"});
+    BOOST_CHECK_EQUAL(help.status, 0);
+    BOOST_CHECK(has_text(help.err, "--unit-id : "));
 }
 
 // A store that cannot be opened and a mapping file that does not parse stop the profiler
