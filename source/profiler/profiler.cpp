@@ -44,7 +44,7 @@ bool CProfiler::main() {
     try {
         _options->check_slave();
     } catch (const generic_err&) {
-        std::fputs("Error: No Unit ID was selected", stderr);
+        std::fputs("Error: No Unit ID was selected\n", stderr);
         return false;
     }
     const unsigned id = *_options->unit_id() & 0xFFu;
