@@ -234,18 +234,19 @@ bool CStoreConnection::check_file(bool throttled) {
     if (!_lost) {
         // The -wal file beside the path still holds this file's latest commits, and whoever
         // opens the new file would read them as its own pages: move them into the old file
-        // and empty the -wal first. Then close without touching -wal or -shm again.
+        // and empty the -wal first. (Frames that another process wrote there for the new file
+        // in the meantime would go too: a store is replaced with its writers stopped.) Then
+        // close without touching -wal or -shm again.
         sqlite3_wal_checkpoint_v2(_db.get(), nullptr, SQLITE_CHECKPOINT_TRUNCATE, nullptr, nullptr);
         _db.detach();
         close_file();
         _lost = true;
         _notice = "data store " + why;
-    }
-    tk_string error;
-    if (!open(_path, error)) {
-        if (!_notice.empty())
+        if (!open(_path, _error)) {
             _notice += "; reads and writes fail until a store is back at its path";
-        _error = error;
+            return false;
+        }
+    } else if (!open(_path, _error)) {
         return false;
     }
     _lost = false;
