@@ -130,11 +130,11 @@ std::vector<CRequest> frame_requests(const uint8_t* data, size_t size) {
         CRequest r{be16(h), be16(h + 2), h[6], -1, {}, true, false};
         const size_t length = be16(h + 4);
         if (length == 1) {
-            // The server takes a frame without a function code for an unfinished one and
-            // waits for more: nothing behind it is answered on this connection. Known and
-            // reported; modelled here so that the fuzzer can look past it.
+            // A unit id and no function code: dropped unanswered.
+            r.may_answer = false;
             out.push_back(r);
-            break;
+            pos += 7;
+            continue;
         }
         if (length == 0) {
             // Holds no function code: answered as malformed or not at all.

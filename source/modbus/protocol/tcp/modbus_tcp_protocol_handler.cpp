@@ -33,6 +33,14 @@ bool CModbusTcpProtocolHandler::parse_request() {
     const iobuf_const_pair_t rbuf = _messenger->get_rbuf();
     const parse_result_t result = _adu->parse(rbuf.first, rbuf.second);
     assert(result.second <= rbuf.second);
+    if (is_incomplete(result) && adu().header.length == 1 && rbuf.second - rbuf.first >= 7) {
+        // A header announcing no function code would wait for one forever: the frame
+        // parses as incomplete however much follows. Drop its 7 bytes unanswered.
+        LOG_DEBUG(SS_TCP_PROTOCOL, 7, "Dropping a frame without a function code");
+        _messenger->clear_rbuf(rbuf.first + 7);
+        parse_again();
+        return true;
+    }
     if (is_incomplete(result)) {
         if (static_cast<size_t>(rbuf.second - rbuf.first) > max_unread) {
             LOG_WARN(SS_TCP_PROTOCOL, 1, "No complete request in %zu bytes; closing connection",
@@ -57,11 +65,8 @@ void CModbusTcpProtocolHandler::execute() {
     CModbusTcpAdu& tcp = adu();
     assert(_messenger != nullptr);
     if (tcp.header.protocol_id != 0) {
-        // Dropped without an answer. A request behind it may already be in the buffer, so
-        // go on with the buffer (from the loop, so that a run of dropped frames cannot
-        // nest) rather than only reading more.
-        auto messenger = std::static_pointer_cast<CIoMessenger>(_messenger->shared_from_this());
-        boost::asio::post(_messenger->get_io_service(), [messenger] { messenger->parse(); });
+        // Dropped without an answer.
+        parse_again();
         return;
     }
     CModbusConfig& config = get_server_core().get_config();
@@ -73,6 +78,14 @@ void CModbusTcpProtocolHandler::execute() {
         return;
     }
     handle_request(tcp.pdu, *device);
+}
+
+// After a frame dropped unanswered, a request behind it may already be in the buffer, so go
+// on with the buffer (from the loop, so that a run of dropped frames cannot nest) rather
+// than only reading more.
+void CModbusTcpProtocolHandler::parse_again() {
+    auto messenger = std::static_pointer_cast<CIoMessenger>(_messenger->shared_from_this());
+    boost::asio::post(_messenger->get_io_service(), [messenger] { messenger->parse(); });
 }
 
 void CModbusTcpProtocolHandler::respond() {

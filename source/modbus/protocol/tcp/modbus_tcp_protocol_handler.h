@@ -25,4 +25,5 @@ public:
 
 private:
     CModbusTcpAdu& adu();
+    void parse_again();
 };
