@@ -146,6 +146,7 @@ void CServerCore::start_up(int argc, const char* const* argv) {
         return;
     }
     load_configuration();
+    _cfg->warn_overlaps();
     try {
         _cfg->warn_missing_leaves(*_cds);
     } catch (const generic_err&) {
@@ -216,6 +217,7 @@ int CServerCore::check() {
     const uint32_t warnings = log.warnings();
     try {
         load_configuration();
+        _cfg->warn_overlaps();
         _cfg->warn_missing_leaves(*_cds);
     } catch (const init_err&) {
     } catch (const generic_err&) {

@@ -181,6 +181,17 @@ BOOST_FIXTURE_TEST_CASE(missing_leaves_are_warned_about_once, CRegistryStore) {
                    leaf);
 }
 
+// Each file says once which of its mappings overlap, however many units share it.
+BOOST_FIXTURE_TEST_CASE(overlaps_are_warned_about_per_file, CRegistryStore) {
+    const tk_string a = eds("a.eds", uint_node("A", 1) + uint_node("B", 1));
+    unit("one", 1, a);
+    unit("two", 2, a);
+    const CModbusConfig cfg(read_settings());
+    CSubsystemLog log(SS_MAPPING, 0);
+    BOOST_TEST(cfg.warn_overlaps() == 1u);
+    BOOST_TEST(count_of(log.text(), "WARN [0]") == 1u, log.text());
+}
+
 BOOST_FIXTURE_TEST_CASE(a_wrong_device_path_is_summed_up, CRegistryStore) {
     tk_string text;
     for (unsigned i = 0; i < CModbusConfig::max_missing_lines + 5; ++i)

@@ -312,6 +312,7 @@ BOOST_AUTO_TEST_CASE(check_exit_statuses) {
             BOOST_TEST(has_text(r.out, line), r.out);
         BOOST_TEST(has_text(r.err, "WARN [0] "), r.err);
         BOOST_TEST(has_text(r.err, "'/Devices/UPS/Ghost Coil/Value' is not in the store"), r.err);
+        BOOST_TEST(has_text(r.err, "ups.eds:103: [(15) Shifted] overlaps"), r.err);
     }
     // Errors: a broken file, and every other one still read.
     {

@@ -157,3 +157,13 @@ size_t CModbusConfig::warn_missing_leaves(CCdsHandle& cds) const {
                  missing - max_missing_lines);
     return missing;
 }
+
+size_t CModbusConfig::warn_overlaps() const {
+    std::map<tk_string, const CEdsMapping*> by_path;
+    for (const auto& entry : _eds_names)
+        by_path.emplace(entry.second, entry.first);
+    size_t pairs = 0;
+    for (const auto& entry : by_path)
+        pairs += entry.second->warn_overlaps();
+    return pairs;
+}

@@ -55,6 +55,9 @@ public:
     // it; after max_missing_lines only the count). Returns how many are missing. Throws
     // generic_err when the store fails.
     size_t warn_missing_leaves(CCdsHandle& cds) const;
+    // Lets every parsed file warn about its overlapping mappings, once per file, in path
+    // order; returns how many overlapping pairs there are.
+    size_t warn_overlaps() const;
 
 private:
     typedef std::map<tk_string, std::shared_ptr<const CEdsMapping>> eds_map_t;
