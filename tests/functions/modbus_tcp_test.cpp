@@ -142,6 +142,24 @@ BOOST_AUTO_TEST_CASE(writes) {
     BOOST_TEST(f.store.value("/Devices/UPS/Alarm/Overload/Value").to_bool() == false);
 }
 
+// A store that refuses the leaves of a write batch: exception 4, never an acknowledgement.
+BOOST_AUTO_TEST_CASE(refused_writes_are_not_acknowledged) {
+    CServerFixture f([](CTestStore& store) {
+        store.define("/ReadOnlyCDS", CElement::TYPE_BOOL, CElement::from_bool(true));
+    });
+    const bool finished = f.run_with([&] {
+        auto ctx = tcp_client(f.port);
+        BOOST_REQUIRE(ctx);
+        BOOST_TEST(modbus_write_register(ctx.get(), 8, 2400) == -1);
+        BOOST_TEST(exception_code() == 4);
+        BOOST_TEST(modbus_write_bit(ctx.get(), 2, 1) == -1);
+        BOOST_TEST(exception_code() == 4);
+        BOOST_TEST(read_regs(ctx.get(), 8, 1) == std::vector<uint16_t>{2300});
+    });
+    BOOST_TEST(finished);
+    BOOST_TEST(f.store.value("/Devices/UPS/Output/Voltage/Value").to_uint() == 230u);
+}
+
 BOOST_AUTO_TEST_CASE(request_checks) {
     CServerFixture f(zero_fill);
     struct {

@@ -54,6 +54,16 @@ void CModbusFunctionHandler::write_done(CThreadCdsSetLeaves& cmd, bool timed_out
     if (!usable(cmd, timed_out))
         return;
     stop_timer(cmd.take_timer());
+    // The store may refuse single leaves of a batch it accepted (a read-only store, a value
+    // its leaf's type cannot take): the master must not be told they were written.
+    for (const CCdsLeaf& leaf : cmd.leaves()) {
+        if (leaf._status != API_STATUS_OK) {
+            LOG_WARN(SS_FUNCTION_CODES, 1, "The store refused '%s' (status %d)",
+                     leaf._path.c_str(), static_cast<int>(leaf._status));
+            err(MB_SLAVE_DEVICE_FAILURE);
+            return;
+        }
+    }
     modbus_write::make_response(_pdu, single_function);
     _prot.respond();
 }
