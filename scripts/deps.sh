@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Installs the Debian packages that the build, the tests and the demo need. Quick when
-# everything is there already; never asks questions.
+# Installs the Debian packages that the build, the tests and the demo need, and any further
+# packages named as arguments. Quick when everything is there already; never asks questions.
 set -euo pipefail
 
 packages=(
@@ -9,6 +9,7 @@ packages=(
     libboost-test1.74-dev libboost-random1.74-dev libboost-date-time1.74-dev
     libsqlite3-dev sqlite3 nlohmann-json3-dev libinih-dev
     libbenchmark-dev libmodbus-dev socat mbpoll
+    "$@"
 )
 
 missing=()

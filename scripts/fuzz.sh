@@ -32,23 +32,8 @@ max_len() {
     esac
 }
 
-bash scripts/deps.sh
-packages=(clang libclang-rt-14-dev)
-missing=()
-for p in "${packages[@]}"; do
-    dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")
-done
-if [ ${#missing[@]} -ne 0 ]; then
-    sudo=""
-    if [ "$(id -u)" -ne 0 ]; then
-        command -v sudo >/dev/null || { echo "fuzz: need root to install: ${missing[*]}" >&2; exit 1; }
-        sudo="sudo -n"
-    fi
-    echo "fuzz: installing ${missing[*]}"
-    export DEBIAN_FRONTEND=noninteractive
-    $sudo apt-get update -qq </dev/null
-    $sudo apt-get install -y -qq --no-install-recommends "${missing[@]}" </dev/null
-fi
+# clang and its libFuzzer runtime, besides what every build needs.
+bash scripts/deps.sh clang libclang-rt-14-dev
 
 CC=clang CXX=clang++ cmake -S . -B "$build" -G Ninja -DMB_BENCH=OFF -DMB_FUZZ=ON \
     -DMB_WERROR=OFF >/dev/null </dev/null

@@ -16,6 +16,7 @@
 #include <vector>
 
 #include <ftw.h>
+#include <sqlite3.h>
 
 class CTempDir {
 public:
@@ -145,6 +146,30 @@ inline CRunResult run_program(const CTempDir& dir, const tk_string& name,
 
 inline CRunResult run_cdsctl(const CTempDir& dir, const std::vector<tk_string>& args) {
     return run_program(dir, "cdsctl", args);
+}
+
+// A leaf's value and SQLite's integrity check of the file, as "VALUE CHECK", the way a new
+// process sees them (the store's error when it does not open).
+inline tk_string fresh_look(const tk_string& path, const tk_string& leaf) {
+    toolkit::CCdsStore store;
+    if (store.open(path) != 0)
+        return store.error();
+    api_status_t status = 0;
+    toolkit::CElement value;
+    element_property_t source = 0;
+    store.cds().get_leaf(leaf, status, value, source);
+    sqlite3* db = nullptr;
+    tk_string check;
+    if (sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READONLY, nullptr) == SQLITE_OK)
+        sqlite3_exec(
+            db, "PRAGMA integrity_check",
+            [](void* out, int, char** row, char**) {
+                *static_cast<tk_string*>(out) += row[0] ? row[0] : "NULL";
+                return 0;
+            },
+            &check, nullptr);
+    sqlite3_close(db);
+    return value.str() + " " + check;
 }
 
 inline bool has_text(const tk_string& text, const tk_string& part) {
