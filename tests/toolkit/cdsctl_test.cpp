@@ -255,6 +255,9 @@ BOOST_AUTO_TEST_CASE(command_line_errors_and_help) {
     for (const char* cmd : {"init", "load", "dump", "get", "set", "ls", "rm", "event", "events",
                             "watchdog", "CDS_STORE"})
         BOOST_TEST(has_text(r.out, cmd), cmd);
+    r = run_cdsctl(dir, {"-v"});
+    BOOST_TEST(r.status == 0);
+    BOOST_TEST(has_text(r.out, "cdsctl: version "), r.out);
     r = run_cdsctl(dir, {"load", "--help"});
     BOOST_TEST(r.status == 0);
     BOOST_TEST(has_text(r.out, "$type"));

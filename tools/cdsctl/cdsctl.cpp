@@ -22,6 +22,7 @@ namespace {
 
 const char k_usage[] =
     "Usage: cdsctl [--store FILE] [--log FILE] COMMAND [ARGS...]\n"
+    "       cdsctl --version\n"
     "\n"
     "Reads and changes the data store, a SQLite file that the device's processes share.\n"
     "The store is FILE, else $CDS_STORE, else /var/lib/cds/store.db. Events live in the\n"
@@ -294,6 +295,10 @@ int CCdsctl::run(const std::vector<tk_string>& args) {
                 std::printf("  %-10s %s\n", c.name, c.summary);
             }
             std::printf("%s", k_usage_end);
+            return 0;
+        }
+        if (a == "-v" || a == "--version") {
+            std::printf("cdsctl: version %s\n", MB_VERSION);
             return 0;
         }
         if ((a == "--store" || a == "-s" || a == "--log") && i + 1 < args.size()) {
