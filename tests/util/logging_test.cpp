@@ -93,8 +93,24 @@ BOOST_AUTO_TEST_CASE(gate) {
     BOOST_TEST(text.find("level one") == std::string::npos);
     BOOST_TEST(text.find("negative") == std::string::npos);
     BOOST_TEST(text.find("debug zero") != std::string::npos);
-    // Errors carry the caller's function name.
-    BOOST_TEST(text.find("gate::test_method()") != std::string::npos);
+    // Errors carry the caller's function name, qualified, without return type or parameters.
+    BOOST_TEST(text.find("gate::test_method: level zero 1") != std::string::npos, text);
+}
+
+BOOST_AUTO_TEST_CASE(function_names_are_shortened) {
+    CLogStateGuard guard;
+    thread_log().update_options(false, true, false, nullptr);
+    CStderrCapture capture;
+    toolkit::CSysLog& log = thread_log();
+    log.err(0, "static std::map<int, std::pair<int, int> > N::C<T (*)(int)>::f(const int&) const",
+            "one");
+    log.err(0, "CThreadBase::start()::<lambda()>", "two");
+    log.err(0, "CModbusSettings", "three");
+    const std::vector<std::string> lines = messages(capture.text());
+    BOOST_REQUIRE(lines.size() == 3u);
+    BOOST_TEST(lines[0].find("N::C<T (*)(int)>::f: one") != std::string::npos, lines[0]);
+    BOOST_TEST(lines[1].find("CThreadBase::start: two") != std::string::npos, lines[1]);
+    BOOST_TEST(lines[2].find("CModbusSettings: three") != std::string::npos, lines[2]);
 }
 
 BOOST_AUTO_TEST_CASE(trace_threshold) {

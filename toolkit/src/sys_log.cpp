@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <string>
 #include <sys/time.h>
 #include <syslog.h>
 #include <unistd.h>
@@ -71,6 +72,29 @@ TK_SYSLOG_METHOD(info, kind_t::info)
 TK_SYSLOG_METHOD(debug, kind_t::debug)
 #undef TK_SYSLOG_METHOD
 
+namespace {
+
+// "Class::function" out of a compiler's full signature ("static void Class::function(int)"):
+// the qualified name before the parameter list, without the return type. Angle brackets
+// are skipped whole, since template arguments hold blanks and parentheses of their own.
+std::string short_name(const char* signature) {
+    const char* start = signature;
+    int depth = 0;
+    for (const char* p = signature; *p; ++p) {
+        if (*p == '<')
+            ++depth;
+        else if (*p == '>' && depth > 0)
+            --depth;
+        else if (depth == 0 && *p == ' ')
+            start = p + 1;
+        else if (depth == 0 && *p == '(' && p > start)
+            return std::string(start, p);
+    }
+    return signature;
+}
+
+} // namespace
+
 void CSysLog::vlog(kind_t kind, unsigned level, const char* function, const char* fmt, va_list ap) {
     if (kind == kind_t::error)
         ++_errors;
@@ -79,7 +103,7 @@ void CSysLog::vlog(kind_t kind, unsigned level, const char* function, const char
     char text[4096];
     int n = 0;
     if (function)
-        n = std::snprintf(text, sizeof text, "[%u] %s: ", level, function);
+        n = std::snprintf(text, sizeof text, "[%u] %s: ", level, short_name(function).c_str());
     else
         n = std::snprintf(text, sizeof text, "[%u] ", level);
     if (n < 0 || static_cast<size_t>(n) >= sizeof text)
