@@ -116,6 +116,14 @@ BOOST_AUTO_TEST_CASE(malformed_json_writes_nothing) {
         const char* message;
     } cases[] = {
         {nested, "nesting deeper than 64 levels"},
+        // A flat path just as deep: its tree dump could not be loaded back.
+        {"{\"" + [] {
+             tk_string p;
+             for (int i = 0; i < 65; ++i)
+                 p += "//x";
+             return p;
+         }() + "\": 1}",
+         "nesting deeper than 64 levels"},
         {"{\"/A/B\":\n 1e400}", ":2:2: number overflow parsing '1e400'"},
         {"{\"a\": -1e400}", ":1:7: number overflow"},
         {"{\"a\": {\"$type\": \"bool\", \"$value\": 2}}", "/a: '2' is not a bool"},

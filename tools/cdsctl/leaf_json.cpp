@@ -170,6 +170,14 @@ bool CLeafJson::check_value(const CLeafInfo& leaf, tk_string& error) {
     return false;
 }
 
+// The names in a path; repeated slashes count as one.
+size_t CLeafJson::levels(const tk_string& path) {
+    size_t n = 0;
+    for (size_t i = 0; i < path.size(); ++i)
+        n += path[i] != '/' && (i == 0 || path[i - 1] == '/');
+    return n;
+}
+
 void CLeafJson::read_tree(const tk_string& node, const json& object, size_t depth,
                           std::vector<CLeafInfo>& leaves, tk_string& error) {
     if (depth > k_max_depth) {
@@ -212,6 +220,13 @@ bool CLeafJson::from_json(const json& doc, std::vector<CLeafInfo>& leaves, tk_st
     for (auto it = doc.begin(); it != doc.end(); ++it) {
         if (it.key().empty() || it.key()[0] != '/') {
             error = "\"" + it.key() + "\": a map of paths needs absolute paths throughout";
+            return false;
+        }
+        // The same limit as the tree form, so that every store loaded can be dumped as a
+        // tree and loaded back.
+        if (levels(it.key()) > k_max_depth) {
+            error = it.key().substr(0, 200) + "...: nesting deeper than " +
+                    std::to_string(k_max_depth) + " levels";
             return false;
         }
         leaves.emplace_back();

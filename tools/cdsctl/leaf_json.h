@@ -46,6 +46,7 @@ public:
 private:
     static bool read_leaf(const tk_string& path, const nlohmann::json& value,
                           toolkit::CLeafInfo& leaf, tk_string& error);
+    static size_t levels(const tk_string& path);
     static void read_tree(const tk_string& node, const nlohmann::json& object, size_t depth,
                           std::vector<toolkit::CLeafInfo>& leaves, tk_string& error);
 };
