@@ -150,6 +150,31 @@ std::vector<toolkit::CElement> CCdsHandle::get_vals(const std::vector<tk_string>
     return values;
 }
 
+void CCdsHandle::bind(const toolkit::CLeafTable& table) {
+    check();
+    _cds->bind(table);
+}
+
+int CCdsHandle::read(const toolkit::leaf_id_t* ids, size_t n, const toolkit::CLeafValue** out,
+                     bool wait) {
+    check();
+    const int rc = _cds->read(ids, n, out, wait);
+    report_file();
+    return rc;
+}
+
+int CCdsHandle::write(const toolkit::leaf_id_t* ids, const toolkit::CElement* values, size_t n,
+                      api_status_t* statuses) {
+    check();
+    const int rc = _cds->write(ids, values, n, statuses);
+    report_file();
+    return rc;
+}
+
+tk_string CCdsHandle::error() const {
+    return _cds->error();
+}
+
 void CCdsHandle::watchdog_register(unsigned int timeout) {
     LOG_STACK();
     check();

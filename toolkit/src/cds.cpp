@@ -2,6 +2,8 @@
 
 #include "store_connection.h"
 
+#include <algorithm>
+
 namespace toolkit {
 
 namespace {
@@ -62,6 +64,25 @@ int CCds::set_leaves(const std::vector<tk_string>& paths, const std::vector<CEle
         return -1;
     }
     return _handle->set(paths, values, statuses, source);
+}
+
+static_assert(CCds::busy == SQLITE_BUSY, "CCds::busy is SQLite's code");
+
+void CCds::bind(const CLeafTable& table) {
+    if (_handle)
+        _handle->bind(table);
+}
+
+int CCds::read(const leaf_id_t* ids, size_t n, const CLeafValue** out, bool wait) {
+    return _handle ? _handle->read(ids, n, out, wait) : -1;
+}
+
+int CCds::write(const leaf_id_t* ids, const CElement* values, size_t n, api_status_t* statuses) {
+    if (!_handle) {
+        std::fill(statuses, statuses + n, API_STATUS_FAILURE);
+        return -1;
+    }
+    return _handle->write(ids, values, n, statuses);
 }
 
 void CCds::setReadOnly() {

@@ -184,7 +184,16 @@ bool CStoreConnection::open(const tk_string& path, tk_string& error) {
     }
     _path = path;
     _next_check = std::chrono::steady_clock::now() + k_read_check_interval;
+    open_counter();
     return true;
+}
+
+void CStoreConnection::open_counter() {
+    _changes_seen = false;
+    tk_string why;
+    if (!_changes.open(_path, why))
+        _notice += (_notice.empty() ? tk_string() : tk_string("; ")) + why +
+                   "; reads ask the store every time";
 }
 
 void CStoreConnection::prepare_statements() {
@@ -217,7 +226,8 @@ void CStoreConnection::close_file() {
                                 &_next_from, &_insert_leaf, &_watchdog_set, &_watchdog_ping})
         s->finalize();
     _db.close();
-    _cache.clear();
+    _changes.close();
+    drop_caches();
     _cache_version = -1;
     _cache_seq = -1;
     _cache_generation = -1;
@@ -229,8 +239,18 @@ bool CStoreConnection::check_file(bool throttled) {
         return true;
     _next_check = now + k_read_check_interval;
     tk_string why;
-    if (!_lost && _db.same_file(why))
+    if (!_lost && _db.same_file(why)) {
+        if (!_changes.current()) {
+            const bool was_open = _changes.is_open();
+            _changes.close();
+            // Said once: a folder that stays read-only would say it every check.
+            const tk_string notice = _notice;
+            open_counter();
+            if (!was_open)
+                _notice = notice;
+        }
         return true;
+    }
     if (!_lost) {
         // The -wal file beside the path still holds this file's latest commits, and whoever
         // opens the new file would read them as its own pages: move them into the old file
@@ -271,7 +291,7 @@ int64_t CStoreConnection::data_version() {
     return _data_version.column_int(0);
 }
 
-void CStoreConnection::read_entry(const tk_string& path, cache_entry_t& entry) {
+void CStoreConnection::read_entry(const tk_string& path, CLeafValue& entry) {
     if (is_children_path(path))
         read_children(path.size() == k_children_len ? tk_string("/")
                                                     : path.substr(0, path.size() - k_children_len),
@@ -280,7 +300,7 @@ void CStoreConnection::read_entry(const tk_string& path, cache_entry_t& entry) {
         read_leaf(path, entry);
 }
 
-void CStoreConnection::read_leaf(const tk_string& path, cache_entry_t& entry) {
+void CStoreConnection::read_leaf(const tk_string& path, CLeafValue& entry) {
     CStatementScope scope(_select_leaf);
     _select_leaf.bind(1, path);
     entry.value = CElement();
@@ -330,7 +350,7 @@ void CStoreConnection::child_names(const tk_string& node,
     names.erase(std::unique(names.begin(), names.end(), same), names.end());
 }
 
-void CStoreConnection::read_children(const tk_string& node, cache_entry_t& entry) {
+void CStoreConnection::read_children(const tk_string& node, CLeafValue& entry) {
     std::vector<std::pair<tk_string, bool>> names;
     child_names(node, names);
     entry.source = 0;
@@ -374,7 +394,7 @@ void CStoreConnection::sync_cache() {
         generation = _select_changes.column_int(1);
     }
     if (generation != _cache_generation || seq < _cache_seq) {
-        _cache.clear();
+        drop_caches();
     } else if (seq != _cache_seq) {
         std::vector<tk_string> changed;
         CStatementScope scope(_changed_since);
@@ -383,10 +403,10 @@ void CStoreConnection::sync_cache() {
         while (_changed_since.step())
             changed.push_back(_changed_since.column_text(0));
         if (static_cast<int64_t>(changed.size()) > k_sync_limit)
-            _cache.clear();
+            drop_caches();
         else
             for (const tk_string& path : changed)
-                _cache.erase(path);
+                forget(path);
     }
     _cache_seq = seq;
     _cache_generation = generation;
@@ -420,7 +440,7 @@ int CStoreConnection::get(const std::vector<tk_string>& paths, std::vector<api_s
             const tk_string& path = normal_path(paths[i], _scratch);
             auto it = _cache.find(path);
             if (it == _cache.end()) {
-                it = _cache.emplace(path, cache_entry_t()).first;
+                it = _cache.emplace(path, CLeafValue()).first;
                 read_entry(path, it->second);
             }
             statuses[i] = it->second.status;
@@ -437,23 +457,135 @@ int CStoreConnection::get(const std::vector<tk_string>& paths, std::vector<api_s
     }
 }
 
+void CStoreConnection::forget(const tk_string& path) {
+    _cache.erase(path);
+    leaf_id_t id;
+    if (_table && _table->find(path, id) && id < _leaves.size())
+        _leaves[id].valid = false;
+}
+
+void CStoreConnection::drop_caches() {
+    _cache.clear();
+    for (leaf_slot_t& slot : _leaves)
+        slot.valid = false;
+}
+
+void CStoreConnection::bind(const CLeafTable& table) {
+    if (&table != _table) {
+        _leaves.clear();
+        _table = &table;
+    }
+    _leaves.resize(table.size());
+}
+
+bool CStoreConnection::check_ids(const char* what, const leaf_id_t* ids, size_t n) {
+    if (!_table) {
+        _error = tk_string(what) + ": no leaf table is bound";
+        return false;
+    }
+    for (size_t i = 0; i < n; ++i)
+        if (ids[i] >= _table->size()) {
+            _error = tk_string(what) + ": leaf id " + std::to_string(ids[i]) +
+                     " is not in the bound table of " + std::to_string(_table->size()) + " leaves";
+            return false;
+        }
+    // The table may have grown since it was bound.
+    if (_leaves.size() < _table->size())
+        _leaves.resize(_table->size());
+    return true;
+}
+
+int CStoreConnection::read_synced(const leaf_id_t* ids, size_t n, const CLeafValue** out,
+                                  bool wait) {
+    if (!check_ids("read", ids, n) || !check_file(true))
+        return -1;
+    if (!wait)
+        set_busy_wait(_db, false);
+    const int rc = read_ids(ids, n, out);
+    if (!wait)
+        set_busy_wait(_db, true);
+    return rc;
+}
+
+int CStoreConnection::read_ids(const leaf_id_t* ids, size_t n, const CLeafValue** out) {
+    // Loaded before the transaction: a writer that commits after the snapshot bumps the
+    // counter later still, so the next read sees a word other than this one.
+    const bool counted = _changes.is_open();
+    const uint32_t word = _changes.load();
+    _changes_seen = false;
+    try {
+        // Without a counter, as path reads do: one autocommit statement first.
+        if (!counted && data_version() == _cache_version && serve_ids(ids, n, out))
+            return 0;
+        CSqliteTransaction txn(_db, false);
+        const int64_t version = data_version();
+        if (version != _cache_version) {
+            sync_cache();
+            _cache_version = version;
+        }
+        for (size_t i = 0; i < n; ++i) {
+            leaf_slot_t& slot = _leaves[ids[i]];
+            if (!slot.valid) {
+                read_entry(_table->path(ids[i]), slot.leaf);
+                slot.valid = true;
+            }
+            out[i] = &slot.leaf;
+        }
+        txn.commit();
+        _seen_changes = word;
+        _changes_seen = counted;
+        return 0;
+    } catch (const CSqliteError& e) {
+        // Busy means the snapshot was never taken, so the caches still hold.
+        if ((e.code() & 0xff) == SQLITE_BUSY) {
+            _error = "data store '" + _path + "' is locked: " + e.what();
+            return SQLITE_BUSY;
+        }
+        drop_caches();
+        _cache_version = -1;
+        return fail(e);
+    }
+}
+
+int CStoreConnection::write(const leaf_id_t* ids, const CElement* values, size_t n,
+                            api_status_t* statuses) {
+    if (!check_ids("write", ids, n)) {
+        std::fill(statuses, statuses + n, API_STATUS_FAILURE);
+        return -1;
+    }
+    std::vector<const tk_string*> paths(n);
+    for (size_t i = 0; i < n; ++i)
+        paths[i] = &_table->path(ids[i]);
+    return write_leaves(paths.data(), values, n, statuses, tk_string());
+}
+
 int CStoreConnection::set(const std::vector<tk_string>& paths, const std::vector<CElement>& values,
                           std::vector<api_status_t>& statuses, const tk_string& writer) {
     const size_t n = paths.size();
-    if (n == 0) {
-        statuses.clear();
-        return 0;
-    }
-    if (_read_only) {
-        statuses.assign(n, API_STATUS_READ_ONLY);
-        return 0;
-    }
     statuses.assign(n, API_STATUS_FAILURE);
-    if (values.size() != n) {
+    if (values.size() != n && !_read_only) {
         _error = "set_leaves: " + std::to_string(n) + " paths but " +
                  std::to_string(values.size()) + " values";
         return -1;
     }
+    std::vector<tk_string> normal(n);
+    std::vector<const tk_string*> pointers(n);
+    for (size_t i = 0; i < n; ++i) {
+        normal[i] = normal_path(paths[i], _scratch);
+        pointers[i] = &normal[i];
+    }
+    return write_leaves(pointers.data(), values.data(), n, statuses.data(), writer);
+}
+
+int CStoreConnection::write_leaves(const tk_string* const* paths, const CElement* values, size_t n,
+                                   api_status_t* statuses, const tk_string& writer) {
+    if (n == 0)
+        return 0;
+    if (_read_only) {
+        std::fill(statuses, statuses + n, API_STATUS_READ_ONLY);
+        return 0;
+    }
+    std::fill(statuses, statuses + n, API_STATUS_FAILURE);
     if (!check_file(false))
         return -1;
     try {
@@ -470,7 +602,7 @@ int CStoreConnection::set(const std::vector<tk_string>& paths, const std::vector
             seq = _select_changes.column_int(0);
         }
         for (size_t i = 0; i < n; ++i) {
-            const tk_string& path = normal_path(paths[i], _scratch);
+            const tk_string& path = *paths[i];
             if (is_children_path(path)) {
                 result[i] = API_STATUS_NOT_FOUND;
                 continue;
@@ -504,10 +636,11 @@ int CStoreConnection::set(const std::vector<tk_string>& paths, const std::vector
             result[i] = API_STATUS_OK;
         }
         txn.commit();
+        _changes.bump();
         for (size_t i = 0; i < n; ++i)
             if (result[i] == API_STATUS_OK)
-                _cache.erase(normal_path(paths[i], _scratch));
-        statuses.swap(result);
+                forget(*paths[i]);
+        std::copy(result.begin(), result.end(), statuses);
         return 0;
     } catch (const CSqliteError& e) {
         return fail(e);
@@ -639,7 +772,8 @@ int CStoreConnection::define(const std::vector<CLeafInfo>& leaves, bool replace_
             _insert_leaf.step();
         }
         txn.commit();
-        _cache.clear();
+        _changes.bump();
+        drop_caches();
         return 0;
     } catch (const CSqliteError& e) {
         return fail(e);
@@ -676,7 +810,8 @@ int CStoreConnection::remove(const tk_string& path, bool recursive, size_t& remo
             return -1;
         }
         txn.commit();
-        _cache.clear();
+        _changes.bump();
+        drop_caches();
         return 0;
     } catch (const CSqliteError& e) {
         return fail(e);

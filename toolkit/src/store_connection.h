@@ -7,14 +7,30 @@
 // tells which leaves were written since (or that the cache must go). So a read never
 // returns a value older than the last commit.
 //
+// Reads by leaf id (bind, read) keep a second cache, an array indexed by id, and skip even
+// data_version: every writer using this library bumps the change counter beside the store
+// (CChangeCounter) after it commits, so while the counter holds the word seen at the last
+// sync, the cached leaves are current and a read is a few memory loads. The counter word is
+// loaded before the read transaction that syncs, so a commit that transaction missed is
+// seen at the next read. Fallbacks:
+// - no counter (a read-only folder, a failed mmap): every id read asks data_version, as
+//   path reads do;
+// - writers that do not use this library (the sqlite3 shell), or a writer killed between
+//   its commit and its bump: seen at the next periodic check, since id reads ask
+//   data_version at least once per k_read_check_interval whatever the counter says;
+// - a store replaced or removed: the file check below, which also maps the counter again;
+//   a counter file removed or replaced on its own is mapped again at the periodic check.
+//
 // The store file may be replaced under a running process (a new file renamed over it) or
 // removed. Every write first checks that the path still names the open file: a replaced
 // file is reopened and written, a removed one refuses the write. Reads check at most once per
 // k_read_check_interval, so a read costs a clock read rather than a stat(2); values
 // from a replaced file are served for at most that long.
+#include "change_counter.h"
 #include "sqlite_db.h"
 #include "toolkit/cds_store.h"
 #include "toolkit/kvr.h"
+#include "toolkit/leaf_table.h"
 
 #include <chrono>
 #include <unordered_map>
@@ -34,6 +50,16 @@ public:
             std::vector<CElement>& values, std::vector<element_property_t>& sources);
     int set(const std::vector<tk_string>& paths, const std::vector<CElement>& values,
             std::vector<api_status_t>& statuses, const tk_string& writer);
+    // Reading and writing by leaf id: see CCds.
+    void bind(const CLeafTable& table);
+    int read(const leaf_id_t* ids, size_t n, const CLeafValue** out, bool wait) {
+        // The fast path, inline: no system call, no allocation, no SQLite call.
+        if (_changes_seen && !_lost && _changes.load() == _seen_changes &&
+            std::chrono::steady_clock::now() < _next_check && serve_ids(ids, n, out))
+            return 0;
+        return read_synced(ids, n, out, wait);
+    }
+    int write(const leaf_id_t* ids, const CElement* values, size_t n, api_status_t* statuses);
     void set_read_only() { _read_only = true; }
     bool read_only() const { return _read_only; }
     int watchdog_register(api_status_t& status, const tk_string& ident, unsigned int timeout,
@@ -50,10 +76,9 @@ public:
     static const tk_string& normal_path(const tk_string& path, tk_string& scratch);
 
 private:
-    struct cache_entry_t {
-        api_status_t status = API_STATUS_NONE;
-        CElement value;
-        element_property_t source = 0;
+    struct leaf_slot_t {
+        CLeafValue leaf;
+        bool valid = false;
     };
     // Bounds the memory a long-running reader spends on the cache.
     static const size_t k_cache_limit = 32768;
@@ -73,10 +98,28 @@ private:
     int64_t data_version();
     bool serve_from_cache(const std::vector<tk_string>& paths, std::vector<api_status_t>& statuses,
                           std::vector<CElement>& values, std::vector<element_property_t>& sources);
+    bool serve_ids(const leaf_id_t* ids, size_t n, const CLeafValue** out) {
+        for (size_t i = 0; i < n; ++i) {
+            if (ids[i] >= _leaves.size() || !_leaves[ids[i]].valid)
+                return false;
+            out[i] = &_leaves[ids[i]].leaf;
+        }
+        return true;
+    }
+    int read_synced(const leaf_id_t* ids, size_t n, const CLeafValue** out, bool wait);
+    int read_ids(const leaf_id_t* ids, size_t n, const CLeafValue** out);
+    bool check_ids(const char* what, const leaf_id_t* ids, size_t n);
+    // Writes normal paths in one transaction, as set() promises.
+    int write_leaves(const tk_string* const* paths, const CElement* values, size_t n,
+                     api_status_t* statuses, const tk_string& writer);
+    // Drops the entries of a leaf that has changed, in both caches.
+    void forget(const tk_string& path);
+    void drop_caches();
+    void open_counter();
     void sync_cache();
-    void read_entry(const tk_string& path, cache_entry_t& entry);
-    void read_leaf(const tk_string& path, cache_entry_t& entry);
-    void read_children(const tk_string& node, cache_entry_t& entry);
+    void read_entry(const tk_string& path, CLeafValue& entry);
+    void read_leaf(const tk_string& path, CLeafValue& entry);
+    void read_children(const tk_string& node, CLeafValue& entry);
     void child_names(const tk_string& node, std::vector<std::pair<tk_string, bool>>& names);
     bool leaf_exists(const tk_string& path);
     bool first_below(const tk_string& node, tk_string& found);
@@ -104,7 +147,14 @@ private:
     CSqliteStatement _watchdog_set;
     CSqliteStatement _watchdog_ping;
 
-    std::unordered_map<tk_string, cache_entry_t> _cache;
+    std::unordered_map<tk_string, CLeafValue> _cache;
+    // The id cache, parallel to the bound table.
+    const CLeafTable* _table = nullptr;
+    std::vector<leaf_slot_t> _leaves;
+    CChangeCounter _changes;
+    // The counter word loaded before the last sync; valid while _changes_seen.
+    uint32_t _seen_changes = 0;
+    bool _changes_seen = false;
     int64_t _cache_version = -1;
     int64_t _cache_seq = -1;
     int64_t _cache_generation = -1;

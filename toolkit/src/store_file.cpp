@@ -89,6 +89,10 @@ void configure(CSqliteDb& db) {
 
 } // namespace
 
+void set_busy_wait(CSqliteDb& db, bool wait) {
+    sqlite3_busy_handler(db.get(), wait ? &busy_wait : nullptr, nullptr);
+}
+
 bool open_store_file(CSqliteDb& db, const tk_string& path, tk_string& error) {
     // SQLite only says "unable to open database file"; the system's reason is clearer.
     struct stat st;

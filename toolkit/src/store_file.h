@@ -18,6 +18,10 @@ bool open_store_file(CSqliteDb& db, const tk_string& path, tk_string& error);
 // Creates a new store file (which must not exist yet) holding the empty schema.
 bool create_store_file(CSqliteDb& db, const tk_string& path, tk_string& error);
 
+// Whether a statement that finds the store locked waits (up to k_busy_timeout_ms) or fails
+// at once with SQLITE_BUSY. Connections wait unless told otherwise.
+void set_busy_wait(CSqliteDb& db, bool wait);
+
 // Sets what kvr_last_error() returns in the calling thread.
 void set_last_error(const tk_string& text);
 

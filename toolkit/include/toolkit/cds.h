@@ -9,6 +9,7 @@
 // time, then fails. A connection is used by one thread at a time.
 #include "toolkit/element.h"
 #include "toolkit/kvr.h"
+#include "toolkit/leaf_table.h"
 
 #include <vector>
 
@@ -41,6 +42,24 @@ public:
     int set_leaves(const std::vector<tk_string>& paths, const std::vector<CElement>& values,
                    const std::vector<kvr_tribool_t>& flags, std::vector<api_status_t>& statuses,
                    const tk_string& source);
+
+    // What read() returns when the store is locked and it was told not to wait (SQLITE_BUSY).
+    static constexpr int busy = 5;
+
+    // Leaves of `table` can from now on be read and written by id. The table must outlive
+    // the connection (or the next bind); it may have grown since an earlier bind (call bind
+    // again).
+    void bind(const CLeafTable& table);
+    // Reads ids[0..n) as one consistent snapshot and points out[i] at each leaf's cached
+    // entry, valid until the next call on this connection. Returns 0; busy when wait is
+    // false and the store is locked (nothing read, returns at once); another non-zero code
+    // when the store failed (error() says why). While no writer has committed since the
+    // last read, a read makes no system call, allocation or SQLite call; writers that
+    // bypass this library are seen within half a second.
+    int read(const leaf_id_t* ids, size_t n, const CLeafValue** out, bool wait);
+    // Writes values to the leaves in one transaction, with the per-leaf statuses, the type
+    // conversion, read-only rule and stamping of set_leaves; returns as set_leaves.
+    int write(const leaf_id_t* ids, const CElement* values, size_t n, api_status_t* statuses);
 
     // From now on every write fails with API_STATUS_READ_ONLY and changes nothing.
     void setReadOnly();
