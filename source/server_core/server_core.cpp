@@ -154,6 +154,14 @@ void CServerCore::start_up(int argc, const char* const* argv) {
         throw init_err();
     }
     try {
+        _cds->bind(_cfg->leaves());
+        _reader.reset(new CCdsHandle);
+        _reader->bind(_cfg->leaves());
+    } catch (const generic_err&) {
+        LOG_THREAD(err, 0, "Couldn't connect to CDS");
+        throw init_err();
+    }
+    try {
         _ev_queue.reset(new CEventQueue(static_cast<unsigned>(_cfg->max_event_index() + 1),
                                         _options->event_log()));
     } catch (const generic_err&) {
@@ -257,14 +265,17 @@ tk_string CServerCore::add_transports(CIoManager& manager) {
     assert(_settings);
     assert(_cfg);
     const uint32_t port = _settings->tcp().port();
-    const CModbusTcpProtocolHandler tcp_prototype(nullptr);
+    _services.config = _cfg.get();
+    _services.reader = _reader.get();
+    _services.submit = [this](cmd_ptr_t cmd) { add_cds_cmd(std::move(cmd), false); };
+    const CModbusTcpProtocolHandler tcp_prototype(nullptr, _services);
     manager.add(CTcpListener::create(manager, tcp_prototype, static_cast<uint16_t>(port)));
     tk_string summary = "Serving Modbus TCP on port " + std::to_string(port) + " (units " +
                         id_list(_cfg->tcp_units(), [](const auto& unit) { return unit.first; }) +
                         ")";
 
     using C = CSerialConnection;
-    const CModbusSerialProtocolHandler serial_prototype(nullptr);
+    const CModbusSerialProtocolHandler serial_prototype(nullptr, _services);
     for (const auto& iface : _settings->serial().interfaces()) {
         auto conn = C::create(manager, serial_prototype, iface.serial_port(), iface.number());
         if (!conn->is_open())
@@ -348,6 +359,7 @@ void CServerCore::shutdown() {
         _cds_thread->stop(5);
         _cds_thread.reset();
     }
+    _reader.reset();
     _cds.reset();
     LOG_INFO(SS_DEFAULT, 3, "Server core shutdown complete.");
 }

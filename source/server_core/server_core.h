@@ -8,6 +8,7 @@
 //
 // It is also the hub through which request handlers and the watchdog reach the registry,
 // the event queue and the CDS thread; those services are for the I/O thread only.
+#include "modbus/protocol/modbus_services.h"
 #include "threads/commands/thread_command.h"
 #include "toolkit/tk_string.h"
 #include "util/generic_err.h"
@@ -66,6 +67,9 @@ private:
     std::unique_ptr<CServerOptions> _options;
     std::unique_ptr<CThreadBase> _cds_thread;
     std::shared_ptr<CCdsHandle> _cds;
+    // The I/O thread's own store connection: requests read through it without a thread hop.
+    std::unique_ptr<CCdsHandle> _reader;
+    CModbusServices _services;
     std::unique_ptr<CModbusSettings> _settings;
     std::shared_ptr<CModbusConfig> _cfg;
     std::unique_ptr<CEventQueue> _ev_queue;

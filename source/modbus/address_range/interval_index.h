@@ -89,17 +89,23 @@ public:
 
     // Every entry that shares an address with r (r.first <= r.second).
     iterrange_t overlapping(const CAddressRange& r) const {
-        assert(r.first <= r.second);
+        const std::pair<size_t, size_t> s = slice(r);
         const value_type* const data = _entries.data();
+        return iterrange_t(const_iterator(data + s.first, data + s.second, r.first),
+                           const_iterator(data + s.second, data + s.second, r.first));
+    }
+
+    // The positions [first, second) of entries() that overlapping(r) walks, including the
+    // nested entries it steps over (those that end before r.first).
+    std::pair<size_t, size_t> slice(const CAddressRange& r) const {
+        assert(r.first <= r.second);
         const auto hi =
             std::partition_point(_entries.begin(), _entries.end(),
                                  [&](const value_type& e) { return e.first.first <= r.second; });
         const size_t nhi = static_cast<size_t>(hi - _entries.begin());
         const auto lo = std::partition_point(_max_last.begin(), _max_last.begin() + nhi,
                                              [&](regaddr_t last) { return last < r.first; });
-        const size_t nlo = static_cast<size_t>(lo - _max_last.begin());
-        return iterrange_t(const_iterator(data + nlo, data + nhi, r.first),
-                           const_iterator(data + nhi, data + nhi, r.first));
+        return std::make_pair(static_cast<size_t>(lo - _max_last.begin()), nhi);
     }
 
     // Every entry, in first-address order.

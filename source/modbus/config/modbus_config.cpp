@@ -57,6 +57,10 @@ CModbusConfig::CModbusConfig(const CModbusSettings& settings)
                                         settings.zero_fill()));
         }
     }
+    for (auto unit : _tcp_map)
+        unit.second->resolve(_leaves);
+    for (auto unit : _serial_map)
+        unit.second->resolve(_leaves);
 }
 
 void CModbusConfig::parse(const CModbusSettings& settings, eds_map_t& eds_map) {
@@ -124,10 +128,10 @@ size_t CModbusConfig::warn_missing_leaves(CCdsHandle& cds) const {
             const tk_string where = who + " in '" + _eds_names.at(eds.get()) + "'";
             const auto registers = eds->get_register_mappings(CAddressRange::all_addrs());
             for (auto it = registers.first; it != registers.second; ++it)
-                wanted.emplace(device.path() + it->second->path(), where);
+                wanted.emplace(device.path() + "/" + it->second->path(), where);
             const auto discretes = eds->get_discrete_mappings(CAddressRange::all_addrs());
             for (auto it = discretes.first; it != discretes.second; ++it)
-                wanted.emplace(device.path() + it->second->path(), where);
+                wanted.emplace(device.path() + "/" + it->second->path(), where);
         }
     };
     for (const auto& unit : _tcp_map)

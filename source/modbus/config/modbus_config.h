@@ -9,6 +9,7 @@
 // after construction, except for the units' dynamic configurations.
 #include "modbus/config/modbus_device_config.h"
 #include "modbus/config/modbus_settings.h"
+#include "toolkit/leaf_table.h"
 
 #include <boost/ptr_container/ptr_map.hpp>
 
@@ -44,6 +45,10 @@ public:
     // needs one slot more.
     size_t max_event_index() const { return _max_event_index; }
 
+    // Every leaf the units' mappings name, resolved when the units were built; the store
+    // connections that serve requests bind it.
+    const toolkit::CLeafTable& leaves() const { return _leaves; }
+
     size_t tcp_count() const { return _tcp_map.size(); }
     size_t serial_count() const { return _serial_map.size(); }
     // The units in key order, for start-up reports.
@@ -65,6 +70,7 @@ private:
     void parse(const CModbusSettings& settings, eds_map_t& eds_map);
     eds_mapvec_t lookup(const eds_map_t& eds_map, const std::vector<tk_string>& paths) const;
 
+    toolkit::CLeafTable _leaves;
     tcp_map_t _tcp_map;
     serial_map_t _serial_map;
     // The file each parsed mapping came from, for messages.

@@ -64,3 +64,15 @@ size_t CModbusDeviceConfig::mapping_count() const {
     }
     return count;
 }
+
+void CModbusDeviceConfig::resolve(toolkit::CLeafTable& table) {
+    std::vector<const CEdsMapping*> files;
+    for (const auto& eds : _eds)
+        files.push_back(eds.get());
+    _unit = std::make_unique<CUnitMap>(_path, files, table);
+}
+
+const CUnitMap& CModbusDeviceConfig::unit() const {
+    assert(_unit);
+    return *_unit;
+}

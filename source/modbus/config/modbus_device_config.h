@@ -4,6 +4,7 @@
 // same files, and the run-time attributes of its parameters. Builds the map list of every
 // request.
 #include "modbus/config/modbus_device_dynamic_config.h"
+#include "modbus/core/unit_map.h"
 #include "modbus/map/eds_mapping.h"
 #include "modbus/maplist/discrete_maplist.h"
 #include "modbus/maplist/register_maplist.h"
@@ -28,6 +29,11 @@ public:
     // nothing is mapped. The lists refer into this object and must not outlive it.
     std::unique_ptr<CDiscreteMaplist> get_discretes(const CAddressRange& r) const;
     std::unique_ptr<CRegisterMaplist> get_registers(const CAddressRange& r) const;
+    // Resolves the unit's leaves into table (once, when the registry is built).
+    void resolve(toolkit::CLeafTable& table);
+    // The resolved map that requests use; resolve() must have run.
+    const CUnitMap& unit() const;
+
     // An empty profile of the unit, for CProfileMaplist::build_profile to fill.
     std::unique_ptr<CProfileMaplist> get_profile() const;
 
@@ -45,4 +51,5 @@ private:
     eds_mapvec_t _eds;
     bool _zero_fill;
     std::unique_ptr<CModbusDeviceDynamicConfig> _dynamic;
+    std::unique_ptr<CUnitMap> _unit;
 };

@@ -20,14 +20,27 @@ void CModbusParamDynamicConfig::add_paths(const tk_string& param_path,
 }
 
 void CModbusParamDynamicConfig::update(const tk_string& param_path, const cds_leaf_set_t& leaves) {
+    const CCdsLeaf* writable = read_leaf(leaves, param_path + "/Writable");
+    const CCdsLeaf* units = read_leaf(leaves, param_path + "/Units");
+    take(writable ? &writable->_element : nullptr, units ? &units->_element : nullptr);
+}
+
+void CModbusParamDynamicConfig::update(const toolkit::CLeafValue& writable,
+                                       const toolkit::CLeafValue& units) {
+    const auto usable = [](const toolkit::CLeafValue& v) {
+        return v.status == API_STATUS_OK && v.value.has_value() ? &v.value : nullptr;
+    };
+    take(usable(writable), usable(units));
+}
+
+void CModbusParamDynamicConfig::take(const toolkit::CElement* writable,
+                                     const toolkit::CElement* units) {
     if (_updated)
         return;
-    if (const CCdsLeaf* writable = read_leaf(leaves, param_path + "/Writable")) {
-        if (writable->_element.is_bool())
-            _writable = writable->_element.to_bool();
-    }
-    if (const CCdsLeaf* units = read_leaf(leaves, param_path + "/Units")) {
-        const int u = kvr_units_str_to_enum(units->_element.str().c_str());
+    if (writable && writable->is_bool())
+        _writable = writable->to_bool();
+    if (units) {
+        const int u = kvr_units_str_to_enum(units->str().c_str());
         _units = u == KVR_UNITS_UNKNOWN ? KVR_UNITS_NONE : u;
     }
     _updated = true;

@@ -4,6 +4,7 @@
 // defaults apply (not writable, no units).
 #include "cds/cds_leaf.h"
 #include "toolkit/kvr.h"
+#include "toolkit/leaf_table.h"
 
 class CModbusParamDynamicConfig {
 public:
@@ -25,8 +26,12 @@ public:
     // sets writable, a "/Units" leaf the units (a text the store does not know gives none).
     // Missing or failed leaves keep the defaults. Later calls change nothing.
     void update(const tk_string& param_path, const cds_leaf_set_t& leaves);
+    // The same from the "/Writable" and "/Units" leaves as read by id.
+    void update(const toolkit::CLeafValue& writable, const toolkit::CLeafValue& units);
 
 private:
+    void take(const toolkit::CElement* writable, const toolkit::CElement* units);
+
     bool _updated = false;
     bool _writable = false;
     int _units = KVR_UNITS_NONE;

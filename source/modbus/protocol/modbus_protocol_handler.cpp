@@ -1,83 +1,127 @@
 #include "modbus/protocol/modbus_protocol_handler.h"
 
+#include "cds/cds_handle.h"
 #include "io/io_messenger.h"
 #include "io/io_timer.h"
-#include "modbus/protocol/functions/modbus_read_discretes.h"
-#include "modbus/protocol/functions/modbus_read_registers.h"
-#include "modbus/protocol/functions/modbus_write_discretes.h"
-#include "modbus/protocol/functions/modbus_write_registers.h"
+#include "modbus/config/modbus_device_config.h"
+#include "threads/cds/commands/thread_cds_request.h"
+#include "util/cast.h"
 #include "util/log.h"
+
+#include "toolkit/cds.h"
 
 #include <cassert>
 
-CModbusProtocolHandler::CModbusProtocolHandler(CIoMessenger* messenger)
-    : CProtocolHandler(messenger) {}
+CModbusProtocolHandler::CModbusProtocolHandler(CIoMessenger* messenger,
+                                               const CModbusServices& services)
+    : CProtocolHandler(messenger), _services(services) {}
 
 CModbusProtocolHandler::~CModbusProtocolHandler() {
-    drop_timer();
-}
-
-void CModbusProtocolHandler::handle_request(CModbusPdu& pdu, CModbusDeviceConfig& device) {
-    LOG_STACK();
-    switch (pdu.function) {
-    case 0x01:
-    case 0x02:
-        _function = CModbusReadDiscretes::create(*this, pdu, device);
-        break;
-    case 0x03:
-    case 0x04:
-        _function = CModbusReadRegisters::create(*this, pdu, device);
-        break;
-    case 0x05:
-    case 0x0F:
-        _function = CModbusWriteDiscretes::create(*this, pdu, device);
-        break;
-    case 0x06:
-    case 0x10:
-        _function = CModbusWriteRegisters::create(*this, pdu, device);
-        break;
-    default:
-        err(MB_ILLEGAL_FUNCTION);
-        return;
-    }
-    _function->execute();
-}
-
-bool CModbusProtocolHandler::verify_pdu_length(const CModbusPdu& pdu) {
-    switch (pdu.function) {
-    case 0x01:
-    case 0x02:
-        return CModbusReadDiscretes::verify_length(pdu);
-    case 0x03:
-    case 0x04:
-        return CModbusReadRegisters::verify_length(pdu);
-    case 0x05:
-    case 0x0F:
-        return CModbusWriteDiscretes::verify_length(pdu);
-    case 0x06:
-    case 0x10:
-        return CModbusWriteRegisters::verify_length(pdu);
-    default:
-        return true;
-    }
-}
-
-void CModbusProtocolHandler::start_timer(unsigned int timeout_ms) {
-    drop_timer();
-    if (timeout_ms == 0)
-        return;
-    assert(_messenger != nullptr);
-    const size_t period = static_cast<size_t>(timeout_ms) * 1000u;
-    _timer = CIoTimer::create(*_messenger, period);
-    _timer->reset();
-}
-
-void CModbusProtocolHandler::drop_timer() {
     if (_timer) {
         _timer->assign(nullptr);
         _timer->cancel();
-        _timer.reset();
     }
+}
+
+void CModbusProtocolHandler::handle_request(CModbusPdu& pdu, const CModbusDeviceConfig& device) {
+    _function = CModbusFunction::find(pdu.function);
+    if (_function == nullptr) {
+        err(MB_ILLEGAL_FUNCTION);
+        return;
+    }
+    _request.clear();
+    _request.pdu = &pdu;
+    _request.unit = &device.unit();
+    _request.zero_fill = device.zero_fill();
+    const modbus_err_t e = _function->plan(_request);
+    if (e != MB_NO_ERROR) {
+        err(e);
+        return;
+    }
+    _request.values.resize(_request.reads.size());
+    assert(_services.reader != nullptr);
+    const int rc = _services.reader->read(_request.reads.data(), _request.reads.size(),
+                                          _request.values.data(), false);
+    if (rc == toolkit::CCds::busy) {
+        LOG_DEBUG(SS_FUNCTION_CODES, 4, "Store busy; reading on the CDS thread");
+        submit(std::make_unique<CThreadCdsRequest>(weak_from_this(), _request.reads));
+        return;
+    }
+    if (rc != 0) {
+        err(MB_SLAVE_DEVICE_FAILURE);
+        return;
+    }
+    values_read();
+}
+
+void CModbusProtocolHandler::values_read() {
+    if (_function->write == nullptr) {
+        finish();
+        return;
+    }
+    const modbus_err_t e = _function->write(_request);
+    if (e != MB_NO_ERROR) {
+        err(e);
+        return;
+    }
+    submit(std::make_unique<CThreadCdsRequest>(weak_from_this(), _request.write_ids,
+                                               _request.write_values));
+}
+
+void CModbusProtocolHandler::finish() {
+    const modbus_err_t e = _function->answer(_request);
+    if (e != MB_NO_ERROR)
+        err(e);
+    else
+        respond();
+}
+
+void CModbusProtocolHandler::submit(std::unique_ptr<CThreadCommand> cmd) {
+    const unsigned int timeout_ms = response_timeout();
+    if (timeout_ms != 0) {
+        assert(_messenger != nullptr);
+        const size_t period = static_cast<size_t>(timeout_ms) * 1000u;
+        if (!_timer)
+            _timer = CIoTimer::create(*_messenger, period);
+        _timer->reset(period);
+        std::shared_ptr<CIoTimer> timer = _timer;
+        cmd->give_timer(timer);
+    }
+    _services.submit(std::move(cmd));
+}
+
+void CModbusProtocolHandler::post(CThreadCommand& cmd, bool timed_out) {
+    cmd.take_timer();
+    cancel_timer();
+    if (timed_out) {
+        err(MB_GATEWAY_TARGET_FAILED);
+        return;
+    }
+    if (cmd.failed()) {
+        err(MB_SLAVE_DEVICE_FAILURE);
+        return;
+    }
+    const CThreadCdsRequest& done = *poly_cast<CThreadCdsRequest*>(&cmd);
+    if (done.is_write()) {
+        _request.write_statuses = done.statuses();
+        finish();
+        return;
+    }
+    // The command lives until this call returns, and the answer is made before.
+    assert(done.values().size() == _request.values.size());
+    for (size_t i = 0; i < done.values().size(); ++i)
+        _request.values[i] = &done.values()[i];
+    values_read();
+}
+
+bool CModbusProtocolHandler::verify_pdu_length(const CModbusPdu& pdu) {
+    const CModbusFunction* f = CModbusFunction::find(pdu.function);
+    return f == nullptr || f->complete(pdu);
+}
+
+void CModbusProtocolHandler::cancel_timer() {
+    if (_timer)
+        _timer->cancel();
 }
 
 void CModbusProtocolHandler::serialize_response() {

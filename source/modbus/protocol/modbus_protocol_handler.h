@@ -1,20 +1,30 @@
 #pragma once
-// The Modbus side of a connection's protocol handler, common to TCP and RTU: it owns the
-// frame (reused for every request and its response), the function handler of the request
-// in flight and the response timer. One request at a time per connection.
+// The Modbus side of a connection's protocol handler, common to TCP and RTU. It runs every
+// request the same way, through the function table (CModbusFunction): plan, read the leaves
+// from the I/O thread's store connection, write (for writes) on the CDS thread, answer.
+//
+// A read is served on the I/O thread when the store is not locked; otherwise, and for every
+// write, the work goes to the CDS thread with the response timer running, and the answer
+// comes back through post(). One request at a time per connection. The frame, the request
+// state and the timer are reused from one request to the next.
+#include "modbus/core/modbus_function.h"
+#include "modbus/core/modbus_request.h"
 #include "modbus/protocol/modbus_pdu.h"
+#include "modbus/protocol/modbus_services.h"
 #include "modbus/protocol/protocol_object.h"
 #include "protocol/protocol_handler.h"
+#include "threads/commands/thread_response_handler.h"
 
 #include <memory>
 
 class CIoTimer;
 class CModbusDeviceConfig;
-class CModbusFunctionHandler;
 
-class CModbusProtocolHandler : public CProtocolHandler {
+class CModbusProtocolHandler : public CProtocolHandler,
+                               public CThreadResponseHandler,
+                               public std::enable_shared_from_this<CModbusProtocolHandler> {
 public:
-    explicit CModbusProtocolHandler(CIoMessenger* messenger);
+    CModbusProtocolHandler(CIoMessenger* messenger, const CModbusServices& services);
     ~CModbusProtocolHandler() override;
 
     // Serializes the frame into the messenger's write buffer and sends it.
@@ -26,23 +36,33 @@ public:
     // Whether a complete frame still lacks bytes its function needs.
     virtual bool more_data_needed() const { return false; }
 
-    // Dispatches on the function code; the function handler answers later.
-    void handle_request(CModbusPdu& pdu, CModbusDeviceConfig& device);
+    // Runs one request for device; the answer goes out now or from post().
+    void handle_request(CModbusPdu& pdu, const CModbusDeviceConfig& device);
     // Whether the PDU holds the bytes its function needs (true for unsupported functions,
     // so that they are answered rather than waited for).
     static bool verify_pdu_length(const CModbusPdu& pdu);
 
-    // The timer of the request in flight; function handlers hand it to their commands.
-    std::shared_ptr<CIoTimer>& response_timer() { return _timer; }
+    // The CDS thread is done with the request's read or write.
+    void post(CThreadCommand& cmd, bool timed_out) override;
 
 protected:
-    // Starts a response timer of timeout_ms (none when 0), replacing any earlier one.
-    void start_timer(unsigned int timeout_ms);
-    void drop_timer();
+    // The time the CDS thread gets for its part of a request, in milliseconds (0: no limit).
+    virtual unsigned int response_timeout() const = 0;
     // Serializes the frame into the messenger's write buffer.
     void serialize_response();
+    void cancel_timer();
 
-    std::shared_ptr<CIoTimer> _timer;
-    std::shared_ptr<CModbusFunctionHandler> _function;
+    const CModbusServices& _services;
     std::unique_ptr<CModbusAdu> _adu;
+
+private:
+    // The steps after the leaves were read.
+    void values_read();
+    void finish();
+    // Hands cmd to the CDS thread with the response timer.
+    void submit(std::unique_ptr<CThreadCommand> cmd);
+
+    const CModbusFunction* _function = nullptr;
+    CModbusRequest _request;
+    std::shared_ptr<CIoTimer> _timer;
 };

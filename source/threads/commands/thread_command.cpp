@@ -6,15 +6,6 @@
 #include <cassert>
 
 CThreadResponseHandler::~CThreadResponseHandler() = default;
-void CThreadResponseHandler::post(CThreadCdsGetLeaves&, bool) {
-    assert(false);
-}
-void CThreadResponseHandler::post(CThreadCdsSetLeaves&, bool) {
-    assert(false);
-}
-void CThreadResponseHandler::post(CThreadCommand&, bool) {
-    assert(false);
-}
 
 CThreadCommand::CThreadCommand(const std::weak_ptr<CThreadResponseHandler>& requester)
     : _requester(requester) {}

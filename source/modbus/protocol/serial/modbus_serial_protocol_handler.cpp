@@ -3,7 +3,6 @@
 #include "io/serial/serial_connection.h"
 #include "modbus/config/modbus_config.h"
 #include "modbus/protocol/serial/modbus_serial_adu.h"
-#include "server_core/server_core.h"
 #include "util/cast.h"
 #include "util/log.h"
 
@@ -21,7 +20,7 @@ unsigned int CModbusSerialProtocolHandler::interface_id() const {
 
 std::shared_ptr<CProtocolHandler>
 CModbusSerialProtocolHandler::clone(CIoMessenger* messenger) const {
-    return std::make_shared<CModbusSerialProtocolHandler>(messenger);
+    return std::make_shared<CModbusSerialProtocolHandler>(messenger, _services);
 }
 
 void CModbusSerialProtocolHandler::set_timeout(unsigned int timeout) {
@@ -29,7 +28,7 @@ void CModbusSerialProtocolHandler::set_timeout(unsigned int timeout) {
     _timeout = timeout;
     assert(_messenger != nullptr);
     _uid_map.reset();
-    CModbusConfig& config = get_server_core().get_config();
+    CModbusConfig& config = *_services.config;
     const unsigned int iface = interface_id();
     for (unsigned address = 0; address < 256; ++address) {
         if (config.serial_config(iface, static_cast<slave_addr_t>(address))) {
@@ -79,15 +78,13 @@ void CModbusSerialProtocolHandler::execute() {
     LOG_STACK();
     CModbusSerialAdu& serial = adu();
     assert(_messenger != nullptr);
-    start_timer(_timeout);
     if (serial.crc.verify(serial)) {
-        if (CModbusDeviceConfig* device =
-                get_server_core().get_config().serial_config(interface_id(), serial.address)) {
+        if (const CModbusDeviceConfig* device =
+                _services.config->serial_config(interface_id(), serial.address)) {
             handle_request(serial.pdu, *device);
             return;
         }
     }
-    drop_timer();
     ignore();
 }
 
@@ -97,8 +94,6 @@ void CModbusSerialProtocolHandler::ignore() {
 }
 
 void CModbusSerialProtocolHandler::respond() {
-    LOG_STACK();
-    drop_timer();
     serialize_response();
     LOG_DUMP(SS_SERIAL_PROTOCOL, 6, _messenger->wbuf().data(), _messenger->wbuf().size(),
              "Response");

@@ -10,8 +10,8 @@ class CModbusSerialAdu;
 
 class CModbusSerialProtocolHandler : public CModbusProtocolHandler {
 public:
-    explicit CModbusSerialProtocolHandler(CIoMessenger* messenger)
-        : CModbusProtocolHandler(messenger) {}
+    CModbusSerialProtocolHandler(CIoMessenger* messenger, const CModbusServices& services)
+        : CModbusProtocolHandler(messenger, services) {}
 
     bool parse() override;
     // Whether the interface serves this slave address (known after set_timeout).
@@ -25,6 +25,9 @@ public:
     void err(modbus_err_t code) override;
     void execute() override;
     bool more_data_needed() const override;
+
+protected:
+    unsigned int response_timeout() const override { return _timeout; }
 
 private:
     CModbusSerialAdu& adu() const;

@@ -3,7 +3,6 @@
 #include "io/io_messenger.h"
 #include "modbus/config/modbus_config.h"
 #include "modbus/protocol/tcp/modbus_tcp_adu.h"
-#include "server_core/server_core.h"
 #include "util/cast.h"
 #include "util/log.h"
 
@@ -17,7 +16,7 @@ CModbusTcpAdu& CModbusTcpProtocolHandler::adu() {
 }
 
 std::shared_ptr<CProtocolHandler> CModbusTcpProtocolHandler::clone(CIoMessenger* messenger) const {
-    return std::make_shared<CModbusTcpProtocolHandler>(messenger);
+    return std::make_shared<CModbusTcpProtocolHandler>(messenger, _services);
 }
 
 bool CModbusTcpProtocolHandler::parse() {
@@ -27,7 +26,6 @@ bool CModbusTcpProtocolHandler::parse() {
 }
 
 bool CModbusTcpProtocolHandler::parse_request() {
-    LOG_STACK();
     assert(_adu);
     assert(_messenger != nullptr);
     const iobuf_const_pair_t rbuf = _messenger->get_rbuf();
@@ -61,7 +59,6 @@ bool CModbusTcpProtocolHandler::parse_request() {
 }
 
 void CModbusTcpProtocolHandler::execute() {
-    LOG_STACK();
     CModbusTcpAdu& tcp = adu();
     assert(_messenger != nullptr);
     if (tcp.header.protocol_id != 0) {
@@ -69,9 +66,7 @@ void CModbusTcpProtocolHandler::execute() {
         parse_again();
         return;
     }
-    CModbusConfig& config = get_server_core().get_config();
-    start_timer(config.tcp_timeout());
-    CModbusDeviceConfig* device = config.tcp_config(tcp.header.unit_id);
+    const CModbusDeviceConfig* device = _services.config->tcp_config(tcp.header.unit_id);
     if (!device) {
         LOG_DEBUG(SS_TCP_PROTOCOL, 2, "Received request for unknown UnitID %u", tcp.header.unit_id);
         err(MB_GATEWAY_PATH_UNAVAILABLE);
@@ -88,9 +83,11 @@ void CModbusTcpProtocolHandler::parse_again() {
     boost::asio::post(_messenger->get_io_service(), [messenger] { messenger->parse(); });
 }
 
+unsigned int CModbusTcpProtocolHandler::response_timeout() const {
+    return _services.config->tcp_timeout();
+}
+
 void CModbusTcpProtocolHandler::respond() {
-    LOG_STACK();
-    drop_timer();
     serialize_response();
     const iobuf_t& out = _messenger->wbuf();
     LOG_DEBUG(SS_TCP_PROTOCOL, 4, "Sending response of size %zu", out.size());

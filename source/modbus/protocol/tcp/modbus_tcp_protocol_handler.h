@@ -12,8 +12,8 @@ public:
     // connection whose unread bytes pass this without a complete frame is closed.
     static constexpr size_t max_unread = 7 + 65536;
 
-    explicit CModbusTcpProtocolHandler(CIoMessenger* messenger)
-        : CModbusProtocolHandler(messenger) {}
+    CModbusTcpProtocolHandler(CIoMessenger* messenger, const CModbusServices& services)
+        : CModbusProtocolHandler(messenger, services) {}
 
     bool parse() override;
     bool validate(unsigned char) override { return false; }
@@ -22,6 +22,9 @@ public:
     void respond() override;
     void err(modbus_err_t code) override;
     void execute() override;
+
+protected:
+    unsigned int response_timeout() const override;
 
 private:
     CModbusTcpAdu& adu();

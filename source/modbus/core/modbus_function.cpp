@@ -1,0 +1,424 @@
+#include "modbus/core/modbus_function.h"
+
+#include "util/generic_err.h"
+#include "util/log.h"
+
+#include <algorithm>
+#include <cassert>
+
+namespace {
+
+using toolkit::CElement;
+using toolkit::CLeafValue;
+typedef CModbusRequest::ranked_t ranked_t;
+
+// The largest quantities: reads of bits and registers, writes of bits and registers.
+const unsigned max_read_bits = 2000;
+const unsigned max_read_registers = 125;
+const unsigned max_write_bits = 1968;
+const unsigned max_write_registers = 120;
+
+uint16_t read_u16(const iobuf_t& data, size_t at) {
+    return static_cast<uint16_t>(data[at] << 8 | data[at + 1]);
+}
+
+// Whether start + count - 1 stays within the address space (no wrap past 0xFFFF).
+bool fits(uint16_t start, size_t count) {
+    return count >= 1 && count <= 0x10000u - start;
+}
+
+// ---- The walk over a unit's mappings of one kind that touch the request's range
+// [start, start + quantity - 1]: files in the unit's order, each in first-address order.
+// Every step of a request walks the same way, so the i-th mapping of one walk is the i-th
+// of the next.
+
+template <class M> struct kind;
+template <> struct kind<CParamRegisterMapping> {
+    static const std::vector<CUnitMap::register_index_t>& of(const CUnitMap& u) {
+        return u.registers();
+    }
+};
+template <> struct kind<CParamDiscreteMapping> {
+    static const std::vector<CUnitMap::discrete_index_t>& of(const CUnitMap& u) {
+        return u.discretes();
+    }
+};
+
+template <class M, class F> void walk(const CModbusRequest& req, F f) {
+    const CAddressRange r(req.start, static_cast<regaddr_t>(req.start + req.quantity - 1));
+    for (const auto& index : kind<M>::of(*req.unit)) {
+        const std::pair<size_t, size_t> slice = index.slice(r);
+        const auto& entries = index.entries();
+        for (size_t i = slice.first; i < slice.second; ++i)
+            if (entries[i].first.second >= r.first)
+                f(entries[i].first, *entries[i].second);
+    }
+}
+
+// Plans the read of every touching mapping's value, then of the attributes not known yet.
+// A range that touches no mapping is answered with exception 2.
+template <class M> modbus_err_t plan_leaves(CModbusRequest& req) {
+    walk<M>(req, [&](const CAddressRange&, const CResolvedMapping<M>& e) {
+        req.reads.push_back(e.value);
+        ++req.mapped;
+    });
+    if (req.mapped == 0) {
+        LOG_DEBUG(SS_FUNCTION_CODES, 2, "No parameters in requested range");
+        return MB_ILLEGAL_DATA_ADDRESS;
+    }
+    walk<M>(req, [&](const CAddressRange&, const CResolvedMapping<M>& e) {
+        if (!e.cfg.updated()) {
+            req.reads.push_back(e.writable);
+            req.reads.push_back(e.units);
+        }
+    });
+    return MB_NO_ERROR;
+}
+
+// Takes the attributes that plan_leaves asked for into the mappings.
+template <class M> void update_attributes(CModbusRequest& req) {
+    if (req.values.size() == req.mapped)
+        return;
+    size_t at = req.mapped;
+    walk<M>(req, [&](const CAddressRange&, const CResolvedMapping<M>& e) {
+        if (e.cfg.updated())
+            return;
+        assert(at + 1 < req.values.size());
+        e.cfg.update(*req.values[at], *req.values[at + 1]);
+        at += 2;
+    });
+}
+
+// Ranks the touching mappings whose value was read (with writable_only, that may also be
+// written) for the overlap rules: the lower mapping id wins, then the earlier in the walk.
+// When no two of them share an address the ranking cannot matter and the walk order stays;
+// returns whether two do.
+template <class M> bool rank(CModbusRequest& req, bool writable_only) {
+    req.ranked.clear();
+    size_t seq = 0;
+    bool overlap = false;
+    regaddr_t last = 0;
+    walk<M>(req, [&](const CAddressRange& r, const CResolvedMapping<M>& e) {
+        const CLeafValue& v = *req.values[seq++];
+        if (v.status != API_STATUS_OK || (writable_only && !e.cfg.writable()))
+            return;
+        // First addresses ascend within a file; a mapping starting at or before the end of
+        // an earlier one overlaps it, or starts the next file.
+        if (!req.ranked.empty() && r.first <= last)
+            overlap = true;
+        last = req.ranked.empty() ? r.second : std::max(last, r.second);
+        req.ranked.push_back({e.mapping->id(), req.ranked.size(), r.first, r.second, &e, &v.value});
+    });
+    if (overlap)
+        std::sort(req.ranked.begin(), req.ranked.end(), [](const ranked_t& a, const ranked_t& b) {
+            return a.id != b.id ? a.id < b.id : a.seq < b.seq;
+        });
+    return overlap;
+}
+
+const resolved_register_t& reg(const ranked_t& r) {
+    return *static_cast<const resolved_register_t*>(r.entry);
+}
+const resolved_discrete_t& bit(const ranked_t& r) {
+    return *static_cast<const resolved_discrete_t*>(r.entry);
+}
+
+// Claims the positions [from, to] of marks; true when one was still free.
+bool claim(std::vector<uint8_t>& marks, size_t from, size_t to) {
+    bool any = false;
+    for (size_t i = from; i <= to; ++i) {
+        any |= marks[i] == 0;
+        marks[i] = 1;
+    }
+    return any;
+}
+
+// Adds a leaf to the write set; a leaf already in it keeps the value it had first.
+void add_write(CModbusRequest& req, toolkit::leaf_id_t id, CElement&& value,
+               const CParamMapping* param) {
+    for (const toolkit::leaf_id_t known : req.write_ids)
+        if (known == id)
+            return;
+    req.write_ids.push_back(id);
+    req.write_values.push_back(std::move(value));
+    req.write_params.push_back(param);
+}
+
+// ---- Reads: 1 and 2 (bits), 3 and 4 (registers).
+
+modbus_err_t plan_read(CModbusRequest& req, unsigned max_quantity) {
+    const iobuf_t& data = req.pdu->data;
+    if (data.size() != 4)
+        return MB_ILLEGAL_FUNCTION;
+    req.start = read_u16(data, 0);
+    req.quantity = read_u16(data, 2);
+    if (req.quantity > 0x10000u - req.start)
+        return MB_ILLEGAL_DATA_ADDRESS;
+    if (req.quantity == 0 || req.quantity > max_quantity) {
+        LOG_DEBUG(SS_FUNCTION_CODES, 2, "Invalid request length (%u)", req.quantity);
+        return MB_ILLEGAL_DATA_VALUE;
+    }
+    return MB_NO_ERROR;
+}
+
+modbus_err_t plan_read_bits(CModbusRequest& req) {
+    const modbus_err_t e = plan_read(req, max_read_bits);
+    return e != MB_NO_ERROR ? e : plan_leaves<CParamDiscreteMapping>(req);
+}
+
+modbus_err_t plan_read_registers(CModbusRequest& req) {
+    const modbus_err_t e = plan_read(req, max_read_registers);
+    return e != MB_NO_ERROR ? e : plan_leaves<CParamRegisterMapping>(req);
+}
+
+modbus_err_t unmapped(const CModbusRequest& req, const char* what) {
+    LOG_DEBUG(SS_MAPLIST, 4, "Unmapped or unreadable %s in [%u .. %u]", what, req.start,
+              static_cast<unsigned>(req.start + req.quantity - 1));
+    return MB_ILLEGAL_DATA_ADDRESS;
+}
+
+modbus_err_t answer_read_bits(CModbusRequest& req) {
+    update_attributes<CParamDiscreteMapping>(req);
+    rank<CParamDiscreteMapping>(req, false);
+    const size_t n = req.quantity;
+    req.marks.assign(n, 0);
+    const size_t nbytes = (n + 7) / 8;
+    iobuf_t& out = req.pdu->data;
+    out.assign(1 + nbytes, 0);
+    out[0] = static_cast<uint8_t>(nbytes);
+    size_t filled = 0;
+    for (const ranked_t& r : req.ranked) {
+        const size_t i = r.first - req.start;
+        if (req.marks[i])
+            continue;
+        req.marks[i] = 1;
+        ++filled;
+        if (bit(r).mapping->translate(*r.value))
+            out[1 + i / 8] |= static_cast<uint8_t>(1u << (i % 8));
+    }
+    if (!req.zero_fill && filled < n)
+        return unmapped(req, "discretes");
+    return MB_NO_ERROR;
+}
+
+// Lays one mapping's registers over the answer (with claims, only where no earlier mapping
+// did); returns how many positions it filled.
+size_t lay_registers(CModbusRequest& req, const ranked_t& r, bool claims) {
+    const resolved_register_t& e = reg(r);
+    const size_t first = req.start;
+    const size_t last = req.start + req.quantity - 1;
+    if (!claims && r.first >= first && r.last <= last) {
+        e.mapping->to_registers(*r.value, e.cfg, &req.regs[r.first - first]);
+        return static_cast<size_t>(r.last - r.first) + 1;
+    }
+    req.scratch.resize(static_cast<size_t>(r.last - r.first) + 1);
+    e.mapping->to_registers(*r.value, e.cfg, req.scratch.data());
+    size_t filled = 0;
+    for (size_t a = std::max<size_t>(r.first, first); a <= std::min<size_t>(r.last, last); ++a) {
+        const size_t i = a - first;
+        if (claims && req.marks[i])
+            continue;
+        if (claims)
+            req.marks[i] = 1;
+        req.regs[i] = req.scratch[a - r.first];
+        ++filled;
+    }
+    return filled;
+}
+
+modbus_err_t answer_read_registers(CModbusRequest& req) {
+    update_attributes<CParamRegisterMapping>(req);
+    // Where mappings overlap, every position goes to the first in rank that claims it.
+    const bool claims = rank<CParamRegisterMapping>(req, false);
+    const size_t n = req.quantity;
+    req.regs.assign(n, 0);
+    if (claims)
+        req.marks.assign(n, 0);
+    size_t filled = 0;
+    try {
+        for (const ranked_t& r : req.ranked)
+            filled += lay_registers(req, r, claims);
+    } catch (const generic_err&) {
+        return MB_ILLEGAL_DATA_ADDRESS;
+    }
+    if (!req.zero_fill && filled < n)
+        return unmapped(req, "registers");
+    iobuf_t& out = req.pdu->data;
+    out.resize(1 + 2 * n);
+    out[0] = static_cast<uint8_t>(2 * n);
+    for (size_t i = 0; i < n; ++i) {
+        out[1 + 2 * i] = static_cast<uint8_t>(req.regs[i] >> 8);
+        out[2 + 2 * i] = static_cast<uint8_t>(req.regs[i]);
+    }
+    return MB_NO_ERROR;
+}
+
+// ---- Writes: 5 and 15 (bits), 6 and 16 (registers).
+
+// The header of a multiple write: start, quantity and byte count, checked against the data
+// that follows.
+bool read_multiple_header(CModbusRequest& req, size_t bytes_per_quantity_x8, unsigned max) {
+    const iobuf_t& data = req.pdu->data;
+    if (data.size() < 5)
+        return false;
+    req.start = read_u16(data, 0);
+    req.quantity = read_u16(data, 2);
+    const size_t count = data[4];
+    const size_t expected = (req.quantity * bytes_per_quantity_x8 + 7) / 8;
+    return req.quantity >= 1 && req.quantity <= max && count == expected &&
+           data.size() - 5 == count;
+}
+
+modbus_err_t plan_write_bits(CModbusRequest& req) {
+    const iobuf_t& data = req.pdu->data;
+    req.bits.clear();
+    if (req.pdu->function == 0x05) {
+        if (data.size() != 4)
+            return MB_ILLEGAL_DATA_VALUE;
+        req.start = read_u16(data, 0);
+        const uint16_t value = read_u16(data, 2);
+        if (value != 0x0000 && value != 0xFF00)
+            return MB_ILLEGAL_DATA_VALUE;
+        req.quantity = 1;
+        req.bits.push_back(value != 0);
+    } else {
+        if (!read_multiple_header(req, 1, max_write_bits))
+            return MB_ILLEGAL_DATA_VALUE;
+        for (size_t i = 0; i < req.quantity; ++i)
+            req.bits.push_back((data[5 + i / 8] >> (i % 8)) & 1);
+    }
+    // A range running past the last address would wrap; refuse it.
+    if (!fits(req.start, req.quantity))
+        return MB_ILLEGAL_DATA_ADDRESS;
+    return plan_leaves<CParamDiscreteMapping>(req);
+}
+
+modbus_err_t write_bits(CModbusRequest& req) {
+    update_attributes<CParamDiscreteMapping>(req);
+    rank<CParamDiscreteMapping>(req, true);
+    req.marks.assign(req.quantity, 0);
+    for (const ranked_t& r : req.ranked) {
+        const size_t i = r.first - req.start;
+        if (!claim(req.marks, i, i))
+            continue;
+        const CParamDiscreteMapping& m = *bit(r).mapping;
+        add_write(req, bit(r).value, m.translate(req.bits[i] != 0), &m);
+    }
+    if (req.write_ids.empty()) {
+        LOG_DEBUG(SS_FUNCTION_CODES, 2, "Address range doesn't map into any leaves");
+        return MB_ILLEGAL_DATA_ADDRESS;
+    }
+    return MB_NO_ERROR;
+}
+
+modbus_err_t plan_write_registers(CModbusRequest& req) {
+    const iobuf_t& data = req.pdu->data;
+    req.regs.clear();
+    if (req.pdu->function == 0x06) {
+        if (data.size() != 4)
+            return MB_ILLEGAL_DATA_VALUE;
+        req.start = read_u16(data, 0);
+        req.quantity = 1;
+        req.regs.push_back(read_u16(data, 2));
+    } else {
+        if (!read_multiple_header(req, 16, max_write_registers))
+            return MB_ILLEGAL_DATA_VALUE;
+        for (size_t i = 0; i < req.quantity; ++i)
+            req.regs.push_back(read_u16(data, 5 + 2 * i));
+    }
+    if (!fits(req.start, req.quantity))
+        return MB_ILLEGAL_DATA_ADDRESS;
+    return plan_leaves<CParamRegisterMapping>(req);
+}
+
+// The register count a write must cover: the size of the last (in walk order) writable
+// mapping whose value was read. The written registers are padded with zeros to it, so that
+// a single register can write a parameter of several; 0 when there is none or when that
+// many registers would pass address 0xFFFF.
+size_t covered_registers(const CModbusRequest& req) {
+    size_t last = 0;
+    size_t seq = 0;
+    walk<CParamRegisterMapping>(req, [&](const CAddressRange& r, const resolved_register_t& e) {
+        if (req.values[seq++]->status == API_STATUS_OK && e.cfg.writable())
+            last = r.size();
+    });
+    if (last != 0 && req.start + last - 1 > 0xFFFFu) {
+        LOG_DEBUG(SS_MAPLIST, 4, "%zu registers from %u pass the last address", last, req.start);
+        return 0;
+    }
+    return last;
+}
+
+modbus_err_t write_registers(CModbusRequest& req) {
+    update_attributes<CParamRegisterMapping>(req);
+    const size_t covered = covered_registers(req);
+    if (covered < req.regs.size()) {
+        LOG_DEBUG(SS_FUNCTION_CODES, 2, "The writable parameters cover %zu of %zu registers",
+                  covered, req.regs.size());
+        return MB_ILLEGAL_DATA_ADDRESS;
+    }
+    req.regs.resize(covered, 0);
+    rank<CParamRegisterMapping>(req, true);
+    req.marks.assign(covered, 0);
+    const size_t last = req.start + covered - 1;
+    try {
+        for (const ranked_t& r : req.ranked) {
+            // A parameter that straddles an edge of the written registers is not written.
+            if (r.first < req.start || r.last > last)
+                continue;
+            if (!claim(req.marks, r.first - req.start, r.last - req.start))
+                continue;
+            const resolved_register_t& e = reg(r);
+            add_write(req, e.value, e.mapping->from_registers(&req.regs[r.first - req.start], e.cfg),
+                      e.mapping);
+        }
+    } catch (const generic_err&) {
+        return MB_ILLEGAL_DATA_ADDRESS;
+    }
+    return req.write_ids.empty() ? MB_ILLEGAL_DATA_ADDRESS : MB_NO_ERROR;
+}
+
+// A write has been stored: single writes echo the request, multiple writes keep start and
+// quantity. The store may refuse single leaves of a batch it accepted (a read-only store, a
+// value its leaf's type cannot take): the master must not be told they were written.
+modbus_err_t answer_write(CModbusRequest& req) {
+    assert(req.write_statuses.size() == req.write_ids.size());
+    for (size_t i = 0; i < req.write_statuses.size(); ++i) {
+        if (req.write_statuses[i] != API_STATUS_OK) {
+            LOG_WARN(SS_FUNCTION_CODES, 1, "The store refused '%s' (status %d)",
+                     req.write_params[i]->path().c_str(), static_cast<int>(req.write_statuses[i]));
+            return MB_SLAVE_DEVICE_FAILURE;
+        }
+    }
+    if (req.pdu->function == 0x0F || req.pdu->function == 0x10)
+        req.pdu->data.resize(4);
+    return MB_NO_ERROR;
+}
+
+const CModbusFunction functions[] = {
+    {0x01, 4, max_read_bits, plan_read_bits, nullptr, answer_read_bits},
+    {0x02, 4, max_read_bits, plan_read_bits, nullptr, answer_read_bits},
+    {0x03, 4, max_read_registers, plan_read_registers, nullptr, answer_read_registers},
+    {0x04, 4, max_read_registers, plan_read_registers, nullptr, answer_read_registers},
+    {0x05, 4, 1, plan_write_bits, write_bits, answer_write},
+    {0x06, 4, 1, plan_write_registers, write_registers, answer_write},
+    {0x0F, 5, max_write_bits, plan_write_bits, write_bits, answer_write},
+    {0x10, 5, max_write_registers, plan_write_registers, write_registers, answer_write},
+};
+
+} // namespace
+
+bool CModbusFunction::complete(const CModbusPdu& pdu) const {
+    const iobuf_t& data = pdu.data;
+    if (data.size() < min_data)
+        return false;
+    // Multiple writes announce the bytes that follow their 5-byte header.
+    return min_data < 5 || data.size() >= 5u + data[4];
+}
+
+const CModbusFunction* CModbusFunction::find(uint8_t code) {
+    for (const CModbusFunction& f : functions)
+        if (f.code == code)
+            return &f;
+    return nullptr;
+}

@@ -1,0 +1,36 @@
+#pragma once
+// The function codes the server answers: one table, one entry per code, and nothing here
+// knows a socket, a thread or the store. A request goes through the steps of its entry:
+//
+//   plan(req)    checks the request and names the leaves to read (req.reads);
+//   (the caller reads them and points req.values at the answers)
+//   write(req)   writes only: the leaves to store (req.write_ids and write_values);
+//   (the caller writes them in one transaction and fills req.write_statuses)
+//   answer(req)  turns req.pdu into the response.
+//
+// Each step returns MB_NO_ERROR or the exception code to answer with; the caller answers
+// exception 4 itself when the store fails, and 11 when it does not answer in time.
+#include "modbus/core/modbus_request.h"
+#include "modbus/protocol/protocol_object.h"
+
+#include <cstdint>
+
+struct CModbusFunction {
+    typedef modbus_err_t (*step_t)(CModbusRequest& req);
+
+    uint8_t code;
+    // Data bytes (after the function code) of the shortest request; multiple writes also
+    // need their byte count's worth after the first 5.
+    uint8_t min_data;
+    // The largest quantity of a request (registers or bits).
+    uint16_t max_quantity;
+    step_t plan;
+    step_t write; // null for reads
+    step_t answer;
+
+    // Whether pdu holds every byte its request needs (a serial frame may arrive in parts).
+    bool complete(const CModbusPdu& pdu) const;
+
+    // The entry of code; null for a function the server does not answer (exception 1).
+    static const CModbusFunction* find(uint8_t code);
+};

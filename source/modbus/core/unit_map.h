@@ -1,0 +1,73 @@
+#pragma once
+// One unit's mappings with their store leaves resolved: every parameter's value leaf and its
+// "Writable" and "Units" leaves become ids of a CLeafTable when the unit is configured, so that
+// a request finds its leaves by two binary searches and a walk, with no path built, hashed or
+// allocated.
+//
+// Mappings stay indexed per mapping file, in the unit's file order, because the rules that pick
+// between overlapping mappings go by (mapping id, file order): a walk over the files in order,
+// each in first-address order, is the walk order those rules were written for.
+//
+// The run-time attributes (writable, units) live in the entries; they are filled in by the first
+// request that reads them, on the thread that serves requests.
+#include "modbus/address_range/interval_index.h"
+#include "modbus/config/modbus_param_dynamic_config.h"
+#include "modbus/map/eds_mapping.h"
+
+#include "toolkit/leaf_table.h"
+
+#include <cstddef>
+#include <memory>
+#include <utility>
+#include <vector>
+
+// A mapping of one kind with its leaves.
+template <class M> struct CResolvedMapping {
+    const M* mapping;
+    toolkit::leaf_id_t value;
+    toolkit::leaf_id_t writable;
+    toolkit::leaf_id_t units;
+    // Filled in by the first request that reads the attributes.
+    mutable CModbusParamDynamicConfig cfg;
+};
+
+typedef CResolvedMapping<CParamRegisterMapping> resolved_register_t;
+typedef CResolvedMapping<CParamDiscreteMapping> resolved_discrete_t;
+
+template <class M> class CResolvedIndex {
+public:
+    typedef CIntervalIndex<CResolvedMapping<M>> index_t;
+    typedef typename index_t::value_type value_type;
+
+    CResolvedIndex() = default;
+    explicit CResolvedIndex(index_t index) : _index(std::move(index)) {}
+
+    // The positions [first, second) of entries() that may overlap r (r.first <= r.second);
+    // entries in it that end before r.first are nested in a longer one and must be skipped.
+    std::pair<size_t, size_t> slice(const CAddressRange& r) const { return _index.slice(r); }
+    const std::vector<value_type>& entries() const { return _index.entries(); }
+
+private:
+    index_t _index;
+};
+
+class CUnitMap {
+public:
+    typedef CResolvedIndex<CParamRegisterMapping> register_index_t;
+    typedef CResolvedIndex<CParamDiscreteMapping> discrete_index_t;
+
+    // Resolves every register and discrete mapping of the files (in the unit's order) under
+    // device_path into table.
+    CUnitMap(const tk_string& device_path, const std::vector<const CEdsMapping*>& files,
+             toolkit::CLeafTable& table);
+    CUnitMap(const CUnitMap&) = delete;
+    CUnitMap& operator=(const CUnitMap&) = delete;
+
+    // One index per file, in the unit's file order.
+    const std::vector<register_index_t>& registers() const { return _registers; }
+    const std::vector<discrete_index_t>& discretes() const { return _discretes; }
+
+private:
+    std::vector<register_index_t> _registers;
+    std::vector<discrete_index_t> _discretes;
+};
