@@ -32,20 +32,26 @@ public:
         auto cds = std::make_shared<CCdsHandle>();
         const CModbusSettings settings(*cds);
         auto config = std::make_shared<CModbusConfig>(settings);
+        cds->bind(config->leaves());
+        reader.reset(new CCdsHandle);
+        reader->bind(config->leaves());
+        services.config = config.get();
+        services.reader = reader.get();
         auto events =
             std::make_unique<CEventQueue>(static_cast<unsigned>(config->max_event_index() + 1), "");
         auto thread = std::make_unique<CCdsThread>(boost::none, cds);
         cds_thread = thread.get();
         loop.reset(new CLoopFixture(std::move(thread), config, std::move(events)));
         cds_thread->create_actor(loop->manager);
+        services.submit = [this](cmd_ptr_t cmd) { cds_thread->send(std::move(cmd), false); };
 
-        const CModbusTcpProtocolHandler tcp_prototype(nullptr);
+        const CModbusTcpProtocolHandler tcp_prototype(nullptr, services);
         listener = CTcpListener::create(loop->manager, tcp_prototype, 0);
         loop->manager.add(listener);
         port = listener->port();
 
         if (serial) {
-            const CModbusSerialProtocolHandler serial_prototype(nullptr);
+            const CModbusSerialProtocolHandler serial_prototype(nullptr, services);
             for (const auto& iface : settings.serial().interfaces()) {
                 auto conn = CSerialConnection::create(loop->manager, serial_prototype,
                                                       iface.serial_port(), iface.number());
@@ -69,6 +75,10 @@ public:
 
     std::unique_ptr<CPtyPair> pty;
     CTestStore store;
+    // The I/O thread's store connection and what the handlers are given; they outlive the
+    // loop (declared before it).
+    std::unique_ptr<CCdsHandle> reader;
+    CModbusServices services;
     CCdsThread* cds_thread = nullptr;
     std::unique_ptr<CLoopFixture> loop;
     std::shared_ptr<CTcpListener> listener;

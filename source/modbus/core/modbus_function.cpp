@@ -48,25 +48,51 @@ template <class M, class F> void walk(const CModbusRequest& req, F f) {
     const CAddressRange r(req.start, static_cast<regaddr_t>(req.start + req.quantity - 1));
     for (const auto& index : kind<M>::of(*req.unit)) {
         const std::pair<size_t, size_t> slice = index.slice(r);
-        const auto& entries = index.entries();
+        const CResolvedMapping<M>* items = index.items().data();
         for (size_t i = slice.first; i < slice.second; ++i)
-            if (entries[i].first.second >= r.first)
-                f(entries[i].first, *entries[i].second);
+            if (items[i].addr.second >= r.first)
+                f(items[i]);
     }
+}
+
+// f(mapping, value) for every touching mapping whose value was read (with writable_only,
+// that may also be written), in walk order; returns whether two of them share an address.
+template <class M, class F> bool walk_readable(const CModbusRequest& req, bool writable_only, F f) {
+    size_t seq = 0;
+    bool any = false;
+    bool overlap = false;
+    regaddr_t last = 0;
+    walk<M>(req, [&](const CResolvedMapping<M>& e) {
+        const CLeafValue& v = *req.values[seq++];
+        if (v.status != API_STATUS_OK || (writable_only && !e.cfg.writable()))
+            return;
+        // First addresses ascend within a file; a mapping starting at or before the end of
+        // an earlier one overlaps it, or starts the next file.
+        if (any && e.addr.first <= last)
+            overlap = true;
+        last = any ? std::max(last, e.addr.second) : e.addr.second;
+        any = true;
+        f(e, v.value);
+    });
+    return overlap;
 }
 
 // Plans the read of every touching mapping's value, then of the attributes not known yet.
 // A range that touches no mapping is answered with exception 2.
 template <class M> modbus_err_t plan_leaves(CModbusRequest& req) {
-    walk<M>(req, [&](const CAddressRange&, const CResolvedMapping<M>& e) {
+    size_t unknown = 0;
+    walk<M>(req, [&](const CResolvedMapping<M>& e) {
         req.reads.push_back(e.value);
-        ++req.mapped;
+        unknown += !e.cfg.updated();
     });
+    req.mapped = req.reads.size();
     if (req.mapped == 0) {
         LOG_DEBUG(SS_FUNCTION_CODES, 2, "No parameters in requested range");
         return MB_ILLEGAL_DATA_ADDRESS;
     }
-    walk<M>(req, [&](const CAddressRange&, const CResolvedMapping<M>& e) {
+    if (unknown == 0)
+        return MB_NO_ERROR;
+    walk<M>(req, [&](const CResolvedMapping<M>& e) {
         if (!e.cfg.updated()) {
             req.reads.push_back(e.writable);
             req.reads.push_back(e.units);
@@ -80,7 +106,7 @@ template <class M> void update_attributes(CModbusRequest& req) {
     if (req.values.size() == req.mapped)
         return;
     size_t at = req.mapped;
-    walk<M>(req, [&](const CAddressRange&, const CResolvedMapping<M>& e) {
+    walk<M>(req, [&](const CResolvedMapping<M>& e) {
         if (e.cfg.updated())
             return;
         assert(at + 1 < req.values.size());
@@ -91,29 +117,14 @@ template <class M> void update_attributes(CModbusRequest& req) {
 
 // Ranks the touching mappings whose value was read (with writable_only, that may also be
 // written) for the overlap rules: the lower mapping id wins, then the earlier in the walk.
-// When no two of them share an address the ranking cannot matter and the walk order stays;
-// returns whether two do.
-template <class M> bool rank(CModbusRequest& req, bool writable_only) {
+template <class M> void rank(CModbusRequest& req, bool writable_only) {
     req.ranked.clear();
-    size_t seq = 0;
-    bool overlap = false;
-    regaddr_t last = 0;
-    walk<M>(req, [&](const CAddressRange& r, const CResolvedMapping<M>& e) {
-        const CLeafValue& v = *req.values[seq++];
-        if (v.status != API_STATUS_OK || (writable_only && !e.cfg.writable()))
-            return;
-        // First addresses ascend within a file; a mapping starting at or before the end of
-        // an earlier one overlaps it, or starts the next file.
-        if (!req.ranked.empty() && r.first <= last)
-            overlap = true;
-        last = req.ranked.empty() ? r.second : std::max(last, r.second);
-        req.ranked.push_back({e.mapping->id(), req.ranked.size(), r.first, r.second, &e, &v.value});
+    walk_readable<M>(req, writable_only, [&](const CResolvedMapping<M>& e, const CElement& v) {
+        req.ranked.push_back({e.id, req.ranked.size(), e.addr.first, e.addr.second, &e, &v});
     });
-    if (overlap)
-        std::sort(req.ranked.begin(), req.ranked.end(), [](const ranked_t& a, const ranked_t& b) {
-            return a.id != b.id ? a.id < b.id : a.seq < b.seq;
-        });
-    return overlap;
+    std::sort(req.ranked.begin(), req.ranked.end(), [](const ranked_t& a, const ranked_t& b) {
+        return a.id != b.id ? a.id < b.id : a.seq < b.seq;
+    });
 }
 
 const resolved_register_t& reg(const ranked_t& r) {
@@ -179,22 +190,35 @@ modbus_err_t unmapped(const CModbusRequest& req, const char* what) {
 
 modbus_err_t answer_read_bits(CModbusRequest& req) {
     update_attributes<CParamDiscreteMapping>(req);
-    rank<CParamDiscreteMapping>(req, false);
     const size_t n = req.quantity;
-    req.marks.assign(n, 0);
     const size_t nbytes = (n + 7) / 8;
     iobuf_t& out = req.pdu->data;
     out.assign(1 + nbytes, 0);
     out[0] = static_cast<uint8_t>(nbytes);
     size_t filled = 0;
-    for (const ranked_t& r : req.ranked) {
-        const size_t i = r.first - req.start;
-        if (req.marks[i])
-            continue;
-        req.marks[i] = 1;
-        ++filled;
-        if (bit(r).mapping->translate(*r.value))
+    const auto set = [&](const resolved_discrete_t& e, const CElement& v) {
+        const size_t i = e.addr.first - req.start;
+        if (e.mapping->translate(v))
             out[1 + i / 8] |= static_cast<uint8_t>(1u << (i % 8));
+    };
+    // Without overlaps every readable mapping has its own address: the walk is the answer.
+    const bool overlap = walk_readable<CParamDiscreteMapping>(
+        req, false, [&](const resolved_discrete_t& e, const CElement& v) {
+            set(e, v);
+            ++filled;
+        });
+    if (overlap) {
+        // Each address goes to the first mapping in rank.
+        std::fill(out.begin() + 1, out.end(), 0);
+        rank<CParamDiscreteMapping>(req, false);
+        req.marks.assign(n, 0);
+        filled = 0;
+        for (const ranked_t& r : req.ranked) {
+            if (!claim(req.marks, r.first - req.start, r.first - req.start))
+                continue;
+            ++filled;
+            set(bit(r), *r.value);
+        }
     }
     if (!req.zero_fill && filled < n)
         return unmapped(req, "discretes");
@@ -228,16 +252,26 @@ size_t lay_registers(CModbusRequest& req, const ranked_t& r, bool claims) {
 
 modbus_err_t answer_read_registers(CModbusRequest& req) {
     update_attributes<CParamRegisterMapping>(req);
-    // Where mappings overlap, every position goes to the first in rank that claims it.
-    const bool claims = rank<CParamRegisterMapping>(req, false);
     const size_t n = req.quantity;
     req.regs.assign(n, 0);
-    if (claims)
-        req.marks.assign(n, 0);
     size_t filled = 0;
     try {
-        for (const ranked_t& r : req.ranked)
-            filled += lay_registers(req, r, claims);
+        // Without overlaps each mapping lays its registers where they belong.
+        req.ranked.clear();
+        const bool overlap = walk_readable<CParamRegisterMapping>(
+            req, false, [&](const resolved_register_t& e, const CElement& v) {
+                const ranked_t r{e.id, 0, e.addr.first, e.addr.second, &e, &v};
+                filled += lay_registers(req, r, false);
+            });
+        if (overlap) {
+            // Each register goes to the first mapping in rank that covers it.
+            rank<CParamRegisterMapping>(req, false);
+            req.regs.assign(n, 0);
+            req.marks.assign(n, 0);
+            filled = 0;
+            for (const ranked_t& r : req.ranked)
+                filled += lay_registers(req, r, true);
+        }
     } catch (const generic_err&) {
         return MB_ILLEGAL_DATA_ADDRESS;
     }
@@ -338,9 +372,9 @@ modbus_err_t plan_write_registers(CModbusRequest& req) {
 size_t covered_registers(const CModbusRequest& req) {
     size_t last = 0;
     size_t seq = 0;
-    walk<CParamRegisterMapping>(req, [&](const CAddressRange& r, const resolved_register_t& e) {
+    walk<CParamRegisterMapping>(req, [&](const resolved_register_t& e) {
         if (req.values[seq++]->status == API_STATUS_OK && e.cfg.writable())
-            last = r.size();
+            last = e.addr.size();
     });
     if (last != 0 && req.start + last - 1 > 0xFFFFu) {
         LOG_DEBUG(SS_MAPLIST, 4, "%zu registers from %u pass the last address", last, req.start);

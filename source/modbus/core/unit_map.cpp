@@ -10,8 +10,9 @@ CResolvedIndex<M> resolve(const tk_string& device, const typename CIntervalIndex
         const M* m = it->second;
         const tk_string param = device + "/" + m->param_path();
         std::unique_ptr<CResolvedMapping<M>> r(new CResolvedMapping<M>{
-            m, table.add(device + "/" + m->path()), table.add(param + "/Writable"),
-            table.add(param + "/Units"), CModbusParamDynamicConfig()});
+            it->first, m, m->id(), table.add(device + "/" + m->path()),
+            table.add(param + "/Writable"), table.add(param + "/Units"),
+            CModbusParamDynamicConfig()});
         items.emplace_back(it->first, std::move(r));
     }
     // The items come in the file index's order, which the new index keeps (stable sort).

@@ -21,9 +21,11 @@
 #include <utility>
 #include <vector>
 
-// A mapping of one kind with its leaves.
+// A mapping of one kind with its addresses and leaves.
 template <class M> struct CResolvedMapping {
+    CAddressRange addr;
     const M* mapping;
+    size_t id; // the mapping's id, for the overlap rules
     toolkit::leaf_id_t value;
     toolkit::leaf_id_t writable;
     toolkit::leaf_id_t units;
@@ -34,21 +36,29 @@ template <class M> struct CResolvedMapping {
 typedef CResolvedMapping<CParamRegisterMapping> resolved_register_t;
 typedef CResolvedMapping<CParamDiscreteMapping> resolved_discrete_t;
 
+// One file's mappings of one kind, in one array in first-address order (file order among
+// equal addresses), so that the walk of a request reads memory in sequence.
 template <class M> class CResolvedIndex {
 public:
-    typedef CIntervalIndex<CResolvedMapping<M>> index_t;
-    typedef typename index_t::value_type value_type;
+    typedef CResolvedMapping<M> item_t;
+    typedef CIntervalIndex<item_t> index_t;
 
     CResolvedIndex() = default;
-    explicit CResolvedIndex(index_t index) : _index(std::move(index)) {}
+    // The index finds the positions; the items are copied out of it into one array.
+    explicit CResolvedIndex(index_t index) : _index(std::move(index)) {
+        _items.reserve(_index.entries().size());
+        for (const auto& entry : _index.entries())
+            _items.push_back(*entry.second);
+    }
 
-    // The positions [first, second) of entries() that may overlap r (r.first <= r.second);
-    // entries in it that end before r.first are nested in a longer one and must be skipped.
+    // The positions [first, second) of items() that may overlap r (r.first <= r.second);
+    // items in it that end before r.first are nested in a longer one and must be skipped.
     std::pair<size_t, size_t> slice(const CAddressRange& r) const { return _index.slice(r); }
-    const std::vector<value_type>& entries() const { return _index.entries(); }
+    const std::vector<item_t>& items() const { return _items; }
 
 private:
     index_t _index;
+    std::vector<item_t> _items;
 };
 
 class CUnitMap {

@@ -8,12 +8,16 @@ void CThreadBaseQueue::insert(cmd_ptr_t cmd, bool urgent) {
         _list.push_front(std::move(cmd));
     else
         _list.push_back(std::move(cmd));
-    _cond.notify_one();
 }
 
+// The waiter is woken after the lock is let go: woken under it, on a single core it would
+// run only to block on the lock again.
 void CThreadBaseQueue::add(cmd_ptr_t cmd, bool urgent) {
-    std::lock_guard<std::mutex> lock(_mutex);
-    insert(std::move(cmd), urgent);
+    {
+        std::lock_guard<std::mutex> lock(_mutex);
+        insert(std::move(cmd), urgent);
+    }
+    _cond.notify_one();
 }
 
 cmdlist_t CThreadBaseQueue::remove(bool wait) {
@@ -36,10 +40,15 @@ CThreadResponseQueue::~CThreadResponseQueue() {
 }
 
 void CThreadResponseQueue::add(cmd_ptr_t cmd, bool urgent) {
-    std::lock_guard<std::mutex> lock(_mutex);
-    insert(std::move(cmd), urgent);
-    if (_actor)
-        _actor->post();
+    std::shared_ptr<CThreadIoActor> actor;
+    {
+        std::lock_guard<std::mutex> lock(_mutex);
+        insert(std::move(cmd), urgent);
+        actor = _actor;
+    }
+    // Outside the lock, which the woken event loop takes first thing.
+    if (actor)
+        actor->post();
 }
 
 void CThreadResponseQueue::create_actor(CIoManager& manager) {
