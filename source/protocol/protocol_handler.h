@@ -5,7 +5,6 @@
 #include <memory>
 
 class CIoMessenger;
-class CServerCore;
 
 class CProtocolHandler {
 public:
@@ -27,7 +26,6 @@ public:
     // A new handler of the same kind bound to messenger (null for a prototype).
     virtual std::shared_ptr<CProtocolHandler> clone(CIoMessenger* messenger) const = 0;
 
-    CServerCore& get_server_core() const;
     CIoMessenger* messenger() const { return _messenger; }
 
 protected:
