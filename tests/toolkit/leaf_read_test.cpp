@@ -1,0 +1,389 @@
+// Reads and writes by leaf id: the id cache must never serve a value older than what other
+// connections and processes committed, whichever way they wrote.
+#include "toolkit/cds_store.h"
+#include "toolkit/leaf_table.h"
+#include "toolkit/store_fixture.h"
+
+#include <boost/test/unit_test.hpp>
+
+#include <sqlite3.h>
+
+#include <chrono>
+#include <cstdio>
+#include <functional>
+#include <thread>
+
+using toolkit::CCds;
+using toolkit::CCdsStore;
+using toolkit::CElement;
+using toolkit::CLeafTable;
+using toolkit::CLeafValue;
+using toolkit::leaf_id_t;
+
+namespace {
+
+typedef std::chrono::steady_clock clock_type;
+
+const int k_leaves = 300;
+
+tk_string leaf_path(int i) {
+    return "/Meter/leaf " + std::to_string(i);
+}
+
+// Runs SQL on the store file the way a program outside the library would.
+void raw_sql(const tk_string& path, const tk_string& sql) {
+    sqlite3* db = nullptr;
+    BOOST_REQUIRE_EQUAL(sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READWRITE, nullptr),
+                        SQLITE_OK);
+    char* err = nullptr;
+    const int rc = sqlite3_exec(db, sql.c_str(), nullptr, nullptr, &err);
+    const tk_string msg = err ? err : "";
+    sqlite3_free(err);
+    sqlite3_close(db);
+    BOOST_REQUIRE_MESSAGE(rc == SQLITE_OK, msg);
+}
+
+// The counter file's word, decoded as big-endian.
+uint32_t counter_value(const tk_string& store) {
+    const tk_string bytes = read_text(store + "-changes");
+    BOOST_REQUIRE_EQUAL(bytes.size(), 4u);
+    uint32_t v = 0;
+    for (char c : bytes)
+        v = v << 8 | static_cast<unsigned char>(c);
+    return v;
+}
+
+int wait_child(pid_t pid) {
+    int status = 0;
+    BOOST_REQUIRE_EQUAL(::waitpid(pid, &status, 0), pid);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+// k_leaves int leaves at 0 (the last one only in the table, not in the store), a table of
+// them and a reader connection bound to it.
+struct CIdFixture : CTestStore {
+    CIdFixture() {
+        std::vector<toolkit::CLeafInfo> leaves;
+        for (int i = 0; i + 1 < k_leaves; ++i)
+            leaves.push_back({leaf_path(i), CElement::TYPE_INT, CElement::from_int(0), 0});
+        define(leaves);
+        for (int i = 0; i < k_leaves; ++i)
+            ids.push_back(table.add(leaf_path(i)));
+        open(reader);
+    }
+    void open(CCdsStore& store) {
+        BOOST_REQUIRE_MESSAGE(store.open(path()) == 0, store.error());
+        store.cds().bind(table);
+    }
+    // The values of the first n ids, -1 for a leaf not read; empty when the read failed.
+    std::vector<int64_t> read(CCds& cds, size_t n = k_leaves, bool wait = true) {
+        std::vector<const CLeafValue*> out(n);
+        rc = cds.read(ids.data(), n, out.data(), wait);
+        std::vector<int64_t> values;
+        if (rc == 0)
+            for (const CLeafValue* v : out)
+                values.push_back(v->status == API_STATUS_OK ? v->value.to_int() : -1);
+        return values;
+    }
+    int64_t read_one(int i) {
+        const std::vector<int64_t> v = read(reader.cds());
+        return v.empty() ? -2 : v[i];
+    }
+    void set(CCds& cds, int i, int64_t value) {
+        std::vector<api_status_t> st;
+        BOOST_REQUIRE_EQUAL(
+            cds.set_leaves({leaf_path(i)}, {CElement::from_int(value)}, {2}, st, "test"), 0);
+        BOOST_REQUIRE_EQUAL(st[0], API_STATUS_OK);
+    }
+    // How long until the reader sees leaf i at value, -1 ms when not within a second.
+    int64_t ms_until(int i, int64_t value) {
+        const clock_type::time_point start = clock_type::now();
+        while (clock_type::now() - start < std::chrono::seconds(1)) {
+            if (read_one(i) == value)
+                return std::chrono::duration_cast<std::chrono::milliseconds>(clock_type::now() -
+                                                                             start)
+                    .count();
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        }
+        return -1;
+    }
+
+    CLeafTable table;
+    std::vector<leaf_id_t> ids;
+    CCdsStore reader;
+    int rc = 0;
+};
+
+} // namespace
+
+BOOST_AUTO_TEST_SUITE(leaf_ids)
+
+BOOST_AUTO_TEST_CASE(a_table_gives_each_normal_path_one_dense_id) {
+    CLeafTable table;
+    BOOST_TEST(table.add("/a//b/") == 0u);
+    BOOST_TEST(table.add("/a/b") == 0u);
+    BOOST_TEST(table.add("c") == 1u);
+    BOOST_TEST(table.path(0) == "/a/b");
+    BOOST_TEST(table.path(1) == "/c");
+    BOOST_TEST(table.size() == 2u);
+    leaf_id_t id = 9;
+    BOOST_TEST((table.find("//a/b", id) && id == 0));
+    BOOST_TEST(!table.find("/a", id));
+}
+
+BOOST_FIXTURE_TEST_CASE(reads_see_every_writer_at_once, CIdFixture) {
+    BOOST_TEST(read_one(5) == 0);
+    BOOST_TEST(read_one(k_leaves - 1) == -1); // in the table, not in the store
+    BOOST_TEST(rc == 0);
+
+    // Another connection of this process, by path and by id.
+    CCdsStore other;
+    open(other);
+    set(other.cds(), 5, 50);
+    BOOST_TEST(read_one(5) == 50);
+    const CElement value = CElement::from_int(51);
+    api_status_t status = 0;
+    BOOST_TEST(other.cds().write(&ids[6], &value, 1, &status) == 0);
+    BOOST_TEST(status == API_STATUS_OK);
+    BOOST_TEST(read_one(6) == 51);
+
+    // Another process: cdsctl, and a child writing by id.
+    const CRunResult r = run_cdsctl(dir(), {"set", leaf_path(7), "70"});
+    BOOST_REQUIRE_MESSAGE(r.status == 0, r.err);
+    BOOST_TEST(read_one(7) == 70);
+    const pid_t pid = ::fork();
+    BOOST_REQUIRE(pid >= 0);
+    if (pid == 0) {
+        CCdsStore child;
+        if (child.open(path()) != 0)
+            ::_exit(1);
+        child.cds().bind(table);
+        const CElement v = CElement::from_int(80);
+        api_status_t st = 0;
+        ::_exit(child.cds().write(&ids[8], &v, 1, &st) == 0 && st == API_STATUS_OK ? 0 : 2);
+    }
+    BOOST_REQUIRE_EQUAL(wait_child(pid), 0);
+    BOOST_TEST(read_one(8) == 80);
+    BOOST_TEST(read_one(5) == 50);
+
+    // A burst past what a reader follows leaf by leaf: the whole cache goes.
+    std::vector<tk_string> paths;
+    for (int i = 0; i + 1 < k_leaves; ++i)
+        paths.push_back(leaf_path(i));
+    std::vector<api_status_t> st;
+    BOOST_REQUIRE_EQUAL(
+        other.cds().set_leaves(paths, std::vector<CElement>(paths.size(), CElement::from_int(9)),
+                               std::vector<kvr_tribool_t>(paths.size(), 2), st, "test"),
+        0);
+    const std::vector<int64_t> all = read(reader.cds(), k_leaves - 1);
+    BOOST_TEST(all == std::vector<int64_t>(k_leaves - 1, 9), boost::test_tools::per_element());
+}
+
+BOOST_FIXTURE_TEST_CASE(id_writes_keep_the_rules_of_set_leaves, CIdFixture) {
+    const leaf_id_t batch[] = {ids[1], ids[2], ids[k_leaves - 1], table.add("/Meter")};
+    const CElement values[] = {CElement::from_string("12"), CElement::from_string("twelve"),
+                               CElement::from_int(1), CElement::from_int(3, timeval{1000, 5})};
+    api_status_t st[4] = {};
+    BOOST_TEST(reader.cds().write(batch, values, 4, st) == 0);
+    BOOST_TEST(st[0] == API_STATUS_OK);        // converted to the leaf's type
+    BOOST_TEST(st[1] == API_STATUS_BAD_VALUE); // not an int
+    BOOST_TEST(st[2] == API_STATUS_NOT_FOUND);
+    BOOST_TEST(st[3] == API_STATUS_NOT_FOUND); // a node
+    // Its own write is read back, stamped now (the element had no stamp).
+    BOOST_TEST(read_one(1) == 12);
+    BOOST_TEST(value(leaf_path(1)).time().tv_sec > 1000);
+    const CElement stamped = CElement::from_int(4, timeval{1000, 5});
+    BOOST_TEST(reader.cds().write(&ids[1], &stamped, 1, st) == 0);
+    BOOST_TEST(value(leaf_path(1)).time().tv_sec == 1000);
+    BOOST_TEST(read_one(1) == 4);
+
+    // An id the bound table does not have is refused with a reason.
+    const leaf_id_t beyond = 100000;
+    const CLeafValue* out = nullptr;
+    BOOST_TEST(reader.cds().read(&beyond, 1, &out, true) != 0);
+    BOOST_TEST(has_text(reader.cds().error(), "100000"), reader.cds().error());
+
+    reader.cds().setReadOnly();
+    BOOST_TEST(reader.cds().write(&ids[1], &stamped, 1, st) == 0);
+    BOOST_TEST(st[0] == API_STATUS_READ_ONLY);
+}
+
+BOOST_FIXTURE_TEST_CASE(writers_bump_the_big_endian_counter_from_several_processes, CIdFixture) {
+    const uint32_t before = counter_value(path());
+    set(store().cds(), 1, 1);
+    size_t removed = 0;
+    BOOST_REQUIRE_EQUAL(store().remove(leaf_path(2), false, removed), 0);
+    define(leaf_path(2), CElement::TYPE_INT, CElement::from_int(2));
+    BOOST_TEST(counter_value(path()) == before + 3);
+
+    // Bumps from two processes at once are all counted.
+    const int k_writes = 100;
+    pid_t pids[2];
+    for (int c = 0; c < 2; ++c) {
+        pids[c] = ::fork();
+        BOOST_REQUIRE(pids[c] >= 0);
+        if (pids[c] == 0) {
+            CCdsStore child;
+            if (child.open(path()) != 0)
+                ::_exit(1);
+            std::vector<api_status_t> st;
+            for (int i = 0; i < k_writes; ++i)
+                if (child.cds().set_leaves({leaf_path(10 + c)}, {CElement::from_int(i)}, {2}, st,
+                                           "child") != 0)
+                    ::_exit(2);
+            ::_exit(0);
+        }
+    }
+    BOOST_TEST(wait_child(pids[0]) == 0);
+    BOOST_TEST(wait_child(pids[1]) == 0);
+    BOOST_TEST(counter_value(path()) == before + 3 + 2 * k_writes);
+    BOOST_TEST(read_one(10) == k_writes - 1);
+    BOOST_TEST(read_one(11) == k_writes - 1);
+}
+
+// The fast path does not ask SQLite, so a commit without a bump (a writer killed in between,
+// or not using this library) stays unseen until the periodic check, and no longer.
+BOOST_FIXTURE_TEST_CASE(a_commit_without_a_bump_is_seen_within_the_periodic_check, CIdFixture) {
+    BOOST_TEST(read_one(3) == 0);
+    raw_sql(path(), "BEGIN IMMEDIATE; UPDATE changes SET seq = seq + 1;"
+                    "UPDATE leaves SET value = 33, seq = (SELECT seq FROM changes) "
+                    "WHERE path = '" +
+                        leaf_path(3) + "'; COMMIT;");
+    BOOST_TEST(read_one(3) == 0);
+    const int64_t ms = ms_until(3, 33);
+    BOOST_TEST(ms >= 0);
+    BOOST_TEST(ms < 700);
+    // As the sqlite3 shell would write it (the generation changes).
+    raw_sql(path(), "UPDATE leaves SET value = 34 WHERE path = '" + leaf_path(3) + "'");
+    BOOST_TEST(ms_until(3, 34) >= 0);
+}
+
+BOOST_FIXTURE_TEST_CASE(a_counter_file_removed_under_a_reader_is_mapped_again, CIdFixture) {
+    BOOST_TEST(read_one(4) == 0);
+    BOOST_REQUIRE_EQUAL(::unlink((path() + "-changes").c_str()), 0);
+    // A new process creates a new counter; the reader still maps the removed one.
+    CCdsStore other;
+    open(other);
+    set(other.cds(), 4, 40);
+    BOOST_TEST(ms_until(4, 40) >= 0);
+    // Mapped again: the next write is seen at once.
+    std::this_thread::sleep_for(std::chrono::milliseconds(600));
+    BOOST_TEST(read_one(4) == 40);
+    set(other.cds(), 4, 41);
+    BOOST_TEST(read_one(4) == 41);
+}
+
+// A store replaced by rename while one connection only is open, as it must be done.
+BOOST_AUTO_TEST_CASE(a_store_renamed_over_or_removed_is_followed) {
+    CTempDir dir;
+    const tk_string path = dir.file("store.db");
+    auto make = [](const tk_string& file, int64_t value) {
+        tk_string error;
+        BOOST_REQUIRE_MESSAGE(CCdsStore::create(file, error) == 0, error);
+        CCdsStore s;
+        BOOST_REQUIRE_EQUAL(s.open(file), 0);
+        BOOST_REQUIRE_EQUAL(s.define({{"/a", CElement::TYPE_INT, CElement::from_int(value)}}), 0);
+    };
+    make(path, 1);
+    CLeafTable table;
+    const leaf_id_t id = table.add("/a");
+    CCdsStore reader;
+    BOOST_REQUIRE_EQUAL(reader.open(path), 0);
+    reader.cds().bind(table);
+    auto read = [&]() {
+        const CLeafValue* out = nullptr;
+        return reader.cds().read(&id, 1, &out, true) == 0 ? out->value.to_int() : int64_t(-1);
+    };
+    BOOST_TEST(read() == 1);
+
+    make(dir.file("next.db"), 10);
+    BOOST_REQUIRE_EQUAL(std::rename(dir.file("next.db").c_str(), path.c_str()), 0);
+    std::this_thread::sleep_for(std::chrono::milliseconds(600));
+    BOOST_TEST(read() == 10);
+    BOOST_TEST(has_text(reader.cds().take_notice(), "reopened"));
+    // It follows writers of the new file at once again.
+    const CRunResult r = run_cdsctl(dir, {"--store", path, "set", "/a", "11"});
+    BOOST_REQUIRE_MESSAGE(r.status == 0, r.err);
+    BOOST_TEST(read() == 11);
+
+    BOOST_REQUIRE_EQUAL(::unlink(path.c_str()), 0);
+    std::this_thread::sleep_for(std::chrono::milliseconds(600));
+    BOOST_TEST(read() == -1);
+    BOOST_TEST(has_text(reader.cds().error(), path), reader.cds().error());
+    BOOST_TEST(has_text(reader.cds().take_notice(), "is gone"));
+    make(path, 12);
+    BOOST_TEST(read() == 12);
+}
+
+// An idle WAL reader keeps a shared lock that no other connection can take exclusively; a
+// store switched to a rollback journal, though, locks readers out during each commit.
+BOOST_AUTO_TEST_CASE(a_locked_store_answers_busy_at_once_when_told_not_to_wait) {
+    CTempDir dir;
+    const tk_string path = dir.file("store.db");
+    tk_string error;
+    BOOST_REQUIRE_MESSAGE(CCdsStore::create(path, error) == 0, error);
+    CLeafTable table;
+    std::vector<toolkit::CLeafInfo> leaves;
+    for (int i = 0; i < 20; ++i) {
+        leaves.push_back({leaf_path(i), CElement::TYPE_INT, CElement::from_int(i), 0});
+        table.add(leaf_path(i));
+    }
+    {
+        CCdsStore s;
+        BOOST_REQUIRE_EQUAL(s.open(path), 0);
+        BOOST_REQUIRE_EQUAL(s.define(leaves), 0);
+    }
+    raw_sql(path, "PRAGMA journal_mode=DELETE");
+    CCdsStore reader;
+    BOOST_REQUIRE_EQUAL(reader.open(path), 0);
+    reader.cds().bind(table);
+    std::vector<leaf_id_t> ids(20);
+    for (leaf_id_t i = 0; i < 20; ++i)
+        ids[i] = i;
+    std::vector<const CLeafValue*> out(20);
+    BOOST_REQUIRE_EQUAL(reader.cds().read(ids.data(), 10, out.data(), false), 0);
+
+    sqlite3* db = nullptr;
+    BOOST_REQUIRE_EQUAL(sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READWRITE, nullptr),
+                        SQLITE_OK);
+    BOOST_REQUIRE_EQUAL(sqlite3_exec(db, "BEGIN EXCLUSIVE", nullptr, nullptr, nullptr), SQLITE_OK);
+    const clock_type::time_point start = clock_type::now();
+    BOOST_TEST(reader.cds().read(ids.data(), 20, out.data(), false) == CCds::busy);
+    BOOST_TEST((clock_type::now() - start < std::chrono::milliseconds(100)));
+    BOOST_TEST(has_text(reader.cds().error(), "locked"), reader.cds().error());
+    // Waiting is bounded too, and busy afterwards is not a failed store.
+    BOOST_TEST(reader.cds().read(ids.data(), 20, out.data(), true) == CCds::busy);
+    const tk_string sql = "UPDATE leaves SET value = 50 WHERE path = '" + leaf_path(15) + "'";
+    BOOST_REQUIRE_EQUAL(sqlite3_exec(db, (sql + "; COMMIT").c_str(), nullptr, nullptr, nullptr),
+                        SQLITE_OK);
+    BOOST_TEST(reader.cds().read(ids.data(), 20, out.data(), false) == 0);
+    BOOST_TEST(out[14]->value.to_int() == 14);
+    BOOST_TEST(out[15]->value.to_int() == 50);
+    sqlite3_close(db);
+}
+
+BOOST_FIXTURE_TEST_CASE(without_a_counter_file_every_read_asks_the_store, CIdFixture) {
+    const tk_string counter = path() + "-changes";
+    BOOST_REQUIRE_EQUAL(::unlink(counter.c_str()), 0);
+    // Permissions do not stop root: then a folder in the way stops the counter instead.
+    if (::geteuid() == 0)
+        BOOST_REQUIRE_EQUAL(::mkdir(counter.c_str(), 0755), 0);
+    BOOST_REQUIRE_EQUAL(::chmod(dir().path().c_str(), 0555), 0);
+    CCdsStore plain;
+    open(plain);
+    BOOST_REQUIRE_EQUAL(::chmod(dir().path().c_str(), 0755), 0);
+    const tk_string notice = plain.cds().take_notice();
+    BOOST_TEST(has_text(notice, counter), notice);
+    BOOST_TEST(read(plain.cds(), 10) == std::vector<int64_t>(10, 0),
+               boost::test_tools::per_element());
+    set(store().cds(), 2, 20);
+    BOOST_TEST(read(plain.cds(), 10)[2] == 20);
+    raw_sql(path(), "UPDATE leaves SET value = 21 WHERE path = '" + leaf_path(2) + "'");
+    BOOST_TEST(read(plain.cds(), 10)[2] == 21);
+    // Said once, not at every periodic check.
+    std::this_thread::sleep_for(std::chrono::milliseconds(600));
+    BOOST_TEST(read(plain.cds(), 10).size() == 10u);
+    BOOST_TEST(plain.cds().take_notice().empty());
+}
+
+BOOST_AUTO_TEST_SUITE_END()
