@@ -31,8 +31,9 @@ const char k_usage[] =
     "To give running processes a new store, load into the live one (\"load FILE.json\n"
     "--replace\", one transaction). Replace the file itself only with the store's processes\n"
     "stopped, and remove STORE-wal and STORE-shm with it: a -wal file left beside a new\n"
-    "store holds pages of the old one and corrupts it. Running processes reopen a store\n"
-    "renamed over theirs, and refuse writes while it is missing.\n"
+    "store holds pages of the old one and corrupts it. STORE-changes, a change counter,\n"
+    "may stay. Running processes reopen a store renamed over theirs, and refuse writes\n"
+    "while it is missing.\n"
     "\n"
     "Commands:\n";
 
