@@ -48,16 +48,21 @@ void translate_registers(const CEdsMapping& eds) {
         const size_t count = mapping.reg_count();
         check(count == static_cast<size_t>(addrs.second - addrs.first) + 1u,
               "a mapping's register count differs from its address range");
+        // One guard register past the mapping's own: to_registers must not touch it.
+        const mbreg_t guard = 0xA55A;
+        regvec_t regs(count + 1);
         for (const toolkit::CElement& value : probe_values()) {
             try {
-                check(mapping.to_registers(value, cfg).size() == count,
-                      "to_registers gave another number of registers than the mapping has");
+                regs.back() = guard;
+                mapping.to_registers(value, cfg, regs.data());
+                check(regs.back() == guard,
+                      "to_registers wrote more registers than the mapping has");
             } catch (const generic_err&) {
             }
         }
         for (const mbreg_t fill : {0x0000, 0xFFFF, 0x8000, 0x3A30}) {
             try {
-                mapping.from_registers(regvec_t(count, fill), cfg);
+                mapping.from_registers(regvec_t(count, fill).data(), cfg);
             } catch (const generic_err&) {
             }
         }

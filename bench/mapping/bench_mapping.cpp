@@ -64,12 +64,12 @@ std::vector<CSample> read_of_125_registers() {
 void to_registers(benchmark::State& state) {
     const std::vector<CSample> samples = read_of_125_registers();
     const CModbusParamDynamicConfig cfg;
-    regvec_t response;
+    regvec_t response(125);
     for (auto _ : state) {
-        response.clear();
+        mbreg_t* out = response.data();
         for (const CSample& s : samples) {
-            const regvec_t regs = s.mapping->to_registers(s.value, cfg);
-            response.insert(response.end(), regs.begin(), regs.end());
+            s.mapping->to_registers(s.value, cfg, out);
+            out += s.mapping->reg_count();
         }
         benchmark::DoNotOptimize(response.data());
     }
@@ -81,11 +81,13 @@ void from_registers(benchmark::State& state) {
     const std::vector<CSample> samples = read_of_125_registers();
     const CModbusParamDynamicConfig cfg;
     std::vector<regvec_t> request;
-    for (const CSample& s : samples)
-        request.push_back(s.mapping->to_registers(s.value, cfg));
+    for (const CSample& s : samples) {
+        request.emplace_back(s.mapping->reg_count());
+        s.mapping->to_registers(s.value, cfg, request.back().data());
+    }
     for (auto _ : state) {
         for (size_t i = 0; i < samples.size(); ++i) {
-            CElement el = samples[i].mapping->from_registers(request[i], cfg);
+            CElement el = samples[i].mapping->from_registers(request[i].data(), cfg);
             benchmark::DoNotOptimize(el);
         }
     }

@@ -32,6 +32,16 @@ CEventMapping event_mapping(const char* property, const char* index, const char*
                                     {"DateSpec", "YYmdHMSS"}}));
 }
 
+// to_registers into reg_count() registers followed by a guard that it must leave alone.
+regvec_t event_regs(const CEventMapping& m, const CEventQueue& queue) {
+    const mbreg_t guard = 0xA55A;
+    regvec_t regs(m.reg_count() + 1, guard);
+    m.to_registers(queue, regs.data());
+    BOOST_TEST(regs.back() == guard);
+    regs.pop_back();
+    return regs;
+}
+
 } // namespace
 
 BOOST_AUTO_TEST_SUITE(mapping)
@@ -147,9 +157,9 @@ BOOST_AUTO_TEST_CASE(event_properties_on_full_and_empty_slots) {
         {"WaveformID", "DATATYPE_UINT", "4", {0, 77}, {0xFFFF, 0xFFFF}},
     };
     for (const auto& c : cases) {
-        BOOST_TEST(event_mapping(c.property, "0", c.type, c.size).to_registers(queue) == c.full,
+        BOOST_TEST(event_regs(event_mapping(c.property, "0", c.type, c.size), queue) == c.full,
                    c.property);
-        BOOST_TEST(event_mapping(c.property, "1", c.type, c.size).to_registers(queue) == c.empty,
+        BOOST_TEST(event_regs(event_mapping(c.property, "1", c.type, c.size), queue) == c.empty,
                    c.property);
     }
     BOOST_TEST(

@@ -1,6 +1,8 @@
 #pragma once
-// Helpers of the mapping suite: nodes written inline, sample files, captured log lines and
-// checks that a call aborts.
+// Helpers of the mapping suite: nodes written inline, sample files, captured log lines,
+// translations into exactly sized buffers and checks that a call aborts.
+#include "modbus/config/modbus_param_dynamic_config.h"
+#include "modbus/modbus_types.h"
 #include "support/stderr_capture.h"
 #include "util/log.h"
 
@@ -11,6 +13,8 @@
 #include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
+
+#include <boost/test/unit_test.hpp>
 
 #include <cstdlib>
 #include <functional>
@@ -43,6 +47,25 @@ private:
     int32_t _saved;
     CStderrCapture _capture;
 };
+
+// m.to_registers into reg_count() registers followed by a guard that it must leave alone.
+template <class M>
+regvec_t to_regs(const M& m, const toolkit::CElement& el, const CModbusParamDynamicConfig& cfg) {
+    const mbreg_t guard = 0xA55A;
+    regvec_t regs(m.reg_count() + 1, guard);
+    m.to_registers(el, cfg, regs.data());
+    BOOST_TEST(regs.back() == guard, "to_registers wrote past its " << m.reg_count());
+    regs.pop_back();
+    return regs;
+}
+
+// m.from_registers on regs, which must be as many as the mapping has.
+template <class M>
+toolkit::CElement from_regs(const M& m, const regvec_t& regs,
+                            const CModbusParamDynamicConfig& cfg) {
+    BOOST_TEST_REQUIRE(regs.size() == m.reg_count());
+    return m.from_registers(regs.data(), cfg);
+}
 
 // Runs fn in a child process; true when the child ends by SIGABRT (a failed assertion).
 inline bool aborts(const std::function<void()>& fn) {

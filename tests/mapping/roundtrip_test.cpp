@@ -153,8 +153,8 @@ BOOST_AUTO_TEST_CASE(random_round_trips) {
         if (rng.bernoulli(0.5))
             add(c, "WordOrder", "1");
         const auto m = CRegisterMapping::create(c.node);
-        const regvec_t regs = m->to_registers(c.value, no_units);
-        CElement back = m->from_registers(regs, no_units);
+        const regvec_t regs = to_regs(*m, c.value, no_units);
+        CElement back = from_regs(*m, regs, no_units);
         CElement expected = c.value;
         if (c.value.is_string()) // "Size" bytes at most, up to the first zero byte
             expected = CElement::from_string(c.value.str().substr(0, m->size()));

@@ -87,23 +87,21 @@ BOOST_AUTO_TEST_CASE(date_spec_fields_back) {
 
 BOOST_AUTO_TEST_CASE(date_layouts) {
     const CElement value = CElement::from_time(when);
-    BOOST_TEST(date("YYmd")->to_registers(value, no_units) == (regvec_t{2026, 0x0305}));
+    BOOST_TEST(to_regs(*date("YYmd"), value, no_units) == (regvec_t{2026, 0x0305}));
     const auto full = date("YYmdHMSS");
     BOOST_TEST(full->size() == 8);
     BOOST_TEST(full->reg_count() == 4u);
-    BOOST_TEST(full->to_registers(value, no_units) == (regvec_t{2026, 0x0305, 0x0E07, 9}));
+    BOOST_TEST(to_regs(*full, value, no_units) == (regvec_t{2026, 0x0305, 0x0E07, 9}));
     // A doubled letter counts where a register starts; elsewhere each letter is a byte.
-    BOOST_TEST(date("mYYd")->to_registers(value, no_units) == (regvec_t{0x03EA, 0xEA05}));
-    BOOST_TEST(date("ymd")->to_registers(value, no_units) == (regvec_t{0x1A03, 0x0500}));
-    BOOST_TEST(date("mdHM", "8")->to_registers(value, no_units) ==
-               (regvec_t{0x0003, 0x050E, 0x0700}));
-    BOOST_TEST(date("YYmd", "8")->to_registers(value, no_units) ==
-               (regvec_t{0x00EA, 0xEA03, 0x0500}));
+    BOOST_TEST(to_regs(*date("mYYd"), value, no_units) == (regvec_t{0x03EA, 0xEA05}));
+    BOOST_TEST(to_regs(*date("ymd"), value, no_units) == (regvec_t{0x1A03, 0x0500}));
+    BOOST_TEST(to_regs(*date("mdHM", "8"), value, no_units) == (regvec_t{0x0003, 0x050E, 0x0700}));
+    BOOST_TEST(to_regs(*date("YYmd", "8"), value, no_units) == (regvec_t{0x00EA, 0xEA03, 0x0500}));
 
     // The time stamp instead of the value, unless "Timestamp" is "0".
     const CElement stamped(CElement::from_time(timeval{0, 0}), when);
-    BOOST_TEST(date("Hq", "0", "1")->to_registers(stamped, no_units) == regvec_t{0x0EFA});
-    BOOST_TEST(date("Hq", "0", "0")->to_registers(stamped, no_units) == regvec_t{0x0000});
+    BOOST_TEST(to_regs(*date("Hq", "0", "1"), stamped, no_units) == regvec_t{0x0EFA});
+    BOOST_TEST(to_regs(*date("Hq", "0", "0"), stamped, no_units) == regvec_t{0x0000});
 
     BOOST_CHECK_THROW(date("YYmd", "4"), generic_err);
     BOOST_CHECK_THROW(date(""), generic_err);
@@ -112,9 +110,9 @@ BOOST_AUTO_TEST_CASE(date_layouts) {
 BOOST_AUTO_TEST_CASE(date_written_back) {
     const CUtcZone zone;
     const auto m = date("ymdHMSqq");
-    const regvec_t regs = m->to_registers(CElement::from_time(when), no_units);
+    const regvec_t regs = to_regs(*m, CElement::from_time(when), no_units);
     BOOST_TEST(regs == (regvec_t{0x1A03, 0x050E, 0x0709, 250}));
-    const CElement back = m->from_registers(regs, no_units);
+    const CElement back = from_regs(*m, regs, no_units);
     BOOST_TEST(back.is_time());
     BOOST_TEST(back.to_timeval().tv_sec == when.tv_sec);
     BOOST_TEST(back.to_timeval().tv_usec == when.tv_usec);
@@ -123,18 +121,17 @@ BOOST_AUTO_TEST_CASE(date_written_back) {
     // Fields the date spec does not name come from the current time.
     timeval now;
     gettimeofday(&now, nullptr);
-    const timeval day_start = date("HMS")->from_registers({0x0000, 0x0000}, no_units).to_timeval();
+    const timeval day_start = from_regs(*date("HMS"), {0x0000, 0x0000}, no_units).to_timeval();
     BOOST_TEST(day_start.tv_sec % 86400 == 0);
     BOOST_TEST(now.tv_sec - day_start.tv_sec < 86400 + 5);
 
     // A doubled q may carry whole seconds.
-    const timeval carried = date("qqHMS")->from_registers({1500, 0, 0}, no_units).to_timeval();
+    const timeval carried = from_regs(*date("qqHMS"), {1500, 0, 0}, no_units).to_timeval();
     BOOST_TEST(carried.tv_sec % 86400 == 1);
     BOOST_TEST(carried.tv_usec == 500000);
 
     CMappingLog log;
-    BOOST_CHECK_THROW(date("YYmd", "0", "1")->from_registers({2026, 0x0305}, no_units),
-                      generic_err);
+    BOOST_CHECK_THROW(from_regs(*date("YYmd", "0", "1"), {2026, 0x0305}, no_units), generic_err);
     BOOST_TEST(log.text().find("Can't set a value's timestamp via Modbus") != std::string::npos);
 }
 

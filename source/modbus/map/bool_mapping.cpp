@@ -21,16 +21,16 @@ mbreg_t CBoolMapping::mask() const {
     return static_cast<mbreg_t>(0x8000u >> _offset);
 }
 
-regvec_t CBoolMapping::translate(const toolkit::CElement& el,
-                                 const CModbusParamDynamicConfig&) const {
+void CBoolMapping::translate(const toolkit::CElement& el, const CModbusParamDynamicConfig&,
+                             mbreg_t* out) const {
     LOG_STACK();
-    return regvec_t(1, el.to_bool() ? mask() : 0);
+    out[0] = el.to_bool() ? mask() : 0;
 }
 
-toolkit::CElement CBoolMapping::translate(const regvec_t& regs,
+toolkit::CElement CBoolMapping::translate(const mbreg_t* regs,
                                           const CModbusParamDynamicConfig&) const {
     LOG_STACK();
-    assert(regs.size() == 1);
+    assert(regs != nullptr);
     return toolkit::CElement::from_bool((regs[0] & mask()) != 0, toolkit::CElement::_invalid_time);
 }
 

@@ -3,20 +3,20 @@
 #include "util/log.h"
 
 #include <cassert>
-#include <cerrno>
-#include <cstdlib>
+#include <string_view>
 
 namespace {
 
 const uint32_t no_value = 0xffffffffu;
 const char* const property_names[] = {"ID", "Time", "Cause", "Param", "WaveformID"};
 
-bool starts_with(const tk_string& s, const char* prefix) {
-    return s.rfind(prefix, 0) == 0;
+// Views, not copies: a register read must not allocate.
+bool starts_with(std::string_view s, std::string_view prefix) {
+    return s.substr(0, prefix.size()) == prefix;
 }
 
-bool contains(const tk_string& s, const char* part) {
-    return s.find(part) != tk_string::npos;
+bool contains(std::string_view s, std::string_view part) {
+    return s.find(part) != std::string_view::npos;
 }
 
 } // namespace
@@ -46,9 +46,9 @@ const CRegisterMapping& CEventMapping::mapping() const {
     return *_mapping;
 }
 
-regvec_t CEventMapping::to_registers(const CEventQueue& events) const {
+void CEventMapping::to_registers(const CEventQueue& events, mbreg_t* out) const {
     LOG_STACK();
-    return mapping().to_registers(get_mapped_data(events), CModbusParamDynamicConfig());
+    mapping().to_registers(get_mapped_data(events), CModbusParamDynamicConfig(), out);
 }
 
 toolkit::CElement CEventMapping::get_mapped_data(const CEventQueue& events) const {
@@ -76,10 +76,11 @@ toolkit::CElement CEventMapping::get_mapped_data(const CEventQueue& events) cons
 unsigned CEventMapping::find_cause(const toolkit::CEvent& ev) {
     if (!ev.source)
         return 0;
-    const size_t slash = ev.source->rfind('/');
-    if (slash == tk_string::npos || slash + 1 == ev.source->size())
+    const std::string_view source(*ev.source);
+    const size_t slash = source.rfind('/');
+    if (slash == std::string_view::npos || slash + 1 == source.size())
         return 0;
-    const tk_string name = ev.source->substr(slash + 1);
+    const std::string_view name = source.substr(slash + 1);
     if (name == "mDiscreteInput1")
         return 2;
     if (contains(name, "OverVolt"))
@@ -114,17 +115,16 @@ uint32_t CEventMapping::extract_waveform_id(const toolkit::CEvent& ev) {
     const size_t before = url.find_last_not_of(digits, last);
     const size_t first = before == tk_string::npos ? 0 : before + 1;
     assert(last >= first);
-    const tk_string numeric_str = url.substr(first, last - first + 1);
-    assert(!numeric_str.empty());
-    char* pend = nullptr;
-    errno = 0;
-    // 64 bits, so that the same digits give the same answer wherever long is 32 bits.
-    const long long value = std::strtoll(numeric_str.c_str(), &pend, 10);
-    assert(pend != nullptr);
-    if (*pend != '\0' || value < 0 || errno == ERANGE || value > static_cast<long long>(no_value)) {
-        LOG_WARN(SS_MAPPING, 2, "Bad conversion from number in URL '%s' (%s)", url.c_str(),
-                 numeric_str.c_str());
-        return no_value;
+    // Parsed in place, in 64 bits, so that the same digits give the same answer wherever
+    // long is 32 bits; past 32 bits there is no id.
+    uint64_t value = 0;
+    for (size_t i = first; i <= last; ++i) {
+        value = value * 10 + static_cast<unsigned>(url[i] - '0');
+        if (value > no_value) {
+            LOG_WARN(SS_MAPPING, 2, "Bad conversion from number in URL '%s' (%.*s)", url.c_str(),
+                     static_cast<int>(last - first + 1), url.c_str() + first);
+            return no_value;
+        }
     }
     return static_cast<uint32_t>(value);
 }

@@ -25,9 +25,9 @@ public:
     virtual ~CEventMapping() = default;
 
     size_t reg_count() const;
-    // The property of the indexed event, laid out without units conversion. The queue
-    // must have a slot at index().
-    regvec_t to_registers(const CEventQueue& events) const;
+    // The property of the indexed event, laid out without units conversion in reg_count()
+    // registers at out. The queue must have a slot at index(). Allocates nothing.
+    void to_registers(const CEventQueue& events, mbreg_t* out) const;
     toolkit::CElement get_mapped_data(const CEventQueue& events) const;
 
     unsigned property() const { return _property; }

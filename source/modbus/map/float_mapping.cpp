@@ -81,23 +81,22 @@ float CFloatMapping::scaled(const toolkit::CElement& el, double factor) const {
     return v;
 }
 
-regvec_t CFloatMapping::translate(const toolkit::CElement& el,
-                                  const CModbusParamDynamicConfig& cfg) const {
+void CFloatMapping::translate(const toolkit::CElement& el, const CModbusParamDynamicConfig& cfg,
+                              mbreg_t* out) const {
     LOG_STACK();
     assert(_size == 4);
     const uint32_t b = float_bits(scaled(el, CMapUtil::units_factor(cfg.units(), _units)));
-    regvec_t regs(reg_count(), 0);
+    std::fill(out, out + reg_count(), mbreg_t(0));
     const size_t start = _offset / 8;
     for (size_t k = 0; k < 4; ++k)
-        CMapUtil::put_byte(regs, start + k, static_cast<uint8_t>(b >> (24 - 8 * k)));
-    return regs;
+        CMapUtil::put_byte(out, start + k, static_cast<uint8_t>(b >> (24 - 8 * k)));
 }
 
-toolkit::CElement CFloatMapping::translate(const regvec_t& regs,
+toolkit::CElement CFloatMapping::translate(const mbreg_t* regs,
                                            const CModbusParamDynamicConfig& cfg) const {
     LOG_STACK();
     assert(_size == 4);
-    assert(regs.size() == (_offset == 0 ? 2u : 3u));
+    assert(regs != nullptr);
     uint32_t b = 0;
     const size_t start = _offset / 8;
     for (size_t k = 0; k < 4; ++k)

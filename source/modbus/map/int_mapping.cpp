@@ -2,6 +2,7 @@
 #include "modbus/map/map_util.h"
 #include "util/log.h"
 
+#include <algorithm>
 #include <cassert>
 #include <cmath>
 #include <limits>
@@ -116,29 +117,26 @@ void CIntMapping::check_layout() const {
     assert(!(_offset == 8 && _size == 2));
 }
 
-regvec_t CIntMapping::translate(const toolkit::CElement& el,
-                                const CModbusParamDynamicConfig& cfg) const {
+void CIntMapping::translate(const toolkit::CElement& el, const CModbusParamDynamicConfig& cfg,
+                            mbreg_t* out) const {
     LOG_STACK();
     check_layout();
     const uint32_t v = scaled(el, CMapUtil::units_factor(cfg.units(), _units));
     // Bytes beyond the 32-bit value extend its sign.
     const uint8_t fill = _signed && (v >> 31) != 0 ? 0xff : 0x00;
-    regvec_t regs(reg_count(), 0);
+    std::fill(out, out + reg_count(), mbreg_t(0));
     const size_t start = _offset / 8;
     for (size_t k = 0; k < _size; ++k) {
         const size_t shift = _size - 1 - k; // bytes below this one
         const uint8_t b = shift < 4 ? static_cast<uint8_t>(v >> (8 * shift)) : fill;
-        CMapUtil::put_byte(regs, start + k, b);
+        CMapUtil::put_byte(out, start + k, b);
     }
-    return regs;
 }
 
-toolkit::CElement CIntMapping::translate(const regvec_t& regs,
+toolkit::CElement CIntMapping::translate(const mbreg_t* regs,
                                          const CModbusParamDynamicConfig& cfg) const {
     LOG_STACK();
-    const size_t nregs = reg_count();
-    assert(nregs != 0);
-    assert(regs.size() == nregs);
+    assert(regs != nullptr);
     check_layout();
     uint32_t raw = 0;
     const size_t start = _offset / 8;

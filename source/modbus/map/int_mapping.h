@@ -24,9 +24,9 @@ public:
 
     CProfileMapping reverse_map(const toolkit::CElement& el, const tk_string& units,
                                 const CModbusParamDynamicConfig& cfg) const override;
-    regvec_t translate(const toolkit::CElement& el,
-                       const CModbusParamDynamicConfig& cfg) const override;
-    toolkit::CElement translate(const regvec_t& regs,
+    void translate(const toolkit::CElement& el, const CModbusParamDynamicConfig& cfg,
+                   mbreg_t* out) const override;
+    toolkit::CElement translate(const mbreg_t* regs,
                                 const CModbusParamDynamicConfig& cfg) const override;
 
     bool is_signed() const { return _signed; }

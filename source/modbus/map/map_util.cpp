@@ -92,13 +92,13 @@ double CMapUtil::units_factor(int from, int to) {
     return kvr_units_conversion_ratio(from, to);
 }
 
-void CMapUtil::swap_endianness(regvec_t& data) {
-    assert(!data.empty());
-    for (mbreg_t& r : data)
-        r = static_cast<mbreg_t>((r << 8) | (r >> 8));
+void CMapUtil::swap_endianness(mbreg_t* data, size_t count) {
+    assert(data != nullptr && count != 0);
+    for (size_t i = 0; i < count; ++i)
+        data[i] = static_cast<mbreg_t>((data[i] << 8) | (data[i] >> 8));
 }
 
-void CMapUtil::swap_word_order(regvec_t& data) {
-    assert(!data.empty());
-    std::reverse(data.begin(), data.end());
+void CMapUtil::swap_word_order(mbreg_t* data, size_t count) {
+    assert(data != nullptr && count != 0);
+    std::reverse(data, data + count);
 }

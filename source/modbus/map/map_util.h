@@ -1,6 +1,7 @@
 #pragma once
 // Helpers shared by the mapping classes: reading node values, reporting bad ones, and
-// reordering registers.
+// reordering registers. The register helpers work on caller-owned buffers, so that a
+// translation allocates nothing.
 //
 // A mapping file is user input: every value it can get wrong is refused through fail(),
 // which logs one error naming the file, line, section and key, then throws generic_err.
@@ -43,17 +44,17 @@ public:
     static double units_factor(int from, int to);
 
     // Byte `pos` of a register image: register pos / 2, its high byte when pos is even.
-    static uint8_t get_byte(const regvec_t& regs, size_t pos) {
+    static uint8_t get_byte(const mbreg_t* regs, size_t pos) {
         const mbreg_t r = regs[pos / 2];
         return static_cast<uint8_t>(pos % 2 ? r & 0xff : r >> 8);
     }
     // ORs b into byte `pos`; the image starts zeroed.
-    static void put_byte(regvec_t& regs, size_t pos, uint8_t b) {
+    static void put_byte(mbreg_t* regs, size_t pos, uint8_t b) {
         regs[pos / 2] |= static_cast<mbreg_t>(pos % 2 ? b : b << 8);
     }
 
-    // Exchanges the two bytes of every register.
-    static void swap_endianness(regvec_t& data);
-    // Reverses the register order (a full reversal, not a swap of pairs).
-    static void swap_word_order(regvec_t& data);
+    // Exchanges the two bytes of each of the count registers.
+    static void swap_endianness(mbreg_t* data, size_t count);
+    // Reverses the order of the count registers (a full reversal, not a swap of pairs).
+    static void swap_word_order(mbreg_t* data, size_t count);
 };

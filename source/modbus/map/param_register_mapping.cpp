@@ -10,15 +10,15 @@ CParamRegisterMapping::CParamRegisterMapping(const toolkit::node_map_t& node, si
     _mapping = CRegisterMapping::create(node);
 }
 
-regvec_t CParamRegisterMapping::to_registers(const toolkit::CElement& el,
-                                             const CModbusParamDynamicConfig& cfg) const {
+void CParamRegisterMapping::to_registers(const toolkit::CElement& el,
+                                         const CModbusParamDynamicConfig& cfg, mbreg_t* out) const {
     LOG_STACK();
     assert(_mapping);
-    return _mapping->to_registers(el, cfg);
+    _mapping->to_registers(el, cfg, out);
 }
 
 toolkit::CElement
-CParamRegisterMapping::from_registers(const regvec_t& regs,
+CParamRegisterMapping::from_registers(const mbreg_t* regs,
                                       const CModbusParamDynamicConfig& cfg) const {
     LOG_STACK();
     assert(_mapping);

@@ -11,8 +11,11 @@ public:
     // Throws generic_err for a bad "Name" or a translator that cannot be built.
     CParamRegisterMapping(const toolkit::node_map_t& node, size_t id);
 
-    regvec_t to_registers(const toolkit::CElement& el, const CModbusParamDynamicConfig& cfg) const;
-    toolkit::CElement from_registers(const regvec_t& regs,
+    // The translator's to_registers and from_registers: reg_count() registers at out or
+    // regs, with the swaps applied.
+    void to_registers(const toolkit::CElement& el, const CModbusParamDynamicConfig& cfg,
+                      mbreg_t* out) const;
+    toolkit::CElement from_registers(const mbreg_t* regs,
                                      const CModbusParamDynamicConfig& cfg) const;
     size_t reg_count() const;
 

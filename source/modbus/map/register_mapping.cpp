@@ -7,7 +7,17 @@
 #include "modbus/map/time_mapping.h"
 #include "util/log.h"
 
+#include <algorithm>
+#include <array>
 #include <cassert>
+#include <vector>
+
+namespace {
+
+// The most registers one request carries (a read of holding registers).
+const size_t max_request_regs = 125;
+
+} // namespace
 
 std::unique_ptr<CRegisterMapping> CRegisterMapping::create(const toolkit::node_map_t& node) {
     LOG_STACK();
@@ -45,24 +55,34 @@ size_t CRegisterMapping::reg_count() const {
     return _offset == 0 ? (_size + 1u) / 2 : (_size + 2u) / 2;
 }
 
-regvec_t CRegisterMapping::to_registers(const toolkit::CElement& el,
-                                        const CModbusParamDynamicConfig& cfg) const {
+void CRegisterMapping::to_registers(const toolkit::CElement& el,
+                                    const CModbusParamDynamicConfig& cfg, mbreg_t* out) const {
     LOG_STACK();
-    regvec_t regs = translate(el, cfg);
+    translate(el, cfg, out);
     if (_swap_bytes)
-        CMapUtil::swap_endianness(regs);
+        CMapUtil::swap_endianness(out, reg_count());
     if (_swap_words)
-        CMapUtil::swap_word_order(regs);
-    return regs;
+        CMapUtil::swap_word_order(out, reg_count());
 }
 
-toolkit::CElement CRegisterMapping::from_registers(const regvec_t& regs,
+toolkit::CElement CRegisterMapping::from_registers(const mbreg_t* regs,
                                                    const CModbusParamDynamicConfig& cfg) const {
     LOG_STACK();
-    regvec_t natural(regs);
+    if (!_swap_bytes && !_swap_words)
+        return translate(regs, cfg);
+    // Undoing the swaps needs a copy: on the stack for anything one request can write.
+    const size_t n = reg_count();
+    std::array<mbreg_t, max_request_regs> local;
+    std::vector<mbreg_t> large;
+    mbreg_t* natural = local.data();
+    if (n > local.size()) {
+        large.resize(n);
+        natural = large.data();
+    }
+    std::copy(regs, regs + n, natural);
     if (_swap_words)
-        CMapUtil::swap_word_order(natural);
+        CMapUtil::swap_word_order(natural, n);
     if (_swap_bytes)
-        CMapUtil::swap_endianness(natural);
+        CMapUtil::swap_endianness(natural, n);
     return translate(natural, cfg);
 }

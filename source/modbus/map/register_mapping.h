@@ -36,19 +36,26 @@ public:
     // the store gives as `units`.
     virtual CProfileMapping reverse_map(const toolkit::CElement& el, const tk_string& units,
                                         const CModbusParamDynamicConfig& cfg) const = 0;
-    // Natural-order translation, without the swaps.
-    virtual regvec_t translate(const toolkit::CElement& el,
-                               const CModbusParamDynamicConfig& cfg) const = 0;
-    virtual toolkit::CElement translate(const regvec_t& regs,
+    // Natural-order translation, without the swaps: writes exactly reg_count() registers
+    // to out. Allocates nothing.
+    virtual void translate(const toolkit::CElement& el, const CModbusParamDynamicConfig& cfg,
+                           mbreg_t* out) const = 0;
+    // Reads exactly reg_count() natural-order registers from regs.
+    virtual toolkit::CElement translate(const mbreg_t* regs,
                                         const CModbusParamDynamicConfig& cfg) const = 0;
 
     // Registers the value occupies: (size + 1) / 2 at offset 0, (size + 2) / 2 at offset 8.
     // Every translator refuses other offsets when it is built, so any other is a bug.
     size_t reg_count() const;
 
-    regvec_t to_registers(const toolkit::CElement& el, const CModbusParamDynamicConfig& cfg) const;
-    // regs must hold reg_count() registers.
-    toolkit::CElement from_registers(const regvec_t& regs,
+    // The wire registers for el: writes reg_count() registers to out and applies the byte
+    // and word swaps to them in place. Allocates nothing, so that a read request costs no
+    // heap traffic per parameter.
+    void to_registers(const toolkit::CElement& el, const CModbusParamDynamicConfig& cfg,
+                      mbreg_t* out) const;
+    // The value of the reg_count() wire registers at regs (left untouched). Allocates only
+    // for a text value, or to undo the swaps of a value longer than one request can carry.
+    toolkit::CElement from_registers(const mbreg_t* regs,
                                      const CModbusParamDynamicConfig& cfg) const;
 
     uint16_t size() const { return _size; }

@@ -13,31 +13,34 @@ CStringMapping::CStringMapping(const toolkit::node_map_t& node) : CRegisterMappi
         CMapUtil::fail(node, "BitOffset", "a DATATYPE_STRING starts at bit offset 0 or 8");
 }
 
-regvec_t CStringMapping::translate(const toolkit::CElement& el,
-                                   const CModbusParamDynamicConfig&) const {
+void CStringMapping::translate(const toolkit::CElement& el, const CModbusParamDynamicConfig&,
+                               mbreg_t* out) const {
     LOG_STACK();
-    const tk_string text = el.str();
-    regvec_t regs(reg_count(), 0);
+    // A text is laid out from its own storage; any other kind is converted first, which is
+    // the one case here that may allocate.
+    tk_string converted;
+    if (!el.is_string())
+        el.to_string(converted);
+    const tk_string& text = el.is_string() ? el.text() : converted;
+    const size_t nregs = reg_count();
+    std::fill(out, out + nregs, mbreg_t(0));
     const size_t start = _offset / 8;
-    const size_t n = std::min(text.size(), 2 * regs.size() - start);
+    const size_t n = std::min(text.size(), 2 * nregs - start);
     for (size_t k = 0; k < n; ++k)
-        CMapUtil::put_byte(regs, start + k, static_cast<uint8_t>(text[k]));
-    return regs;
+        CMapUtil::put_byte(out, start + k, static_cast<uint8_t>(text[k]));
 }
 
-toolkit::CElement CStringMapping::translate(const regvec_t& regs,
+toolkit::CElement CStringMapping::translate(const mbreg_t* regs,
                                             const CModbusParamDynamicConfig&) const {
     LOG_STACK();
-    assert(!regs.empty());
-    assert(regs.size() == reg_count());
+    assert(regs != nullptr);
     const size_t start = _offset / 8;
-    tk_string text;
-    for (size_t pos = 0; pos < _size; ++pos) {
-        const char c = static_cast<char>(CMapUtil::get_byte(regs, start + pos));
-        if (c == '\0')
-            break;
-        text += c;
-    }
+    size_t len = 0;
+    while (len < _size && CMapUtil::get_byte(regs, start + len) != 0)
+        ++len;
+    tk_string text(len, '\0');
+    for (size_t pos = 0; pos < len; ++pos)
+        text[pos] = static_cast<char>(CMapUtil::get_byte(regs, start + pos));
     return toolkit::CElement::from_string(text, toolkit::CElement::_invalid_time);
 }
 

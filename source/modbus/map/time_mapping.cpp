@@ -32,8 +32,8 @@ const CTimeMappingSpec& CTimeMapping::spec() const {
     return *_spec;
 }
 
-regvec_t CTimeMapping::translate(const toolkit::CElement& el,
-                                 const CModbusParamDynamicConfig&) const {
+void CTimeMapping::translate(const toolkit::CElement& el, const CModbusParamDynamicConfig&,
+                             mbreg_t* out) const {
     LOG_STACK();
     const size_t nregs = reg_count();
     assert((_offset == 0) || (_offset == 8));
@@ -47,29 +47,26 @@ regvec_t CTimeMapping::translate(const toolkit::CElement& el,
         LOG_WARN(SS_MAPPING, 1, "Time %lld has no calendar date", static_cast<long long>(secs));
         throw generic_err();
     }
-    regvec_t regs(nregs, 0);
     size_t i = 0;
     size_t r = 0;
-    if (_offset == 8) {
-        regs[r++] = _spec->translate(i++, t, tv) & 0xff;
-    }
+    if (_offset == 8)
+        out[r++] = _spec->translate(i++, t, tv) & 0xff;
     for (; r < nregs; ++r, i += 2) {
         if (_spec->double_specifier(i)) {
-            regs[r] = _spec->translate(i, t, tv);
+            out[r] = _spec->translate(i, t, tv);
             continue;
         }
         const mbreg_t low = i + 1 < _spec->size() ? _spec->translate(i + 1, t, tv) & 0xff : 0;
-        regs[r] = static_cast<mbreg_t>((_spec->translate(i, t, tv) & 0xff) << 8 | low);
+        out[r] = static_cast<mbreg_t>((_spec->translate(i, t, tv) & 0xff) << 8 | low);
     }
-    return regs;
 }
 
-toolkit::CElement CTimeMapping::translate(const regvec_t& regs,
+toolkit::CElement CTimeMapping::translate(const mbreg_t* regs,
                                           const CModbusParamDynamicConfig&) const {
     LOG_STACK();
     const size_t nregs = reg_count();
     assert(_spec);
-    assert(regs.size() == nregs);
+    assert(regs != nullptr);
     if (_timestamp) {
         LOG_WARN(SS_MAPPING, 1, "Can't set a value's timestamp via Modbus");
         throw generic_err();

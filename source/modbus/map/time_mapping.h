@@ -20,11 +20,11 @@ public:
     CProfileMapping reverse_map(const toolkit::CElement& el, const tk_string& units,
                                 const CModbusParamDynamicConfig& cfg) const override;
     // Throws generic_err when the time has no calendar date.
-    regvec_t translate(const toolkit::CElement& el,
-                       const CModbusParamDynamicConfig& cfg) const override;
+    void translate(const toolkit::CElement& el, const CModbusParamDynamicConfig& cfg,
+                   mbreg_t* out) const override;
     // Throws generic_err for a time stamp mapping (after a warning) and when the date
     // written is no time.
-    toolkit::CElement translate(const regvec_t& regs,
+    toolkit::CElement translate(const mbreg_t* regs,
                                 const CModbusParamDynamicConfig& cfg) const override;
 
     bool timestamp() const { return _timestamp; }

@@ -36,19 +36,25 @@ tk_string CRegisterResultEntry::name() const {
 }
 
 regvec_t CRegisterResultEntry::translate(const CEventQueue& events) const {
+    regvec_t regs(_addr.size(), 0);
     if (_param == nullptr) {
         assert(_event != nullptr);
-        return _event->to_registers(events);
+        assert(_event->reg_count() == regs.size());
+        _event->to_registers(events, regs.data());
+        return regs;
     }
     assert(_leaf != nullptr);
     assert(_cfg != nullptr);
-    return _param->to_registers(_leaf->_element, *_cfg);
+    assert(_param->reg_count() == regs.size());
+    _param->to_registers(_leaf->_element, *_cfg, regs.data());
+    return regs;
 }
 
 CCdsLeaf CRegisterResultEntry::leaf(const regvec_t& regs) const {
     assert(_param != nullptr);
     assert(_cfg != nullptr);
-    return CCdsLeaf(_param->path(), _param->from_registers(regs, *_cfg));
+    assert(_param->reg_count() == regs.size());
+    return CCdsLeaf(_param->path(), _param->from_registers(regs.data(), *_cfg));
 }
 
 void CRegisterResultSet::add(const CAddressRange& addr, const CParamRegisterMapping* param,

@@ -53,6 +53,8 @@ public:
     double to_float() const;
     void to_string(tk_string& out) const;
     tk_string str() const;
+    // A string element's own text, without a copy; empty for the other kinds.
+    const tk_string& text() const { return _text; }
     timeval to_timeval() const;
 
     const timeval& time() const { return _stamp; }
