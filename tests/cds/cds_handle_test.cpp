@@ -178,4 +178,32 @@ BOOST_FIXTURE_TEST_CASE(watchdog, CHandleFixture) {
     BOOST_TEST(entries[0].timeout_ms == 2000u);
 }
 
+BOOST_FIXTURE_TEST_CASE(reads_and_writes_by_leaf_id, CHandleFixture) {
+    CCdsHandle cds;
+    toolkit::CLeafTable table;
+    const toolkit::leaf_id_t ids[] = {table.add("/Dev/Port"), table.add("/Dev//Units/a"),
+                                      table.add("/Dev/Units/Children")};
+    cds.bind(table);
+    const toolkit::CLeafValue* out[3] = {};
+    BOOST_REQUIRE_EQUAL(cds.read(ids, 3, out, false), 0);
+    BOOST_TEST(out[0]->value.to_uint() == 502u);
+    BOOST_TEST(out[0]->source == 3u);
+    BOOST_TEST(out[1]->value.to_int() == 1);
+    BOOST_TEST(out[2]->value.str() == "a;b;c");
+    const CElement values[] = {CElement::from_uint(503), CElement::from_string("x")};
+    api_status_t statuses[2] = {};
+    BOOST_REQUIRE_EQUAL(cds.write(ids, values, 2, statuses), 0);
+    BOOST_TEST(statuses[0] == API_STATUS_OK);
+    BOOST_TEST(statuses[1] == API_STATUS_BAD_VALUE);
+    BOOST_REQUIRE_EQUAL(cds.read(ids, 2, out, true), 0);
+    BOOST_TEST(out[0]->value.to_uint() == 503u);
+    BOOST_TEST(store.value("/Dev/Port").to_uint() == 503u);
+
+    // A store that is gone fails the read and says where.
+    BOOST_REQUIRE_EQUAL(::unlink(store.path().c_str()), 0);
+    BOOST_TEST(cds.write(ids, values, 1, statuses) != 0);
+    BOOST_TEST(cds.read(ids, 3, out, false) != 0);
+    BOOST_TEST(has_text(cds.error(), store.path()), cds.error());
+}
+
 BOOST_AUTO_TEST_SUITE_END()
