@@ -45,6 +45,11 @@ public:
         auto cds = std::make_shared<CCdsHandle>();
         const CModbusSettings settings(*cds);
         auto config = std::make_shared<CModbusConfig>(settings);
+        cds->bind(config->leaves());
+        _reader.reset(new CCdsHandle);
+        _reader->bind(config->leaves());
+        _services.config = config.get();
+        _services.reader = _reader.get();
         auto events =
             std::make_unique<CEventQueue>(static_cast<unsigned>(config->max_event_index() + 1), "");
         auto thread = std::make_unique<CCdsThread>(boost::none, cds);
@@ -52,7 +57,8 @@ public:
         _core.reset(new CServerCore(config, std::move(events), std::move(thread)));
         _manager.reset(new CIoManager(*_core));
         cds_thread->create_actor(*_manager);
-        const CModbusTcpProtocolHandler prototype(nullptr);
+        _services.submit = [cds_thread](cmd_ptr_t cmd) { cds_thread->send(std::move(cmd), false); };
+        const CModbusTcpProtocolHandler prototype(nullptr, _services);
         auto listener = CTcpListener::create(*_manager, prototype, 0);
         _manager->add(listener);
         _endpoint = tcp::endpoint(boost::asio::ip::address_v4::loopback(), listener->port());
@@ -102,6 +108,8 @@ public:
 
 private:
     CFuzzStore _store;
+    std::unique_ptr<CCdsHandle> _reader;
+    CModbusServices _services;
     std::unique_ptr<CServerCore> _core;
     std::unique_ptr<CIoManager> _manager;
     tcp::endpoint _endpoint;
