@@ -280,9 +280,13 @@ BOOST_AUTO_TEST_CASE(store_too_slow) {
             f.loop->core.add_cds_cmd(cmd_ptr_t(new CStall(400)), false);
             return 0;
         });
-        BOOST_TEST(read_regs(ctx.get(), 8, 1).empty());
+        // Reads are served from the I/O thread's own connection; a write waits for the
+        // stalled CDS thread.
+        BOOST_TEST(read_regs(ctx.get(), 8, 1) == std::vector<uint16_t>{2300});
+        BOOST_TEST(modbus_write_register(ctx.get(), 8, 2400) == -1);
         BOOST_TEST(exception_code() == 11);
-        // The late answer is dropped; the connection serves the next request normally.
+        // A write answered with 11 is not made late; the connection serves the next request
+        // normally.
         std::this_thread::sleep_for(std::chrono::milliseconds(400));
         BOOST_TEST(read_regs(ctx.get(), 8, 1) == std::vector<uint16_t>{2300});
     });

@@ -7,6 +7,11 @@
 
 namespace {
 
+// A mapping's leaf under its device, as a user would write it: one '/' between the two.
+tk_string leaf_path(const tk_string& device, const tk_string& leaf) {
+    return device + (leaf.empty() || leaf[0] != '/' ? "/" : "") + leaf;
+}
+
 uint32_t nine_tenths(uint32_t timeout) {
     return static_cast<uint32_t>(static_cast<uint64_t>(timeout) * 9 / 10);
 }
@@ -128,10 +133,10 @@ size_t CModbusConfig::warn_missing_leaves(CCdsHandle& cds) const {
             const tk_string where = who + " in '" + _eds_names.at(eds.get()) + "'";
             const auto registers = eds->get_register_mappings(CAddressRange::all_addrs());
             for (auto it = registers.first; it != registers.second; ++it)
-                wanted.emplace(device.path() + "/" + it->second->path(), where);
+                wanted.emplace(leaf_path(device.path(), it->second->path()), where);
             const auto discretes = eds->get_discrete_mappings(CAddressRange::all_addrs());
             for (auto it = discretes.first; it != discretes.second; ++it)
-                wanted.emplace(device.path() + "/" + it->second->path(), where);
+                wanted.emplace(leaf_path(device.path(), it->second->path()), where);
         }
     };
     for (const auto& unit : _tcp_map)
