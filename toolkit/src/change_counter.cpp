@@ -44,7 +44,7 @@ bool CChangeCounter::open(const tk_string& store_path, tk_string& why) {
             return false;
         }
     } else if (errno == EEXIST) {
-        fd = ::open(path.c_str(), O_RDWR | O_CLOEXEC);
+        fd = ::open(path.c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW);
     }
     if (fd < 0) {
         why = failure(path, "cannot open");
