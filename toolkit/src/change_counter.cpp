@@ -22,6 +22,27 @@ tk_string failure(const tk_string& path, const char* what) {
     return "change counter '" + path + "': " + what + ": " + std::strerror(errno);
 }
 
+// Maps the word of the open counter file, sizing it first when it is new.
+void* map_word(int fd, const tk_string& path, struct stat& st, tk_string& why) {
+    if (::fstat(fd, &st) != 0) {
+        why = failure(path, "cannot stat");
+        return MAP_FAILED;
+    }
+    if (!S_ISREG(st.st_mode)) {
+        why = "change counter '" + path + "': not a regular file";
+        return MAP_FAILED;
+    }
+    // Extending with zeros, never shrinking: a creator racing with us may have bumped it.
+    if (st.st_size < static_cast<off_t>(k_size) && ::ftruncate(fd, k_size) != 0) {
+        why = failure(path, "cannot size");
+        return MAP_FAILED;
+    }
+    void* const map = ::mmap(nullptr, k_size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+    if (map == MAP_FAILED)
+        why = failure(path, "cannot map");
+    return map;
+}
+
 } // namespace
 
 bool CChangeCounter::open(const tk_string& store_path, tk_string& why) {
@@ -51,20 +72,7 @@ bool CChangeCounter::open(const tk_string& store_path, tk_string& why) {
         return false;
     }
     struct stat st;
-    bool ok = ::fstat(fd, &st) == 0;
-    if (!ok)
-        why = failure(path, "cannot stat");
-    // Extending with zeros, never shrinking: a creator racing with us may have bumped it.
-    else if (st.st_size < static_cast<off_t>(k_size) && ::ftruncate(fd, k_size) != 0)
-        why = failure(path, "cannot size"), ok = false;
-    else if (!S_ISREG(st.st_mode))
-        why = "change counter '" + path + "': not a regular file", ok = false;
-    void* map = MAP_FAILED;
-    if (ok) {
-        map = ::mmap(nullptr, k_size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
-        if (map == MAP_FAILED)
-            why = failure(path, "cannot map");
-    }
+    void* const map = map_word(fd, path, st, why);
     ::close(fd);
     if (map == MAP_FAILED)
         return false;
