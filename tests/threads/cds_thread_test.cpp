@@ -4,9 +4,10 @@
 #include "io/watchdog_timer.h"
 #include "support/loop_fixture.h"
 #include "threads/cds/cds_thread.h"
-#include "threads/cds/commands/thread_cds_leaves.h"
+#include "threads/cds/commands/thread_cds_request.h"
 #include "threads/commands/thread_response_handler.h"
 #include "toolkit/store_fixture.h"
+#include "util/cast.h"
 
 #include <boost/test/unit_test.hpp>
 
@@ -17,17 +18,21 @@ namespace {
 using toolkit::CElement;
 
 struct CLeafRequester : CThreadResponseHandler {
-    void post(CThreadCdsGetLeaves& cmd, bool timed_out) override {
-        got = cmd.leaves();
-        got_failed = cmd.failed();
+    void post(CThreadCommand& cmd, bool timed_out) override {
+        const CThreadCdsRequest& done = *poly_cast<CThreadCdsRequest*>(&cmd);
+        if (done.is_write()) {
+            statuses = done.statuses();
+            wrote = true;
+        } else {
+            got = done.values();
+            got_failed = cmd.failed();
+        }
         timeouts += timed_out;
     }
-    void post(CThreadCdsSetLeaves& cmd, bool timed_out) override {
-        set = cmd.leaves();
-        timeouts += timed_out;
-    }
-    std::unordered_set<CCdsLeaf> got, set;
+    std::vector<toolkit::CLeafValue> got;
+    std::vector<api_status_t> statuses;
     bool got_failed = true;
+    bool wrote = false;
     int timeouts = 0;
 };
 
@@ -35,25 +40,19 @@ struct CCdsFixture {
     CCdsFixture() {
         store.define("/Dev/A", CElement::TYPE_INT, CElement::from_int(5));
         store.define("/Dev/B", CElement::TYPE_STRING, CElement::from_string("x"));
+        for (const char* path : {"/Dev/A", "/Dev/B", "/Dev/C"})
+            ids.push_back(table.add(path));
         auto thread = std::make_unique<CCdsThread>(boost::none, std::make_shared<CCdsHandle>());
         cds = thread.get();
+        // Before the loop runs, nothing else uses the connection.
+        cds->handle().bind(table);
         loop.reset(new CLoopFixture(std::move(thread)));
         cds->create_actor(loop->manager);
     }
-    static std::unordered_set<CCdsLeaf>
-    leaves(std::initializer_list<std::pair<const char*, CElement>> list) {
-        std::unordered_set<CCdsLeaf> out;
-        for (const auto& entry : list)
-            out.emplace(tk_string(entry.first), CElement(entry.second));
-        return out;
-    }
-    static const CCdsLeaf& find(const std::unordered_set<CCdsLeaf>& set, const char* path) {
-        static const CCdsLeaf none(tk_string("?"), CElement());
-        const auto it = set.find(CCdsLeaf(tk_string(path), CElement()));
-        return it == set.end() ? none : *it;
-    }
 
     CTestStore store;
+    toolkit::CLeafTable table;
+    std::vector<toolkit::leaf_id_t> ids; // A, B, C (C has no leaf)
     CCdsThread* cds = nullptr;
     std::unique_ptr<CLoopFixture> loop;
 };
@@ -63,33 +62,37 @@ struct CCdsFixture {
 BOOST_AUTO_TEST_SUITE(threads)
 BOOST_AUTO_TEST_SUITE(cds_thread)
 
-BOOST_AUTO_TEST_CASE(get_and_set_through_the_loop) {
+BOOST_AUTO_TEST_CASE(read_and_write_through_the_loop) {
     CCdsFixture f;
     auto requester = std::make_shared<CLeafRequester>();
-    f.loop->core.add_cds_cmd(cmd_ptr_t(new CThreadCdsGetLeaves(
-                                 requester, f.leaves({{"A", {}}, {"B", {}}, {"C", {}}}), "/Dev")),
-                             false);
-    f.loop->core.add_cds_cmd(cmd_ptr_t(new CThreadCdsSetLeaves(
-                                 requester, f.leaves({{"A", CElement::from_int(42)}}), "/Dev")),
-                             false);
+    f.loop->core.add_cds_cmd(cmd_ptr_t(new CThreadCdsRequest(requester, f.ids)), false);
+    f.loop->core.add_cds_cmd(
+        cmd_ptr_t(new CThreadCdsRequest(requester, {f.ids[0], f.ids[2]},
+                                        {CElement::from_int(42), CElement::from_int(1)})),
+        false);
     {
         // Nobody waits for this one any more: it must not reach the store.
         auto gone = std::make_shared<CLeafRequester>();
-        f.loop->core.add_cds_cmd(cmd_ptr_t(new CThreadCdsSetLeaves(
-                                     gone, f.leaves({{"B", CElement::from_string("y")}}), "/Dev")),
-                                 false);
+        f.loop->core.add_cds_cmd(
+            cmd_ptr_t(new CThreadCdsRequest(gone, {f.ids[1]}, {CElement::from_string("y")})),
+            false);
     }
     const bool finished = f.loop->run_with([&] {
-        for (int i = 0; i < 200 && f.loop->in_loop([&] { return requester->set.empty(); }); ++i)
+        for (int i = 0; i < 200 && f.loop->in_loop([&] { return !requester->wrote; }); ++i)
             std::this_thread::sleep_for(std::chrono::milliseconds(10));
     });
     BOOST_TEST(finished);
     BOOST_TEST(!requester->got_failed);
-    BOOST_TEST(f.find(requester->got, "A")._status == API_STATUS_OK);
-    BOOST_TEST(f.find(requester->got, "A")._element.to_int() == 5);
-    BOOST_TEST(f.find(requester->got, "B")._element.str() == "x");
-    BOOST_TEST(f.find(requester->got, "C")._status != API_STATUS_OK);
-    BOOST_TEST(f.find(requester->set, "A")._status == API_STATUS_OK);
+    // The values come back in the order of the ids, copied out of the connection's cache.
+    BOOST_REQUIRE(requester->got.size() == 3u);
+    BOOST_TEST(requester->got[0].status == API_STATUS_OK);
+    BOOST_TEST(requester->got[0].value.to_int() == 5);
+    BOOST_TEST(requester->got[1].value.str() == "x");
+    BOOST_TEST(requester->got[2].status != API_STATUS_OK);
+    // One status per id: the leaf that does not exist is refused, the other written.
+    BOOST_REQUIRE(requester->statuses.size() == 2u);
+    BOOST_TEST(requester->statuses[0] == API_STATUS_OK);
+    BOOST_TEST(requester->statuses[1] != API_STATUS_OK);
     BOOST_TEST(requester->timeouts == 0);
     BOOST_TEST(f.store.value("/Dev/A").to_int() == 42);
     BOOST_TEST(f.store.value("/Dev/B").str() == "x");
