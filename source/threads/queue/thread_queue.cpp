@@ -46,7 +46,8 @@ void CThreadResponseQueue::add(cmd_ptr_t cmd, bool urgent) {
         insert(std::move(cmd), urgent);
         actor = _actor;
     }
-    // Outside the lock, which the woken event loop takes first thing.
+    // Outside the lock, which the woken event loop (or a waiter in remove) takes first thing.
+    _cond.notify_one();
     if (actor)
         actor->post();
 }
