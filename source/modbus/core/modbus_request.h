@@ -57,7 +57,6 @@ public:
     std::vector<uint8_t> marks; // one per address: filled or claimed
     regvec_t scratch;
     std::vector<ranked_t> ranked;
-    std::vector<std::pair<toolkit::leaf_id_t, size_t>> dedup;
 
     void clear() {
         reads.clear();
