@@ -384,6 +384,15 @@ bool CStoreConnection::serve_from_cache(const std::vector<tk_string>& paths,
     return true;
 }
 
+// Inside a read transaction: drops what others changed since the caches were last in step.
+void CStoreConnection::catch_up() {
+    const int64_t version = data_version();
+    if (version != _cache_version) {
+        sync_cache();
+        _cache_version = version;
+    }
+}
+
 void CStoreConnection::sync_cache() {
     int64_t seq, generation;
     {
@@ -429,11 +438,7 @@ int CStoreConnection::get(const std::vector<tk_string>& paths, std::vector<api_s
             return 0;
 
         CSqliteTransaction txn(_db, false);
-        const int64_t version = data_version();
-        if (version != _cache_version) {
-            sync_cache();
-            _cache_version = version;
-        }
+        catch_up();
         if (_cache.size() + n > k_cache_limit)
             _cache.clear();
         for (size_t i = 0; i < n; ++i) {
@@ -518,11 +523,7 @@ int CStoreConnection::read_ids(const leaf_id_t* ids, size_t n, const CLeafValue*
         if (!counted && data_version() == _cache_version && serve_ids(ids, n, out))
             return 0;
         CSqliteTransaction txn(_db, false);
-        const int64_t version = data_version();
-        if (version != _cache_version) {
-            sync_cache();
-            _cache_version = version;
-        }
+        catch_up();
         for (size_t i = 0; i < n; ++i) {
             leaf_slot_t& slot = _leaves[ids[i]];
             if (!slot.valid) {

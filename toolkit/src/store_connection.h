@@ -117,6 +117,8 @@ private:
     void drop_caches();
     void open_counter();
     void sync_cache();
+    // In a read transaction: sync_cache when another connection has committed since.
+    void catch_up();
     void read_entry(const tk_string& path, CLeafValue& entry);
     void read_leaf(const tk_string& path, CLeafValue& entry);
     void read_children(const tk_string& node, CLeafValue& entry);
