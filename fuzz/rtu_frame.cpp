@@ -8,6 +8,7 @@
 #include "support/fuzz_input.h"
 
 #include "io/serial/rtu_framer.h"
+#include "modbus/core/modbus_function.h"
 
 #include <cstdio>
 #include <cstdlib>
@@ -47,7 +48,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     std::bitset<256> served;
     served.set(1).set(17).set(in.u8());
     CRtuFramer framer;
-    framer.configure(silence, served);
+    framer.configure(silence, served, CModbusFunction::rtu_length);
 
     std::vector<CByte> line;
     bool expect = false;

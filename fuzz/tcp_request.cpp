@@ -13,13 +13,11 @@
 #include "support/fuzz_store.h"
 
 #include "cds/cds_handle.h"
-#include "cds/event_queue.h"
 #include "io/io_manager.h"
 #include "io/tcp/tcp_listener.h"
 #include "modbus/config/modbus_config.h"
 #include "modbus/config/modbus_settings.h"
 #include "modbus/protocol/tcp/modbus_tcp_protocol_handler.h"
-#include "server_core/server_core.h"
 #include "threads/cds/cds_thread.h"
 
 #include <boost/asio/connect.hpp>
@@ -50,12 +48,10 @@ public:
         _reader->bind(config->leaves());
         _services.config = config.get();
         _services.reader = _reader.get();
-        auto events =
-            std::make_unique<CEventQueue>(static_cast<unsigned>(config->max_event_index() + 1), "");
-        auto thread = std::make_unique<CCdsThread>(boost::none, cds);
-        CCdsThread* cds_thread = thread.get();
-        _core.reset(new CServerCore(config, std::move(events), std::move(thread)));
-        _manager.reset(new CIoManager(*_core));
+        _config = config;
+        _cds_thread.reset(new CCdsThread(boost::none, cds));
+        CCdsThread* cds_thread = _cds_thread.get();
+        _manager.reset(new CIoManager);
         cds_thread->create_actor(*_manager);
         _services.submit = [cds_thread](cmd_ptr_t cmd) { cds_thread->send(std::move(cmd), false); };
         const CModbusTcpProtocolHandler prototype(nullptr, _services);
@@ -110,7 +106,8 @@ private:
     CFuzzStore _store;
     std::unique_ptr<CCdsHandle> _reader;
     CModbusServices _services;
-    std::unique_ptr<CServerCore> _core;
+    std::shared_ptr<CModbusConfig> _config;
+    std::unique_ptr<CCdsThread> _cds_thread;
     std::unique_ptr<CIoManager> _manager;
     tcp::endpoint _endpoint;
 };

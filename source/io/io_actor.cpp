@@ -6,10 +6,6 @@ boost::asio::io_context& CIoActor::get_io_service() const {
     return _manager.service();
 }
 
-CServerCore& CIoActor::get_server_core() const {
-    return _manager.server_core();
-}
-
 void CIoActor::remove() {
     // A transport may learn of its end twice (a failed read and an aborted write); the
     // second time it is gone already.

@@ -6,7 +6,6 @@
 #include <memory>
 
 class CIoManager;
-class CServerCore;
 
 class CIoActor : public std::enable_shared_from_this<CIoActor> {
 public:
@@ -16,7 +15,6 @@ public:
     virtual ~CIoActor() = default;
 
     boost::asio::io_context& get_io_service() const;
-    CServerCore& get_server_core() const;
     CIoManager& get_manager() const { return _manager; }
     // Asks the manager to close and drop this actor.
     void remove();

@@ -6,8 +6,6 @@
 #include <cassert>
 #include <vector>
 
-CIoManager::CIoManager(CServerCore& core) : _core(core) {}
-
 CIoManager::~CIoManager() {
     LOG_STACK();
     for (const auto& actor : std::vector<std::shared_ptr<CIoActor>>(_actors.begin(), _actors.end()))

@@ -7,11 +7,10 @@
 #include <unordered_set>
 
 class CIoActor;
-class CServerCore;
 
 class CIoManager {
 public:
-    explicit CIoManager(CServerCore& core);
+    CIoManager() = default;
     ~CIoManager();
     CIoManager(const CIoManager&) = delete;
     CIoManager& operator=(const CIoManager&) = delete;
@@ -24,12 +23,10 @@ public:
     void quit();
 
     boost::asio::io_context& service() { return _service; }
-    CServerCore& server_core() const { return _core; }
     size_t actor_count() const { return _actors.size(); }
     bool contains(const std::shared_ptr<CIoActor>& actor) const { return _actors.count(actor) > 0; }
 
 private:
-    CServerCore& _core;
     boost::asio::io_context _service;
     std::unordered_set<std::shared_ptr<CIoActor>> _actors;
 };

@@ -1,6 +1,6 @@
 #include "io/io_messenger.h"
 
-#include "protocol/protocol_handler.h"
+#include "io/protocol_handler.h"
 
 #include <cassert>
 

@@ -4,7 +4,7 @@
 // bytes, grows by 256 while a request is incomplete, and shrinks back to 256 whenever
 // everything received has been consumed.
 #include "io/io_actor.h"
-#include "modbus/protocol/protocol_object.h"
+#include "util/iobuf.h"
 
 #include <boost/system/error_code.hpp>
 

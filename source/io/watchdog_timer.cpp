@@ -1,26 +1,26 @@
 #include "io/watchdog_timer.h"
 
 #include "io/io_timer.h"
-#include "server_core/server_core.h"
-#include "threads/cds/commands/thread_cds_watchdog_ping.h"
 #include "util/log.h"
 
-std::shared_ptr<CWatchdogTimer> CWatchdogTimer::create(CIoManager& manager, unsigned timeout_ms) {
-    std::shared_ptr<CWatchdogTimer> watchdog(new CWatchdogTimer(manager, timeout_ms));
+std::shared_ptr<CWatchdogTimer> CWatchdogTimer::create(CIoManager& manager, unsigned timeout_ms,
+                                                       std::function<void()> ping) {
+    std::shared_ptr<CWatchdogTimer> watchdog(
+        new CWatchdogTimer(manager, timeout_ms, std::move(ping)));
     watchdog->_timer->reset();
     return watchdog;
 }
 
 // The multiplication wraps for time-outs beyond 4294967 ms; such periods are as good as any.
-CWatchdogTimer::CWatchdogTimer(CIoManager& manager, unsigned timeout_ms)
+CWatchdogTimer::CWatchdogTimer(CIoManager& manager, unsigned timeout_ms, std::function<void()> ping)
     : CIoActor(manager), _period(static_cast<uint32_t>(timeout_ms * 1000u) / 2u),
-      _timer(CIoTimer::create(*this, _period)) {
+      _ping(std::move(ping)), _timer(CIoTimer::create(*this, _period)) {
     _timer->assign(this);
 }
 
 void CWatchdogTimer::timeout(const CIoTimer&) {
     LOG_STACK();
-    get_server_core().add_cds_cmd(std::make_unique<CThreadCdsWatchdogPing>(), true);
+    _ping();
     _timer->reset(_period);
 }
 

@@ -14,6 +14,7 @@
 #include "server_core/daemon_launch.h"
 #include "server_core/server_options.h"
 #include "threads/cds/cds_thread.h"
+#include "threads/cds/commands/thread_cds_watchdog_ping.h"
 #include "threads/commands/thread_set_verbosity.h"
 #include "util/log.h"
 #include "util/util.h"
@@ -68,22 +69,22 @@ constexpr int CStartupSignals::signals[];
 
 } // namespace
 
-CServerCore::CServerCore(std::shared_ptr<CModbusConfig> cfg, std::unique_ptr<CEventQueue> ev_queue,
-                         std::unique_ptr<CThreadBase> cds_thread)
-    : _cds_thread(std::move(cds_thread)), _cfg(std::move(cfg)), _ev_queue(std::move(ev_queue)) {}
+CServerCore::CServerCore() = default;
 
-CServerCore::CServerCore(int argc, const char* const* argv) {
+CServerCore::~CServerCore() {
+    shutdown();
+}
+
+void CServerCore::start_up(int argc, const char* const* argv) {
     try {
-        start_up(argc, argv);
+        start(argc, argv);
     } catch (...) {
         shutdown();
         throw;
     }
 }
 
-CServerCore::~CServerCore() = default;
-
-void CServerCore::start_up(int argc, const char* const* argv) {
+void CServerCore::start(int argc, const char* const* argv) {
     LOG_STACK();
     try {
         _options.reset(new CServerOptions(argc, argv));
@@ -269,7 +270,9 @@ tk_string CServerCore::add_transports(CIoManager& manager) {
     _services.reader = _reader.get();
     _services.submit = [this](cmd_ptr_t cmd) { add_cds_cmd(std::move(cmd), false); };
     const CModbusTcpProtocolHandler tcp_prototype(nullptr, _services);
-    manager.add(CTcpListener::create(manager, tcp_prototype, static_cast<uint16_t>(port)));
+    auto listener = CTcpListener::create(manager, tcp_prototype, static_cast<uint16_t>(port));
+    manager.add(listener);
+    _tcp_port = listener->port();
     tk_string summary = "Serving Modbus TCP on port " + std::to_string(port) + " (units " +
                         id_list(_cfg->tcp_units(), [](const auto& unit) { return unit.first; }) +
                         ")";
@@ -301,12 +304,41 @@ tk_string CServerCore::add_transports(CIoManager& manager) {
     return summary;
 }
 
+tk_string CServerCore::attach(CIoManager& manager) {
+    LOG_STACK();
+    assert(_cds_thread);
+    const unsigned watchdog = _options ? _options->watchdog_ms() : 0;
+    if (watchdog != 0) {
+        LOG_INFO(SS_DEFAULT, 2, "Using watchdog timer with a timeout of %u msecs", watchdog);
+        try {
+            _cds->watchdog_register(watchdog);
+        } catch (const generic_err&) {
+            throw init_err();
+        }
+        CThreadBase* cds_thread = _cds_thread.get();
+        manager.add(CWatchdogTimer::create(manager, watchdog, [cds_thread] {
+            cds_thread->send(std::make_unique<CThreadCdsWatchdogPing>(), true);
+        }));
+    } else {
+        LOG_INFO(SS_DEFAULT, 2, "Watchdog timer disabled.");
+    }
+    _cds_thread->create_actor(manager);
+    tk_string summary;
+    try {
+        summary = add_transports(manager);
+    } catch (const boost::system::system_error&) {
+        throw init_err();
+    }
+    _settings.reset();
+    return summary;
+}
+
 bool CServerCore::main() {
     LOG_STACK();
     if (_stopped)
         return true;
     try {
-        CIoManager manager(*this);
+        CIoManager manager;
         // Declared after the manager, so it runs first: commands still in flight hold
         // timers of the manager's loop and must go while that loop exists.
         struct CStopCdsThread {
@@ -314,26 +346,12 @@ bool CServerCore::main() {
             ~CStopCdsThread() { thread.stop(5); }
         } stop_cds_thread{*_cds_thread};
         manager.add(CIoSighandler::create(manager));
-        const unsigned watchdog = _options ? _options->watchdog_ms() : 0;
-        if (watchdog != 0) {
-            LOG_INFO(SS_DEFAULT, 2, "Using watchdog timer with a timeout of %u msecs", watchdog);
-            try {
-                _cds->watchdog_register(watchdog);
-            } catch (const generic_err&) {
-                return false;
-            }
-            manager.add(CWatchdogTimer::create(manager, watchdog));
-        } else {
-            LOG_INFO(SS_DEFAULT, 2, "Watchdog timer disabled.");
-        }
-        _cds_thread->create_actor(manager);
         tk_string summary;
         try {
-            summary = add_transports(manager);
-        } catch (const boost::system::system_error&) {
+            summary = attach(manager);
+        } catch (const init_err&) {
             return false;
         }
-        _settings.reset();
         if (_options && !_options->user().empty()) {
             try {
                 CUtil::set_uid(_options->user());
@@ -364,22 +382,7 @@ void CServerCore::shutdown() {
     LOG_INFO(SS_DEFAULT, 3, "Server core shutdown complete.");
 }
 
-CModbusConfig& CServerCore::get_config() const {
-    assert(_cfg);
-    return *_cfg;
-}
-
-const CEventQueue& CServerCore::ev_queue() const {
-    assert(_ev_queue);
-    return *_ev_queue;
-}
-
 void CServerCore::add_cds_cmd(cmd_ptr_t cmd, bool urgent) {
     assert(_cds_thread);
     _cds_thread->send(std::move(cmd), urgent);
-}
-
-CThreadBase& CServerCore::cds_thread() const {
-    assert(_cds_thread);
-    return *_cds_thread;
 }

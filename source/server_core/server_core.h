@@ -1,13 +1,14 @@
 #pragma once
-// The running server. Constructed from the command line it starts up completely: options,
-// optional daemon, priorities, the data store and its CDS thread, the wait for the UPS
-// handler, the settings and the unit registry, and a check that the store holds every mapped
-// leaf; main() then serves Modbus TCP and RTU until a terminating signal, and shutdown()
-// stops the CDS thread. With --check the construction only checks the configuration and
-// check_status() holds the program's exit status.
-//
-// It is also the hub through which request handlers and the watchdog reach the registry,
-// the event queue and the CDS thread; those services are for the I/O thread only.
+// The running server, in three steps:
+// - start_up() from the command line: options, optional daemon, priorities, the data store
+//   and its CDS thread, the wait for the UPS handler, the settings and the unit registry, and
+//   a check that the store holds every mapped leaf. With --check it only checks the
+//   configuration, and check_status() holds the program's exit status.
+// - attach() puts what is served into an event loop: the CDS thread's answers, the watchdog
+//   ping, the TCP listener and the serial lines, each handler given its services.
+// - main() makes the loop, attaches, and serves until a terminating signal; shutdown() stops
+//   the CDS thread.
+// Tests call start_up() and attach() on a loop of their own.
 #include "modbus/protocol/modbus_services.h"
 #include "threads/commands/thread_command.h"
 #include "toolkit/tk_string.h"
@@ -31,15 +32,19 @@ public:
     // Start-up failed (already logged); the program's entry ends the process.
     struct init_err : generic_err {};
 
-    // Full start-up from the command line.
-    CServerCore(int argc, const char* const* argv);
-    // Assembles a core from ready parts (any may be null until it is needed).
-    CServerCore(std::shared_ptr<CModbusConfig> cfg, std::unique_ptr<CEventQueue> ev_queue,
-                std::unique_ptr<CThreadBase> cds_thread);
+    CServerCore();
     ~CServerCore();
     CServerCore(const CServerCore&) = delete;
     CServerCore& operator=(const CServerCore&) = delete;
 
+    // Throws init_err when a step fails (logged, and what started is shut down again) and
+    // COptionsBase::help_shown after -h or -v.
+    void start_up(int argc, const char* const* argv);
+    // Adds the served actors to manager and returns the one-line summary of what is served;
+    // throws init_err when the watchdog or a transport cannot be set up (logged).
+    tk_string attach(CIoManager& manager);
+    // The TCP port listened on, once attached.
+    uint16_t tcp_port() const { return _tcp_port; }
     // Serves until a terminating signal (at once when one came during start-up); false when
     // the transports could not be set up.
     bool main();
@@ -48,20 +53,16 @@ public:
     // Set after a --check: 0 clean, 1 errors, 2 warnings only. main() is then not called.
     const boost::optional<int>& check_status() const { return _check_status; }
 
-    CModbusConfig& get_config() const;
-    const CEventQueue& ev_queue() const;
     // Hands cmd to the CDS thread, urgent ones to the front of its queue; never blocks.
     void add_cds_cmd(cmd_ptr_t cmd, bool urgent);
-    CThreadBase& cds_thread() const;
 
 private:
-    void start_up(int argc, const char* const* argv);
+    void start(int argc, const char* const* argv);
     // False when a signal ended the wait.
     bool wait_for_ups();
     // Reads the settings and mapping files; logs and throws init_err when they are unusable.
     void load_configuration();
     int check();
-    // Returns the one-line summary of what is served.
     tk_string add_transports(CIoManager& manager);
 
     std::unique_ptr<CServerOptions> _options;
@@ -75,5 +76,6 @@ private:
     std::unique_ptr<CEventQueue> _ev_queue;
     std::unique_ptr<CDaemonLaunch> _launch; // with -d, until start-up has been reported
     bool _stopped = false;                  // a signal ended the start-up
+    uint16_t _tcp_port = 0;
     boost::optional<int> _check_status;
 };

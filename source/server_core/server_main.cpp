@@ -12,7 +12,8 @@ int main(int argc, char** argv) {
     toolkit::CSysLog::set_ident("modbus_server");
     install_thread_log(make_thread_log(nullptr));
     try {
-        CServerCore core(argc, argv);
+        CServerCore core;
+        core.start_up(argc, argv);
         if (core.check_status()) {
             core.shutdown();
             return *core.check_status();

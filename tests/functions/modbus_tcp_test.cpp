@@ -277,7 +277,7 @@ BOOST_AUTO_TEST_CASE(store_too_slow) {
     const bool finished = f.run_with([&] {
         auto ctx = tcp_client(f.port);
         f.loop->in_loop([&] {
-            f.loop->core.add_cds_cmd(cmd_ptr_t(new CStall(400)), false);
+            f.core.add_cds_cmd(cmd_ptr_t(new CStall(400)), false);
             return 0;
         });
         // Reads are served from the I/O thread's own connection; a write waits for the

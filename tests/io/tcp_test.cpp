@@ -1,7 +1,7 @@
 #include "io/io_messenger.h"
+#include "io/protocol_handler.h"
 #include "io/tcp/tcp_connection.h"
 #include "io/tcp/tcp_listener.h"
-#include "protocol/protocol_handler.h"
 #include "support/loop_fixture.h"
 #include "support/stderr_capture.h"
 #include "support/test_client.h"

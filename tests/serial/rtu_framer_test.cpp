@@ -1,4 +1,5 @@
 #include "io/serial/rtu_framer.h"
+#include "modbus/core/modbus_function.h"
 #include "modbus/protocol/serial/modbus_serial_crc.h"
 
 #include <boost/test/unit_test.hpp>
@@ -26,7 +27,7 @@ struct CFramerFixture {
     CFramerFixture() {
         std::bitset<256> served;
         served[1] = served[7] = true;
-        framer.configure(silence, served);
+        framer.configure(silence, served, CModbusFunction::rtu_length);
     }
     // Feeds bytes back to back, the first after `gap`; the frames completed.
     std::vector<bytes_t> feed(const bytes_t& bytes, int64_t gap = quiet) {

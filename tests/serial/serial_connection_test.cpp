@@ -1,6 +1,7 @@
+#include "io/protocol_handler.h"
 #include "io/serial/serial_connection.h"
+#include "modbus/core/modbus_function.h"
 #include "modbus/protocol/serial/modbus_serial_crc.h"
-#include "protocol/protocol_handler.h"
 #include "support/loop_fixture.h"
 #include "support/pty_pair.h"
 #include "support/pty_peer.h"
@@ -64,6 +65,9 @@ public:
     bool validate(unsigned char address) override { return address == served; }
     void set_timeout(unsigned timeout) override { _log.timeouts.push_back(timeout); }
     void create_adu() override { ++_log.adus; }
+    size_t frame_length(const uint8_t* frame, size_t n) const override {
+        return CModbusFunction::rtu_length(frame, n);
+    }
 
     bool parse_request() override {
         const iobuf_const_pair_t unread = _messenger->get_rbuf();

@@ -1,6 +1,7 @@
 #pragma once
 // The real modbus_server binary run by a test: started with arguments in the background,
 // its stderr caught in a file, stopped by a signal.
+#include "support/test_port.h"
 #include "toolkit/store_fixture.h"
 
 #include <netinet/in.h>
@@ -56,16 +57,3 @@ private:
     tk_string _log;
     pid_t _pid = -1;
 };
-
-// A TCP port nobody listens on right now.
-inline uint16_t free_port() {
-    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    ::bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr);
-    socklen_t len = sizeof addr;
-    ::getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len);
-    ::close(fd);
-    return ntohs(addr.sin_port);
-}

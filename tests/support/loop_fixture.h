@@ -1,11 +1,8 @@
 #pragma once
-// An I/O manager and server core for tests: the loop runs on the test's thread while the
-// client side of a test runs on a thread of its own.
-#include "cds/event_queue.h"
+// An I/O manager for tests: the loop runs on the test's thread while the client side of a
+// test runs on a thread of its own.
 #include "io/io_actor.h"
 #include "io/io_manager.h"
-#include "server_core/server_core.h"
-#include "threads/thread_base.h"
 #include "util/log.h"
 
 #include <boost/asio/post.hpp>
@@ -19,11 +16,6 @@
 
 class CLoopFixture {
 public:
-    explicit CLoopFixture(std::unique_ptr<CThreadBase> worker = nullptr,
-                          std::shared_ptr<CModbusConfig> cfg = nullptr,
-                          std::unique_ptr<CEventQueue> events = nullptr)
-        : core(std::move(cfg), std::move(events), std::move(worker)), manager(core) {}
-
     // Runs the loop until client returns (then quits it) or until limit; true when the
     // client finished.
     bool run_with(const std::function<void()>& client,
@@ -52,6 +44,5 @@ public:
         return result.get();
     }
 
-    CServerCore core;
     CIoManager manager;
 };

@@ -2,9 +2,10 @@
 #include "io/io_actor.h"
 #include "io/io_timer.h"
 #include "io/watchdog_timer.h"
-#include "support/loop_fixture.h"
+#include "support/worker_loop_fixture.h"
 #include "threads/cds/cds_thread.h"
 #include "threads/cds/commands/thread_cds_request.h"
+#include "threads/cds/commands/thread_cds_watchdog_ping.h"
 #include "threads/commands/thread_response_handler.h"
 #include "toolkit/store_fixture.h"
 #include "util/cast.h"
@@ -46,15 +47,14 @@ struct CCdsFixture {
         cds = thread.get();
         // Before the loop runs, nothing else uses the connection.
         cds->handle().bind(table);
-        loop.reset(new CLoopFixture(std::move(thread)));
-        cds->create_actor(loop->manager);
+        loop.reset(new CWorkerLoopFixture(std::move(thread)));
     }
 
     CTestStore store;
     toolkit::CLeafTable table;
     std::vector<toolkit::leaf_id_t> ids; // A, B, C (C has no leaf)
     CCdsThread* cds = nullptr;
-    std::unique_ptr<CLoopFixture> loop;
+    std::unique_ptr<CWorkerLoopFixture> loop;
 };
 
 } // namespace
@@ -65,17 +65,14 @@ BOOST_AUTO_TEST_SUITE(cds_thread)
 BOOST_AUTO_TEST_CASE(read_and_write_through_the_loop) {
     CCdsFixture f;
     auto requester = std::make_shared<CLeafRequester>();
-    f.loop->core.add_cds_cmd(cmd_ptr_t(new CThreadCdsRequest(requester, f.ids)), false);
-    f.loop->core.add_cds_cmd(
-        cmd_ptr_t(new CThreadCdsRequest(requester, {f.ids[0], f.ids[2]},
-                                        {CElement::from_int(42), CElement::from_int(1)})),
-        false);
+    f.loop->send(cmd_ptr_t(new CThreadCdsRequest(requester, f.ids)));
+    f.loop->send(cmd_ptr_t(new CThreadCdsRequest(requester, {f.ids[0], f.ids[2]},
+                                                 {CElement::from_int(42), CElement::from_int(1)})));
     {
         // Nobody waits for this one any more: it must not reach the store.
         auto gone = std::make_shared<CLeafRequester>();
-        f.loop->core.add_cds_cmd(
-            cmd_ptr_t(new CThreadCdsRequest(gone, {f.ids[1]}, {CElement::from_string("y")})),
-            false);
+        f.loop->send(
+            cmd_ptr_t(new CThreadCdsRequest(gone, {f.ids[1]}, {CElement::from_string("y")})));
     }
     const bool finished = f.loop->run_with([&] {
         for (int i = 0; i < 200 && f.loop->in_loop([&] { return !requester->wrote; }); ++i)
@@ -101,7 +98,8 @@ BOOST_AUTO_TEST_CASE(read_and_write_through_the_loop) {
 BOOST_AUTO_TEST_CASE(watchdog_pings_at_half_the_timeout) {
     CCdsFixture f;
     f.cds->handle().watchdog_register(200);
-    f.loop->manager.add(CWatchdogTimer::create(f.loop->manager, 200));
+    f.loop->manager.add(CWatchdogTimer::create(
+        f.loop->manager, 200, [&f] { f.cds->send(cmd_ptr_t(new CThreadCdsWatchdogPing), true); }));
     std::set<std::pair<int64_t, int64_t>> pings;
     const bool finished = f.loop->run_with([&] {
         toolkit::CCdsStore reader;

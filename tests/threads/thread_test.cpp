@@ -1,9 +1,10 @@
 #include "io/io_timer.h"
-#include "support/loop_fixture.h"
 #include "support/stderr_capture.h"
+#include "support/worker_loop_fixture.h"
 #include "threads/commands/thread_response_handler.h"
 #include "threads/commands/thread_set_verbosity.h"
 #include "threads/thread_base.h"
+#include "util/generic_err.h"
 
 #include <boost/test/unit_test.hpp>
 
@@ -223,10 +224,7 @@ BOOST_AUTO_TEST_CASE(stuck_worker_is_cancelled) {
 #endif
 
 BOOST_AUTO_TEST_CASE(responses_through_the_loop) {
-    auto worker_owner = std::make_unique<CThreadBase>("w", boost::none);
-    CThreadBase& worker = *worker_owner;
-    CLoopFixture f(std::move(worker_owner));
-    worker.create_actor(f.manager);
+    CWorkerLoopFixture f(std::make_unique<CThreadBase>("w", boost::none));
     auto actor = std::make_shared<CIdleActor>(f.manager);
     auto requester = std::make_shared<CRequester>();
     COrder order;
@@ -234,9 +232,8 @@ BOOST_AUTO_TEST_CASE(responses_through_the_loop) {
 
     // One command answers normally; one is held past its time-out and is delivered once,
     // by the time-out; one has lost its requester and is delivered to nobody.
-    f.core.add_cds_cmd(
-        cmd_ptr_t(new CRecordCommand(order, "fast", CRecordCommand::record, nullptr, requester)),
-        false);
+    f.send(
+        cmd_ptr_t(new CRecordCommand(order, "fast", CRecordCommand::record, nullptr, requester)));
     cmd_ptr_t slow(
         new CRecordCommand(order, "slow", CRecordCommand::record, &slow_gate, requester));
     auto timer = CIoTimer::create(*actor, 50000);
@@ -244,12 +241,11 @@ BOOST_AUTO_TEST_CASE(responses_through_the_loop) {
     slow->give_timer(timer);
     BOOST_TEST(!timer);
     armed->reset();
-    f.core.add_cds_cmd(std::move(slow), false);
+    f.send(std::move(slow));
     {
         auto gone = std::make_shared<CRequester>();
-        f.core.add_cds_cmd(
-            cmd_ptr_t(new CRecordCommand(order, "orphan", CRecordCommand::record, nullptr, gone)),
-            false);
+        f.send(
+            cmd_ptr_t(new CRecordCommand(order, "orphan", CRecordCommand::record, nullptr, gone)));
     }
     const bool finished = f.run_with([&] {
         std::this_thread::sleep_for(std::chrono::milliseconds(200));

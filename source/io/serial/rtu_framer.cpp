@@ -1,11 +1,12 @@
 #include "io/serial/rtu_framer.h"
 
-#include "modbus/protocol/serial/modbus_serial_adu.h"
 #include "modbus/protocol/serial/modbus_serial_crc.h"
 
-void CRtuFramer::configure(int64_t silence_us, const std::bitset<256>& served) {
+void CRtuFramer::configure(int64_t silence_us, const std::bitset<256>& served,
+                           length_rule_t length) {
     _silence_us = silence_us;
     _served = served;
+    _length = std::move(length);
     hunt();
 }
 
@@ -18,17 +19,6 @@ void CRtuFramer::hunt() {
 void CRtuFramer::expect_frame() {
     hunt();
     _start_now = true;
-}
-
-size_t CRtuFramer::expected_length() const {
-    switch (_frame[1]) {
-    case 15:
-    case 16:
-        // address, function, start, quantity, byte count, data, CRC
-        return _frame.size() < 7 ? 0 : 9 + static_cast<size_t>(_frame[6]);
-    default:
-        return 8;
-    }
 }
 
 bool CRtuFramer::crc_holds() const {
@@ -56,13 +46,11 @@ bool CRtuFramer::feed(uint8_t byte, int64_t gap_us) {
         return false;
     }
     _frame.push_back(byte);
-    if (_frame.size() == 2 && !CModbusSerialAdu::supported_function(byte)) {
+    const size_t length = _length(_frame.data(), _frame.size());
+    if (length == no_frame || length > max_frame) {
         hunt();
         return false;
     }
-    if (_frame.size() < 2)
-        return false;
-    const size_t length = expected_length();
     if (length == 0 || _frame.size() < length)
         return false;
     // A complete frame, or noise that happened to start like one.

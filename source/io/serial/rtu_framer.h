@@ -4,14 +4,15 @@
 //
 // RTU frames carry no length and are told apart by silence. A frame starts only after a
 // silence longer than the configured one (1.5 characters), with a served slave address. Its
-// length follows from the function code (8 bytes for functions 1 to 6; 9 plus the byte count
-// for 15 and 16), and it is taken only when its CRC holds. A silence inside a frame abandons
-// it: the byte after the silence is judged as a new start, whatever was held. Anything else
-// (foreign addresses, other function codes, bad CRCs, bytes without silence before them) is
-// dropped, and the framer hunts for the next silence.
+// length follows from its first bytes by the rule it is configured with (the function code
+// and, for multiple writes, the byte count), and it is taken only when its CRC holds. A silence
+// inside a frame abandons it: the byte after the silence is judged as a new start, whatever was
+// held. Anything else (foreign addresses, other function codes, bad CRCs, bytes without silence
+// before them) is dropped, and the framer hunts for the next silence.
 #include <bitset>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <vector>
 
 class CRtuFramer {
@@ -19,8 +20,13 @@ public:
     // The longest frame: function 15 or 16 with a byte count of 255.
     static constexpr size_t max_frame = 9 + 255;
 
+    // The whole length of the frame that starts with the n bytes given (n >= 2), 0 while
+    // they do not tell yet, or no_frame when no frame starts so.
+    typedef std::function<size_t(const uint8_t* frame, size_t n)> length_rule_t;
+    static constexpr size_t no_frame = static_cast<size_t>(-1);
+
     // silence_us: the gap that separates frames. served: the slave addresses answered.
-    void configure(int64_t silence_us, const std::bitset<256>& served);
+    void configure(int64_t silence_us, const std::bitset<256>& served, length_rule_t length);
 
     // One received byte that began gap_us microseconds after the previous byte ended (0 for
     // bytes that arrived together). True when it completed a frame, which frame() then holds
@@ -39,12 +45,11 @@ public:
     size_t held() const { return _hunting ? 0 : _frame.size(); }
 
 private:
-    // The frame's full length once its first bytes are known, 0 while they are not.
-    size_t expected_length() const;
     bool crc_holds() const;
 
     int64_t _silence_us = 0;
     std::bitset<256> _served;
+    length_rule_t _length;
     std::vector<uint8_t> _frame;
     bool _hunting = true;
     bool _start_now = false;

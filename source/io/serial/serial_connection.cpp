@@ -1,6 +1,6 @@
 #include "io/serial/serial_connection.h"
 
-#include "protocol/protocol_handler.h"
+#include "io/protocol_handler.h"
 #include "util/log.h"
 
 #include <boost/asio/write.hpp>
@@ -171,7 +171,10 @@ void CSerialConnection::generate_RTU_timers(uint32_t baud, char_size_t char_size
     std::bitset<256> served;
     for (unsigned address = 0; address < 256; ++address)
         served[address] = _prot->validate(static_cast<unsigned char>(address));
-    _framer.configure(_timerT15 / 1000, served);
+    // The connection knows no function codes: its handler tells how long a frame is.
+    _framer.configure(_timerT15 / 1000, served, [this](const uint8_t* frame, size_t n) {
+        return _prot->frame_length(frame, n);
+    });
     reset_flags();
 }
 

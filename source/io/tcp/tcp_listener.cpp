@@ -1,8 +1,8 @@
 #include "io/tcp/tcp_listener.h"
 
 #include "io/io_manager.h"
+#include "io/protocol_handler.h"
 #include "io/tcp/tcp_connection.h"
-#include "protocol/protocol_handler.h"
 #include "util/log.h"
 
 #include <boost/asio/ip/v6_only.hpp>

@@ -403,8 +403,8 @@ modbus_err_t write_registers(CModbusRequest& req) {
             if (!claim(req.marks, r.first - req.start, r.last - req.start))
                 continue;
             const resolved_register_t& e = reg(r);
-            add_write(req, e.value, e.mapping->from_registers(&req.regs[r.first - req.start], e.cfg),
-                      e.mapping);
+            add_write(req, e.value,
+                      e.mapping->from_registers(&req.regs[r.first - req.start], e.cfg), e.mapping);
         }
     } catch (const generic_err&) {
         return MB_ILLEGAL_DATA_ADDRESS;
@@ -442,12 +442,27 @@ const CModbusFunction functions[] = {
 
 } // namespace
 
+size_t CModbusFunction::request_length(const uint8_t* pdu, size_t n) const {
+    if (min_data < 5)
+        return 1u + min_data;
+    // Multiple writes announce the bytes that follow their 5-byte header.
+    return n < 6 ? 0 : 6u + pdu[5];
+}
+
 bool CModbusFunction::complete(const CModbusPdu& pdu) const {
     const iobuf_t& data = pdu.data;
     if (data.size() < min_data)
         return false;
-    // Multiple writes announce the bytes that follow their 5-byte header.
     return min_data < 5 || data.size() >= 5u + data[4];
+}
+
+size_t CModbusFunction::rtu_length(const uint8_t* frame, size_t n) {
+    assert(n >= 2);
+    const CModbusFunction* f = find(frame[1]);
+    if (f == nullptr)
+        return no_frame;
+    const size_t pdu = f->request_length(frame + 1, n - 1);
+    return pdu == 0 ? 0 : 1 + pdu + 2;
 }
 
 const CModbusFunction* CModbusFunction::find(uint8_t code) {

@@ -28,9 +28,16 @@ struct CModbusFunction {
     step_t write; // null for reads
     step_t answer;
 
+    // The length of the request whose PDU (function code first) starts with the n bytes
+    // given, or 0 while they do not tell yet: RTU frames carry no length of their own.
+    size_t request_length(const uint8_t* pdu, size_t n) const;
     // Whether pdu holds every byte its request needs (a serial frame may arrive in parts).
     bool complete(const CModbusPdu& pdu) const;
 
     // The entry of code; null for a function the server does not answer (exception 1).
     static const CModbusFunction* find(uint8_t code);
+    // The whole length of the RTU request frame (address, PDU, CRC) that starts with the
+    // n >= 2 bytes given; 0 while they do not tell yet, no_frame for a function not served.
+    static constexpr size_t no_frame = static_cast<size_t>(-1);
+    static size_t rtu_length(const uint8_t* frame, size_t n);
 };

@@ -7,12 +7,12 @@
 // write, the work goes to the CDS thread with the response timer running, and the answer
 // comes back through post(). One request at a time per connection. The frame, the request
 // state and the timer are reused from one request to the next.
+#include "io/protocol_handler.h"
 #include "modbus/core/modbus_function.h"
 #include "modbus/core/modbus_request.h"
 #include "modbus/protocol/modbus_pdu.h"
 #include "modbus/protocol/modbus_services.h"
 #include "modbus/protocol/protocol_object.h"
-#include "protocol/protocol_handler.h"
 #include "threads/commands/thread_response_handler.h"
 
 #include <memory>

@@ -1,15 +1,12 @@
 #pragma once
 // Base of every frame part that parses itself from received bytes and appends itself to an
 // output buffer, with the three-valued parse result they all return.
+#include "util/iobuf.h"
+
 #include <boost/logic/tribool.hpp>
 
 #include <cstdint>
 #include <utility>
-#include <vector>
-
-typedef std::vector<uint8_t> iobuf_t;
-typedef iobuf_t::const_iterator iobuf_const_iter_t;
-typedef std::pair<iobuf_const_iter_t, iobuf_const_iter_t> iobuf_const_pair_t;
 
 // first: true = a whole object was parsed, indeterminate = more bytes are needed,
 // false = the bytes cannot form a valid object. second: how far bytes were consumed (the

@@ -2,29 +2,11 @@
 
 #include <cassert>
 
-bool CModbusSerialAdu::supported_function(uint8_t function) {
-    switch (function) {
-    case 1:
-    case 2:
-    case 3:
-    case 4:
-    case 5:
-    case 6:
-    case 15:
-    case 16:
-        return true;
-    default:
-        return false;
-    }
-}
-
 parse_result_t CModbusSerialAdu::parse(iobuf_const_iter_t start, iobuf_const_iter_t end) {
     assert(end >= start);
     if (end - start <= 2)
         return parse_result_t(boost::logic::indeterminate, end);
     address = start[0];
-    if (!supported_function(start[1]))
-        return parse_result_t(false, end);
     const iobuf_const_iter_t icrc = end - 2;
     parse_result_t retval = crc.parse(icrc, end);
     assert(is_complete(retval));

@@ -1,7 +1,7 @@
 #pragma once
 // A Modbus RTU frame: slave address, PDU and CRC. The transport decides where a frame
-// ends; parse takes one whole frame and always consumes all of it. Unsupported function
-// codes are refused here already; the CRC is checked by the caller (crc.verify).
+// ends; parse takes one whole frame and always consumes all of it. The CRC is checked by
+// the caller (crc.verify).
 #include "modbus/modbus_types.h"
 #include "modbus/protocol/modbus_pdu.h"
 #include "modbus/protocol/serial/modbus_serial_crc.h"
@@ -11,8 +11,6 @@ public:
     slave_addr_t address = 0;
     CModbusPdu pdu;
     CModbusSerialCrc crc;
-
-    static bool supported_function(uint8_t function);
 
     parse_result_t parse(iobuf_const_iter_t start, iobuf_const_iter_t end) override;
     // Recomputes the CRC before writing it.

@@ -2,6 +2,7 @@
 
 #include "io/serial/serial_connection.h"
 #include "modbus/config/modbus_config.h"
+#include "modbus/core/modbus_function.h"
 #include "modbus/protocol/serial/modbus_serial_adu.h"
 #include "util/cast.h"
 #include "util/log.h"
@@ -43,6 +44,11 @@ void CModbusSerialProtocolHandler::create_adu() {
         return;
     LOG_DEBUG(SS_SERIAL_PROTOCOL, 4, "Create ADU object");
     _adu.reset(new CModbusSerialAdu);
+}
+
+size_t CModbusSerialProtocolHandler::frame_length(const uint8_t* frame, size_t n) const {
+    const size_t length = CModbusFunction::rtu_length(frame, n);
+    return length == CModbusFunction::no_frame ? no_frame : length;
 }
 
 bool CModbusSerialProtocolHandler::parse() {

@@ -19,6 +19,8 @@ public:
     // Takes the response time-out (milliseconds) and learns the served slave addresses.
     void set_timeout(unsigned int timeout) override;
     void create_adu() override;
+    // Address, the request's PDU as its function code tells, and the CRC.
+    size_t frame_length(const uint8_t* frame, size_t n) const override;
     bool parse_request() override;
     std::shared_ptr<CProtocolHandler> clone(CIoMessenger* messenger) const override;
     void respond() override;

@@ -2,6 +2,8 @@
 // What a transport (messenger) needs of the code that interprets its bytes. Every
 // connection owns one handler, cloned from the prototype its listener or the server core
 // was given.
+#include <cstddef>
+#include <cstdint>
 #include <memory>
 
 class CIoMessenger;
@@ -22,6 +24,11 @@ public:
     virtual void set_timeout(unsigned int) {}
     // Makes the transport's frame object ahead of the first byte, where that matters.
     virtual void create_adu() {}
+    // For transports whose frames carry no length (RTU): the whole length of the frame that
+    // starts with the n bytes given (n >= 2), 0 while they do not tell yet, or no_frame when
+    // no request starts so.
+    static constexpr size_t no_frame = static_cast<size_t>(-1);
+    virtual size_t frame_length(const uint8_t* /*frame*/, size_t /*n*/) const { return no_frame; }
     virtual bool parse_request() = 0;
     // A new handler of the same kind bound to messenger (null for a prototype).
     virtual std::shared_ptr<CProtocolHandler> clone(CIoMessenger* messenger) const = 0;
