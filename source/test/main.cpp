@@ -3,7 +3,11 @@
 #include "util/log.h"
 #include "util/options_base.h"
 
+#ifdef MB_BOOST_TEST_INCLUDED
+#include <boost/test/included/unit_test.hpp>
+#else
 #include <boost/test/unit_test.hpp>
+#endif
 
 namespace {
 bool init_unit_test() {

@@ -1,12 +1,30 @@
 #include "util/log.h"
 
 int32_t _svr_verb_array[SS_COUNT] = {};
-boost::thread_specific_ptr<toolkit::CSysLog> _thr_local_syslog;
 uint32_t CLogStack::_max_verbosity = 0;
 
 namespace {
 // Set once at start-up, before worker threads exist.
 bool g_use_syslog = true;
+
+// A plain pointer stays valid until the thread's very end, so a destructor that logs late
+// still finds (or makes) a logger; the owner deletes it with the thread's other
+// thread_local objects. Standard thread_local, so no compiled Boost library is needed.
+thread_local toolkit::CSysLog* t_log = nullptr;
+
+class CThreadLogOwner {
+public:
+    ~CThreadLogOwner() {
+        delete t_log;
+        t_log = nullptr;
+    }
+    void own(toolkit::CSysLog* log) {
+        if (t_log != log)
+            delete t_log;
+        t_log = log;
+    }
+};
+thread_local CThreadLogOwner t_log_owner;
 } // namespace
 
 toolkit::CSysLog* make_thread_log(const char* name) {
@@ -14,14 +32,13 @@ toolkit::CSysLog* make_thread_log(const char* name) {
 }
 
 toolkit::CSysLog& thread_log() {
-    if (!_thr_local_syslog.get())
-        _thr_local_syslog.reset(make_thread_log(nullptr));
-    return *_thr_local_syslog;
+    if (!t_log)
+        t_log_owner.own(make_thread_log(nullptr));
+    return *t_log;
 }
 
 void install_thread_log(toolkit::CSysLog* log) {
-    if (_thr_local_syslog.get() != log)
-        _thr_local_syslog.reset(log);
+    t_log_owner.own(log);
 }
 
 int32_t setup_verbosity(int32_t overall, const subsystem_levels_t& levels,

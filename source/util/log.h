@@ -3,12 +3,11 @@
 // _svr_verb_array is at least L. The macros below evaluate their arguments only when the
 // gate passes, so a message that is not printed costs one integer comparison.
 //
-// Every thread logs through its own toolkit::CSysLog, reached through _thr_local_syslog;
-// thread_log() creates one for a thread that has none yet.
+// Every thread logs through its own toolkit::CSysLog, a thread_local one that is deleted when
+// the thread ends; thread_log() creates one for a thread that has none yet.
 #include "toolkit/sys_log.h"
 
 #include <boost/optional.hpp>
-#include <boost/thread/tss.hpp>
 
 #include <array>
 #include <cstdint>
@@ -38,7 +37,6 @@ using subsystem_levels_t = std::array<boost::optional<int32_t>, SS_COUNT>;
 
 // Written once during start-up, before any worker thread exists; read without locks.
 extern int32_t _svr_verb_array[SS_COUNT];
-extern boost::thread_specific_ptr<toolkit::CSysLog> _thr_local_syslog;
 
 toolkit::CSysLog& thread_log();
 // A new logger for a thread named `name`, sending to syslog unless start-up switched it off.

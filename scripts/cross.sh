@@ -1,0 +1,165 @@
+#!/usr/bin/env bash
+# Builds the server for the big-endian targets and runs the test suites under qemu-user:
+#   powerpc  32-bit big-endian, the device (64-bit time_t on purpose)
+#   s390x    64-bit big-endian, a second opinion on byte order
+# Usage: scripts/cross.sh [powerpc|s390x]   (no argument: both)
+#
+# Everything comes from Debian's archive: the cross compilers and qemu as packages, SQLite
+# and libmodbus built from Debian's source packages (no powerpc binaries exist), Boost as
+# the host's header-only parts. Dependencies go to build-deps/, builds to build-<arch>/.
+# Quick when the dependencies are there; never asks questions. Environment:
+#   CROSS_BUILD_TYPE  CMake build type of the cross trees (default RelWithDebInfo)
+#   CROSS_TESTS=0     build only, run no tests
+set -euo pipefail
+cd "$(dirname "$0")/.."
+root=$PWD
+deps=$root/build-deps
+start=$SECONDS
+
+say() { echo "cross: $* (+$((SECONDS - start)) s)"; }
+die() {
+    echo "cross: FAILED: $*" >&2
+    exit 1
+}
+step="start"
+trap 'rc=$?; [ $rc -eq 0 ] || echo "cross: FAILED during: $step (exit $rc)" >&2' EXIT
+
+arches=()
+case "${1:-all}" in
+    powerpc | s390x) arches=("$1") ;;
+    all) arches=(powerpc s390x) ;;
+    *) die "unknown target '$1': use powerpc, s390x or no argument for both" ;;
+esac
+triplet() { [ "$1" = powerpc ] && echo powerpc-linux-gnu || echo s390x-linux-gnu; }
+qemu() { [ "$1" = powerpc ] && echo qemu-ppc-static || echo qemu-s390x-static; }
+
+# --- host packages -------------------------------------------------------------------
+step="installing host packages"
+extra=(qemu-user-static tcl dpkg-dev autoconf automake libtool)
+for a in "${arches[@]}"; do extra+=("g++-$(triplet "$a")"); done
+bash scripts/deps.sh "${extra[@]}" || die "could not install ${extra[*]} (see apt's message above)"
+for a in "${arches[@]}"; do
+    command -v "$(triplet "$a")-g++" >/dev/null ||
+        die "no $(triplet "$a")-g++ after installing g++-$(triplet "$a")"
+    command -v "$(qemu "$a")" >/dev/null || die "no $(qemu "$a") after installing qemu-user-static"
+done
+
+# --- Debian source packages, through a private apt state -----------------------------
+# deb-src twins of the machine's own sources; the machine's apt configuration is not touched.
+apt_private() {
+    apt-get -q -o Dir::Etc::SourceList="$deps/apt/sources.list" \
+        -o Dir::Etc::SourceParts=/dev/null -o Dir::State::Lists="$deps/apt/lists" \
+        -o Dir::Cache="$deps/apt/cache" -o APT::Sandbox::User=root "$@"
+}
+fetch_source() { # package: unpacked into build-deps/src/<package>-<version>
+    local pkg=$1
+    if [ ! -f "$deps/apt/updated" ]; then
+        step="reading Debian's source index"
+        mkdir -p "$deps/apt/lists/partial" "$deps/apt/cache/archives/partial"
+        {
+            sed -n 's/^deb \(.*\)/deb-src \1/p' /etc/apt/sources.list 2>/dev/null || true
+            # deb822 files: one line per suite
+            for f in /etc/apt/sources.list.d/*.sources; do
+                [ -f "$f" ] || continue
+                awk 'BEGIN { RS=""; FS="\n" }
+                     /Types:[^\n]*deb/ && !/Enabled: *no/ {
+                         u=""; s=""; c=""; k=""
+                         for (i = 1; i <= NF; i++) {
+                             if ($i ~ /^URIs:/) u = substr($i, 6)
+                             if ($i ~ /^Suites:/) s = substr($i, 8)
+                             if ($i ~ /^Components:/) c = substr($i, 12)
+                             if ($i ~ /^Signed-By:/) k = " [signed-by=" substr($i, 11) "]"
+                         }
+                         n = split(s, suites, " ")
+                         for (j = 1; j <= n; j++) print "deb-src" k " " u " " suites[j] " " c
+                     }' "$f"
+            done
+        } | sed 's/  */ /g; s/\[signed-by= */[signed-by=/' >"$deps/apt/sources.list"
+        [ -s "$deps/apt/sources.list" ] || die "no Debian sources configured in /etc/apt"
+        apt_private update -qq </dev/null >/dev/null || die "apt-get update of the deb-src index failed"
+        touch "$deps/apt/updated"
+    fi
+    step="downloading the $pkg source package"
+    mkdir -p "$deps/src"
+    (cd "$deps/src" && apt_private source -qq "$pkg" </dev/null >/dev/null 2>"$deps/src/$pkg.log") ||
+        die "could not fetch Debian's $pkg source package: $(tail -3 "$deps/src/$pkg.log")"
+}
+
+amalgamation=$deps/src/sqlite-amalgamation
+if [ ! -f "$amalgamation/sqlite3.c" ]; then
+    fetch_source sqlite3
+    step="making the SQLite amalgamation"
+    say "SQLite amalgamation from Debian's source (Debian's patches applied)"
+    src=$(ls -d "$deps"/src/sqlite3-*/ | head -1)
+    rm -rf "$deps/src/sqlite-build" && mkdir -p "$deps/src/sqlite-build"
+    (cd "$deps/src/sqlite-build" && "$src/configure" --disable-tcl >/dev/null &&
+        make -s sqlite3.c sqlite3.h >/dev/null) || die "making sqlite3.c failed"
+    mkdir -p "$amalgamation.tmp"
+    cp "$deps/src/sqlite-build/sqlite3.c" "$deps/src/sqlite-build/sqlite3.h" "$amalgamation.tmp/"
+    rm -rf "$amalgamation" "$deps/src/sqlite-build" && mv "$amalgamation.tmp" "$amalgamation"
+fi
+if ! ls -d "$deps"/src/libmodbus-*/configure >/dev/null 2>&1; then
+    fetch_source libmodbus
+    step="preparing libmodbus's configure script"
+    (cd "$(ls -d "$deps"/src/libmodbus-*/ | head -1)" && autoreconf -fi >/dev/null 2>&1) ||
+        die "autoreconf of libmodbus's source failed"
+fi
+modbus_src=$(dirname "$(ls -d "$deps"/src/libmodbus-*/configure | head -1)")
+
+# --- per-target dependencies -----------------------------------------------------------
+build_deps() { # arch: static SQLite and libmodbus with pkg-config files in build-deps/<arch>
+    local a=$1 t prefix cflags
+    t=$(triplet "$a")
+    prefix=$deps/$a
+    [ -f "$prefix/.done" ] && return 0
+    cflags="-O2"
+    [ "$a" = powerpc ] && cflags="$cflags -D_TIME_BITS=64 -D_FILE_OFFSET_BITS=64"
+    rm -rf "$prefix" && mkdir -p "$prefix/lib/pkgconfig" "$prefix/include"
+
+    step="building SQLite for $a"
+    say "SQLite for $a"
+    # The options of Debian's own libsqlite3 that matter here; no run-time extension loading.
+    "$t-gcc" $cflags -DSQLITE_THREADSAFE=1 -DSQLITE_OMIT_LOAD_EXTENSION -DSQLITE_ENABLE_COLUMN_METADATA \
+        -c "$amalgamation/sqlite3.c" -o "$prefix/sqlite3.o" || die "compiling SQLite for $a failed"
+    "$t-ar" rcs "$prefix/lib/libsqlite3.a" "$prefix/sqlite3.o" && rm "$prefix/sqlite3.o"
+    cp "$amalgamation/sqlite3.h" "$prefix/include/"
+    cat >"$prefix/lib/pkgconfig/sqlite3.pc" <<EOF
+prefix=$prefix
+Name: SQLite
+Description: SQL database engine (static, from Debian's source)
+Version: $(sed -n 's/^#define SQLITE_VERSION *"\(.*\)"/\1/p' "$amalgamation/sqlite3.h")
+Libs: -L\${prefix}/lib -lsqlite3 -lm -ldl -lpthread
+Cflags: -I\${prefix}/include
+EOF
+
+    step="building libmodbus for $a"
+    say "libmodbus for $a (test clients only)"
+    rm -rf "$deps/src/modbus-$a" && mkdir -p "$deps/src/modbus-$a"
+    (cd "$deps/src/modbus-$a" && CFLAGS="$cflags" "$modbus_src/configure" --host="$t" \
+        --prefix="$prefix" --disable-shared --enable-static --without-documentation \
+        --disable-tests >/dev/null && make -s -j 2 install >/dev/null 2>&1) ||
+        die "building libmodbus for $a failed (log: build-deps/src/modbus-$a/config.log)"
+    rm -rf "$deps/src/modbus-$a"
+    touch "$prefix/.done"
+}
+
+# --- build and test --------------------------------------------------------------------
+for a in "${arches[@]}"; do
+    build_deps "$a"
+    dir=build-$a
+    [ "$a" = powerpc ] && dir=build-ppc
+    step="configuring $dir"
+    say "configuring $dir"
+    cmake -S . -B "$dir" -G Ninja -DCMAKE_TOOLCHAIN_FILE="$root/cmake/toolchain-$a.cmake" \
+        -DCMAKE_BUILD_TYPE="${CROSS_BUILD_TYPE:-RelWithDebInfo}" -DMB_BENCH=OFF >/dev/null
+    step="building $dir"
+    say "building $dir"
+    cmake --build "$dir" -j 2
+    if [ "${CROSS_TESTS:-1}" != 0 ]; then
+        step="testing $dir under $(qemu "$a")"
+        say "tests of $dir under $(qemu "$a")"
+        ctest --test-dir "$dir" --output-on-failure -j 2
+    fi
+done
+step="done"
+say "done: ${arches[*]}"
