@@ -3,8 +3,8 @@
 // byte after byte with the gap before it, now and then a hunt() or an expect_frame() as the
 // connection calls them around its answers. Every frame the framer returns must follow the
 // line's rules, checked here independently of it: a served address, a supported function, the
-// length its function implies, a CRC that holds, a silence (or expect_frame) before its first
-// byte and none inside it.
+// length its function implies, a CRC that holds, and a silence (or expect_frame) before its
+// first byte.
 #include "support/fuzz_input.h"
 
 #include "io/serial/rtu_framer.h"
@@ -48,7 +48,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     std::bitset<256> served;
     served.set(1).set(17).set(in.u8());
     CRtuFramer framer;
-    framer.configure(silence, served, CModbusFunction::rtu_length);
+    const int64_t frame_break = silence * 7 / 3;
+    framer.configure(silence, frame_break, served, CModbusFunction::rtu_length);
 
     std::vector<CByte> line;
     bool expect = false;
@@ -88,7 +89,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                 gap = 0;
                 break;
             default:
-                gap = 2 * silence;
+                gap = frame_break + (code & 8 ? 1 : 0);
                 break;
             }
         }
@@ -116,8 +117,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
               "frame with a bad CRC", at);
         const CByte& first = line[at - f.size()];
         check(first.gap > silence || first.start_allowed, "frame without a silence before it", at);
-        for (size_t i = at - f.size() + 1; i < at; ++i)
-            check(line[i].gap <= silence, "frame with a silence inside it", at);
     }
     return 0;
 }

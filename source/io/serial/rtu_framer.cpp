@@ -2,9 +2,10 @@
 
 #include "modbus/protocol/serial/modbus_serial_crc.h"
 
-void CRtuFramer::configure(int64_t silence_us, const std::bitset<256>& served,
+void CRtuFramer::configure(int64_t silence_us, int64_t break_us, const std::bitset<256>& served,
                            length_rule_t length) {
     _silence_us = silence_us;
+    _break_us = break_us;
     _served = served;
     _length = std::move(length);
     hunt();
@@ -12,6 +13,7 @@ void CRtuFramer::configure(int64_t silence_us, const std::bitset<256>& served,
 
 void CRtuFramer::hunt() {
     _frame.clear();
+    _alt.clear();
     _hunting = true;
     _start_now = false;
 }
@@ -21,42 +23,69 @@ void CRtuFramer::expect_frame() {
     _start_now = true;
 }
 
-bool CRtuFramer::crc_holds() const {
+bool CRtuFramer::crc_holds(const std::vector<uint8_t>& frame) {
     uint16_t crc = 0xFFFF;
-    for (size_t i = 0; i + 2 < _frame.size(); ++i)
-        crc = CModbusSerialCrc::build_crc(crc, _frame[i]);
+    for (size_t i = 0; i + 2 < frame.size(); ++i)
+        crc = CModbusSerialCrc::build_crc(crc, frame[i]);
     // Sent low byte first.
-    return _frame[_frame.size() - 2] == (crc & 0xff) && _frame[_frame.size() - 1] == (crc >> 8);
+    return frame[frame.size() - 2] == (crc & 0xff) && frame[frame.size() - 1] == (crc >> 8);
+}
+
+CRtuFramer::step_t CRtuFramer::advance(std::vector<uint8_t>& frame, uint8_t byte) const {
+    frame.push_back(byte);
+    if (frame.size() < 2)
+        return step_t::more;
+    const size_t length = _length(frame.data(), frame.size());
+    if (length == no_frame || length > max_frame)
+        return step_t::dead;
+    if (length == 0 || frame.size() < length)
+        return step_t::more;
+    // A complete frame, or noise that happened to start like one.
+    return crc_holds(frame) ? step_t::done : step_t::dead;
 }
 
 bool CRtuFramer::feed(uint8_t byte, int64_t gap_us) {
     const bool after_silence = gap_us > _silence_us || _start_now;
     _start_now = false;
     if (_hunting) {
-        _frame.clear();
-    } else if (after_silence) {
-        // The frame broke off: whatever it held is dropped, this byte may begin the next.
-        hunt();
-    }
-    if (_hunting) {
         if (!after_silence || !_served[byte])
             return false;
         _hunting = false;
-        _frame.push_back(byte);
+        _frame.assign(1, byte);
         return false;
     }
-    _frame.push_back(byte);
-    const size_t length = _length(_frame.data(), _frame.size());
-    if (length == no_frame || length > max_frame) {
-        hunt();
-        return false;
+    step_t alt = step_t::dead;
+    if (gap_us > _break_us) {
+        // A newer break replaces the frame begun at the older one.
+        _alt.clear();
+        if (_served[byte]) {
+            _alt.push_back(byte);
+            alt = step_t::more;
+        }
+    } else if (!_alt.empty()) {
+        alt = advance(_alt, byte);
     }
-    if (length == 0 || _frame.size() < length)
-        return false;
-    // A complete frame, or noise that happened to start like one.
-    _hunting = true;
-    if (crc_holds())
+    const step_t held = advance(_frame, byte);
+    if (held == step_t::done) {
+        _alt.clear();
+        _hunting = true;
         return true;
-    _frame.clear();
+    }
+    if (alt == step_t::done) {
+        _frame.swap(_alt);
+        _alt.clear();
+        _hunting = true;
+        return true;
+    }
+    if (held == step_t::dead) {
+        if (alt == step_t::more)
+            _frame.swap(_alt);
+        else
+            _hunting = true;
+        _alt.clear();
+        return false;
+    }
+    if (alt == step_t::dead)
+        _alt.clear();
     return false;
 }

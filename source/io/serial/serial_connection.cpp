@@ -172,9 +172,11 @@ void CSerialConnection::generate_RTU_timers(uint32_t baud, char_size_t char_size
     for (unsigned address = 0; address < 256; ++address)
         served[address] = _prot->validate(static_cast<unsigned char>(address));
     // The connection knows no function codes: its handler tells how long a frame is.
-    _framer.configure(_timerT15 / 1000, served, [this](const uint8_t* frame, size_t n) {
-        return _prot->frame_length(frame, n);
-    });
+    // The gap between frames: 3.5 characters, but at least 1.75 ms at high baud rates.
+    const int64_t frame_break = std::max<int64_t>(_char_time * 7 / 2, 1750000);
+    _framer.configure(
+        _timerT15 / 1000, frame_break / 1000, served,
+        [this](const uint8_t* frame, size_t n) { return _prot->frame_length(frame, n); });
     reset_flags();
 }
 
