@@ -54,6 +54,7 @@ public:
         _manager.reset(new CIoManager);
         cds_thread->create_actor(*_manager);
         _services.submit = [cds_thread](cmd_ptr_t cmd) { cds_thread->send(std::move(cmd), false); };
+        _services.queued_writes = &_queued_writes;
         const CModbusTcpProtocolHandler prototype(nullptr, _services);
         auto listener = CTcpListener::create(*_manager, prototype, 0);
         _manager->add(listener);
@@ -106,6 +107,7 @@ private:
     CFuzzStore _store;
     std::unique_ptr<CCdsHandle> _reader;
     CModbusServices _services;
+    unsigned _queued_writes = 0;
     std::shared_ptr<CModbusConfig> _config;
     std::unique_ptr<CCdsThread> _cds_thread;
     std::unique_ptr<CIoManager> _manager;

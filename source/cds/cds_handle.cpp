@@ -164,9 +164,9 @@ int CCdsHandle::read(const toolkit::leaf_id_t* ids, size_t n, const toolkit::CLe
 }
 
 int CCdsHandle::write(const toolkit::leaf_id_t* ids, const toolkit::CElement* values, size_t n,
-                      api_status_t* statuses) {
+                      api_status_t* statuses, bool wait) {
     check();
-    const int rc = _cds->write(ids, values, n, statuses);
+    const int rc = _cds->write(ids, values, n, statuses, wait);
     report_file();
     return rc;
 }

@@ -39,13 +39,13 @@ public:
     int get_val(const tk_string& path, toolkit::CElement& element);
     std::vector<toolkit::CElement> get_vals(const std::vector<tk_string>& paths);
 
-    // Reading and writing by leaf id, as toolkit::CCds promises (read returns
+    // Reading and writing by leaf id, as toolkit::CCds promises (both return
     // toolkit::CCds::busy when told not to wait on a locked store); error() says why a call
     // failed.
     void bind(const toolkit::CLeafTable& table);
     int read(const toolkit::leaf_id_t* ids, size_t n, const toolkit::CLeafValue** out, bool wait);
     int write(const toolkit::leaf_id_t* ids, const toolkit::CElement* values, size_t n,
-              api_status_t* statuses);
+              api_status_t* statuses, bool wait = true);
     tk_string error() const;
 
     // timeout in milliseconds, greater than 0.

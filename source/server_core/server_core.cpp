@@ -269,6 +269,7 @@ tk_string CServerCore::add_transports(CIoManager& manager) {
     _services.config = _cfg.get();
     _services.reader = _reader.get();
     _services.submit = [this](cmd_ptr_t cmd) { add_cds_cmd(std::move(cmd), false); };
+    _services.queued_writes = &_queued_writes;
     const CModbusTcpProtocolHandler tcp_prototype(nullptr, _services);
     auto listener = CTcpListener::create(manager, tcp_prototype, static_cast<uint16_t>(port));
     manager.add(listener);

@@ -71,6 +71,7 @@ private:
     // The I/O thread's own store connection: requests read through it without a thread hop.
     std::unique_ptr<CCdsHandle> _reader;
     CModbusServices _services;
+    unsigned _queued_writes = 0;
     std::unique_ptr<CModbusSettings> _settings;
     std::shared_ptr<CModbusConfig> _cfg;
     std::unique_ptr<CEventQueue> _ev_queue;

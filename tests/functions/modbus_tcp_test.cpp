@@ -4,6 +4,10 @@
 #include "threads/commands/thread_command.h"
 
 #include <boost/test/unit_test.hpp>
+#include <sqlite3.h>
+
+#include <chrono>
+#include <thread>
 
 namespace {
 
@@ -276,19 +280,30 @@ BOOST_AUTO_TEST_CASE(store_too_slow) {
     });
     const bool finished = f.run_with([&] {
         auto ctx = tcp_client(f.port);
+        BOOST_REQUIRE(ctx);
+        // A write is made at once while the store is free.
+        BOOST_TEST(modbus_write_register(ctx.get(), 8, 2400) == 1);
+        // Another writer holds the store: reads still answer, a write waits on the CDS thread
+        // and times out, and is not made late once the store is free again.
+        sqlite3* other = nullptr;
+        BOOST_REQUIRE(sqlite3_open(f.store.path().c_str(), &other) == SQLITE_OK);
+        BOOST_REQUIRE(sqlite3_exec(other, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr) ==
+                      SQLITE_OK);
+        BOOST_TEST(read_regs(ctx.get(), 8, 1) == std::vector<uint16_t>{2400});
+        BOOST_TEST(modbus_write_register(ctx.get(), 8, 2500) == -1);
+        BOOST_TEST(exception_code() == 11);
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        sqlite3_exec(other, "ROLLBACK", nullptr, nullptr, nullptr);
+        sqlite3_close(other);
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        BOOST_TEST(read_regs(ctx.get(), 8, 1) == std::vector<uint16_t>{2400});
+        // A stalled CDS thread holds up no write either.
         f.loop->in_loop([&] {
             f.core.add_cds_cmd(cmd_ptr_t(new CStall(400)), false);
             return 0;
         });
-        // Reads are served from the I/O thread's own connection; a write waits for the
-        // stalled CDS thread.
-        BOOST_TEST(read_regs(ctx.get(), 8, 1) == std::vector<uint16_t>{2300});
-        BOOST_TEST(modbus_write_register(ctx.get(), 8, 2400) == -1);
-        BOOST_TEST(exception_code() == 11);
-        // A write answered with 11 is not made late; the connection serves the next request
-        // normally.
-        std::this_thread::sleep_for(std::chrono::milliseconds(400));
-        BOOST_TEST(read_regs(ctx.get(), 8, 1) == std::vector<uint16_t>{2300});
+        BOOST_TEST(modbus_write_register(ctx.get(), 8, 2600) == 1);
+        BOOST_TEST(read_regs(ctx.get(), 8, 1) == std::vector<uint16_t>{2600});
     });
     BOOST_TEST(finished);
 }

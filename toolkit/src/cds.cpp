@@ -77,12 +77,13 @@ int CCds::read(const leaf_id_t* ids, size_t n, const CLeafValue** out, bool wait
     return _handle ? _handle->read(ids, n, out, wait) : -1;
 }
 
-int CCds::write(const leaf_id_t* ids, const CElement* values, size_t n, api_status_t* statuses) {
+int CCds::write(const leaf_id_t* ids, const CElement* values, size_t n, api_status_t* statuses,
+                bool wait) {
     if (!_handle) {
         std::fill(statuses, statuses + n, API_STATUS_FAILURE);
         return -1;
     }
-    return _handle->write(ids, values, n, statuses);
+    return _handle->write(ids, values, n, statuses, wait);
 }
 
 void CCds::setReadOnly() {

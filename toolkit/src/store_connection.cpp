@@ -549,15 +549,19 @@ int CStoreConnection::read_ids(const leaf_id_t* ids, size_t n, const CLeafValue*
 }
 
 int CStoreConnection::write(const leaf_id_t* ids, const CElement* values, size_t n,
-                            api_status_t* statuses) {
+                            api_status_t* statuses, bool wait) {
     if (!check_ids("write", ids, n)) {
         std::fill(statuses, statuses + n, API_STATUS_FAILURE);
         return -1;
     }
-    std::vector<const tk_string*> paths(n);
+    _write_paths.resize(n);
     for (size_t i = 0; i < n; ++i)
-        paths[i] = &_table->path(ids[i]);
-    return write_leaves(paths.data(), values, n, statuses, tk_string());
+        _write_paths[i] = &_table->path(ids[i]);
+    int rc = write_leaves(_write_paths.data(), values, n, statuses, tk_string(), wait);
+    // Busy means the write transaction never began: nothing was written.
+    if ((rc & 0xff) == SQLITE_BUSY)
+        rc = SQLITE_BUSY;
+    return rc;
 }
 
 int CStoreConnection::set(const std::vector<tk_string>& paths, const std::vector<CElement>& values,
@@ -579,7 +583,7 @@ int CStoreConnection::set(const std::vector<tk_string>& paths, const std::vector
 }
 
 int CStoreConnection::write_leaves(const tk_string* const* paths, const CElement* values, size_t n,
-                                   api_status_t* statuses, const tk_string& writer) {
+                                   api_status_t* statuses, const tk_string& writer, bool wait) {
     if (n == 0)
         return 0;
     if (_read_only) {
@@ -587,11 +591,25 @@ int CStoreConnection::write_leaves(const tk_string* const* paths, const CElement
         return 0;
     }
     std::fill(statuses, statuses + n, API_STATUS_FAILURE);
+    // The check may reopen the file: the connection's wait is set on the one written.
     if (!check_file(false))
         return -1;
+    struct CNoWait {
+        CSqliteDb& db;
+        bool wait;
+        CNoWait(CSqliteDb& d, bool w) : db(d), wait(w) {
+            if (!wait)
+                set_busy_wait(db, false);
+        }
+        ~CNoWait() {
+            if (!wait)
+                set_busy_wait(db, true);
+        }
+    } no_wait(_db, wait);
     try {
         const timeval stamp_now = now();
-        std::vector<api_status_t> result(n, API_STATUS_FAILURE);
+        std::vector<api_status_t>& result = _write_result;
+        result.assign(n, API_STATUS_FAILURE);
         CSqliteTransaction txn(_db, true);
         int64_t seq;
         {

@@ -59,7 +59,8 @@ public:
             return 0;
         return read_synced(ids, n, out, wait);
     }
-    int write(const leaf_id_t* ids, const CElement* values, size_t n, api_status_t* statuses);
+    int write(const leaf_id_t* ids, const CElement* values, size_t n, api_status_t* statuses,
+              bool wait);
     void set_read_only() { _read_only = true; }
     bool read_only() const { return _read_only; }
     int watchdog_register(api_status_t& status, const tk_string& ident, unsigned int timeout,
@@ -110,8 +111,9 @@ private:
     int read_ids(const leaf_id_t* ids, size_t n, const CLeafValue** out);
     bool check_ids(const char* what, const leaf_id_t* ids, size_t n);
     // Writes normal paths in one transaction, as set() promises.
+    // wait false: a store that another writer holds fails at once, with SQLite's busy code.
     int write_leaves(const tk_string* const* paths, const CElement* values, size_t n,
-                     api_status_t* statuses, const tk_string& writer);
+                     api_status_t* statuses, const tk_string& writer, bool wait = true);
     // Drops the entries of a leaf that has changed, in both caches.
     void forget(const tk_string& path);
     void drop_caches();
@@ -161,6 +163,9 @@ private:
     int64_t _cache_seq = -1;
     int64_t _cache_generation = -1;
     tk_string _scratch;
+    // Reused by every write, so that a warm connection allocates nothing for them.
+    std::vector<const tk_string*> _write_paths;
+    std::vector<api_status_t> _write_result;
 };
 
 } // namespace toolkit

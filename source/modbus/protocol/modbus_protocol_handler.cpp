@@ -64,8 +64,28 @@ void CModbusProtocolHandler::values_read() {
         err(e);
         return;
     }
+    // A free store is written at once; one that another writer holds, or an earlier write
+    // still queued, sends the write to the CDS thread, which may wait for the store.
+    unsigned* const queued = _services.queued_writes;
+    if (queued != nullptr && *queued == 0) {
+        _request.write_statuses.resize(_request.write_ids.size());
+        const int rc = _services.reader->write(
+            _request.write_ids.data(), _request.write_values.data(), _request.write_ids.size(),
+            _request.write_statuses.data(), false);
+        if (rc == 0) {
+            finish();
+            return;
+        }
+        if (rc != toolkit::CCds::busy) {
+            LOG_WARN(SS_FUNCTION_CODES, 1, "Writing the store failed: %s",
+                     _services.reader->error().c_str());
+            err(MB_SLAVE_DEVICE_FAILURE);
+            return;
+        }
+        LOG_DEBUG(SS_FUNCTION_CODES, 4, "Store busy; writing on the CDS thread");
+    }
     submit(std::make_unique<CThreadCdsRequest>(weak_from_this(), _request.write_ids,
-                                               _request.write_values));
+                                               _request.write_values, queued));
 }
 
 void CModbusProtocolHandler::finish() {
@@ -93,6 +113,7 @@ void CModbusProtocolHandler::submit(std::unique_ptr<CThreadCommand> cmd) {
 void CModbusProtocolHandler::post(CThreadCommand& cmd, bool timed_out) {
     cmd.take_timer();
     cancel_timer();
+
     if (timed_out) {
         err(MB_GATEWAY_TARGET_FAILED);
         return;

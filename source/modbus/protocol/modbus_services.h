@@ -1,7 +1,8 @@
 #pragma once
 // What the Modbus protocol handlers are given when they are made: the unit registry, the
-// I/O thread's own store connection (bound to the registry's leaves), and the way to hand
-// work to the CDS thread. The owner keeps it alive for as long as any handler lives.
+// I/O thread's own store connection (bound to the registry's leaves), the way to hand work
+// to the CDS thread, and the count of writes handed to it and not yet answered. The owner
+// keeps it alive for as long as any handler lives; everything here is for the I/O thread.
 #include "threads/commands/thread_command.h"
 
 #include <functional>
@@ -14,4 +15,7 @@ struct CModbusServices {
     CCdsHandle* reader = nullptr;
     // Queues a command for the CDS thread; never blocks.
     std::function<void(cmd_ptr_t)> submit;
+    // While it is not 0, writes queue behind those on the CDS thread, so that they reach the
+    // store in the order they came. Null: every write goes to the CDS thread.
+    unsigned* queued_writes = nullptr;
 };

@@ -58,8 +58,11 @@ public:
     // bypass this library are seen within half a second.
     int read(const leaf_id_t* ids, size_t n, const CLeafValue** out, bool wait);
     // Writes values to the leaves in one transaction, with the per-leaf statuses, the type
-    // conversion, read-only rule and stamping of set_leaves; returns as set_leaves.
-    int write(const leaf_id_t* ids, const CElement* values, size_t n, api_status_t* statuses);
+    // conversion, read-only rule and stamping of set_leaves; returns as set_leaves, or busy
+    // when wait is false and another writer holds the store (nothing written, returns at
+    // once).
+    int write(const leaf_id_t* ids, const CElement* values, size_t n, api_status_t* statuses,
+              bool wait = true);
 
     // From now on every write fails with API_STATUS_READ_ONLY and changes nothing.
     void setReadOnly();

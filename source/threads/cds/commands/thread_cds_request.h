@@ -9,14 +9,20 @@
 
 #include <vector>
 
+class CCdsHandle;
+
 class CThreadCdsRequest : public CThreadCommand {
 public:
     // A read of ids.
     CThreadCdsRequest(const std::weak_ptr<CThreadResponseHandler>& requester,
                       std::vector<toolkit::leaf_id_t> ids);
-    // A write of values to ids (one each).
+    // A write of values to ids (one each). queued, when given, counts the write from now
+    // until the command is destroyed, which happens on the I/O thread once the CDS thread is
+    // done with it (answered, timed out or skipped alike).
     CThreadCdsRequest(const std::weak_ptr<CThreadResponseHandler>& requester,
-                      std::vector<toolkit::leaf_id_t> ids, std::vector<toolkit::CElement> values);
+                      std::vector<toolkit::leaf_id_t> ids, std::vector<toolkit::CElement> values,
+                      unsigned* queued = nullptr);
+    ~CThreadCdsRequest() override;
 
     void execute(CThreadBase* thread) override;
 
@@ -27,7 +33,10 @@ public:
     const std::vector<api_status_t>& statuses() const { return _statuses; }
 
 private:
+    void write(CCdsHandle& cds);
+
     bool _write;
+    unsigned* _queued = nullptr;
     std::vector<toolkit::leaf_id_t> _ids;
     std::vector<toolkit::CElement> _values;
     std::vector<toolkit::CLeafValue> _read;
