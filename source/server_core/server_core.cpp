@@ -17,12 +17,15 @@
 #include "threads/cds/commands/thread_cds_watchdog_ping.h"
 #include "threads/commands/thread_set_verbosity.h"
 #include "util/log.h"
+#include "util/systemd_notify.h"
 #include "util/util.h"
 
+#include <algorithm>
 #include <cassert>
 #include <chrono>
 #include <csignal>
 #include <cstdio>
+#include <limits>
 #include <unistd.h>
 
 namespace {
@@ -308,20 +311,30 @@ tk_string CServerCore::add_transports(CIoManager& manager) {
 tk_string CServerCore::attach(CIoManager& manager) {
     LOG_STACK();
     assert(_cds_thread);
-    const unsigned watchdog = _options ? _options->watchdog_ms() : 0;
-    if (watchdog != 0) {
-        LOG_INFO(SS_DEFAULT, 2, "Using watchdog timer with a timeout of %u msecs", watchdog);
+    const unsigned store_watchdog = _options ? _options->watchdog_ms() : 0;
+    if (store_watchdog != 0) {
+        LOG_INFO(SS_DEFAULT, 2, "Using watchdog timer with a timeout of %u msecs", store_watchdog);
         try {
-            _cds->watchdog_register(watchdog);
+            _cds->watchdog_register(store_watchdog);
         } catch (const generic_err&) {
             throw init_err();
         }
-        CThreadBase* cds_thread = _cds_thread.get();
-        manager.add(CWatchdogTimer::create(manager, watchdog, [cds_thread] {
-            cds_thread->send(std::make_unique<CThreadCdsWatchdogPing>(), true);
-        }));
     } else {
         LOG_INFO(SS_DEFAULT, 2, "Watchdog timer disabled.");
+    }
+    // systemd's watchdog (WatchdogSec=) is fed with the store's, at the shorter period.
+    const unsigned systemd_watchdog = static_cast<unsigned>(std::min<int64_t>(
+        _systemd.watchdog_interval().count() / 1000, std::numeric_limits<unsigned>::max()));
+    unsigned watchdog = store_watchdog;
+    if (systemd_watchdog != 0 && (watchdog == 0 || systemd_watchdog < watchdog))
+        watchdog = systemd_watchdog;
+    if (watchdog != 0) {
+        CThreadBase* cds_thread = _cds_thread.get();
+        const bool store = store_watchdog != 0;
+        const CSystemdNotify* systemd = systemd_watchdog != 0 ? &_systemd : nullptr;
+        manager.add(CWatchdogTimer::create(manager, watchdog, [cds_thread, store, systemd] {
+            cds_thread->send(std::make_unique<CThreadCdsWatchdogPing>(store, systemd), true);
+        }));
     }
     _cds_thread->create_actor(manager);
     tk_string summary;
@@ -363,7 +376,9 @@ bool CServerCore::main() {
         LOG_INFO(SS_DEFAULT, 0, "%s", summary.c_str());
         if (_launch)
             _launch->ready();
+        _systemd.notify("READY=1");
         manager.run();
+        _systemd.notify("STOPPING=1");
     } catch (const boost::system::system_error& e) {
         LOG_THREAD(err, 0, "System error encountered in I/O manager");
         LOG_THREAD(err, 0, "%s", e.what());

@@ -13,6 +13,7 @@
 #include "threads/commands/thread_command.h"
 #include "toolkit/tk_string.h"
 #include "util/generic_err.h"
+#include "util/systemd_notify.h"
 
 #include <boost/optional.hpp>
 
@@ -71,6 +72,8 @@ private:
     // The I/O thread's own store connection: requests read through it without a thread hop.
     std::unique_ptr<CCdsHandle> _reader;
     CModbusServices _services;
+    // READY=1 once serving, WATCHDOG=1 with the watchdog pings, when systemd asks for them.
+    CSystemdNotify _systemd;
     unsigned _queued_writes = 0;
     std::unique_ptr<CModbusSettings> _settings;
     std::shared_ptr<CModbusConfig> _cfg;

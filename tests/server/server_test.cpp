@@ -8,8 +8,14 @@
 
 #include <boost/test/unit_test.hpp>
 
+#include <poll.h>
+#include <sys/un.h>
+
+#include <algorithm>
+#include <cstring>
 #include <functional>
 #include <set>
+#include <string>
 
 namespace {
 
@@ -199,6 +205,51 @@ BOOST_AUTO_TEST_CASE(watchdog_is_pinged) {
     BOOST_TEST(pings.size() <= 8u);
     server.signal(SIGTERM);
     BOOST_TEST(server.wait(3000) == 0);
+}
+
+// systemd's side of a Type=notify service: the notify socket, and WatchdogSec=0.4.
+BOOST_AUTO_TEST_CASE(tells_systemd_it_serves_and_feeds_its_watchdog) {
+    CServerStore s;
+    const tk_string path = s.store.dir().file("notify");
+    const int fd = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    BOOST_REQUIRE(fd >= 0);
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    std::strncpy(addr.sun_path, path.c_str(), sizeof addr.sun_path - 1);
+    BOOST_REQUIRE(::bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0);
+    std::vector<std::string> said;
+    {
+        CScopedEnv socket_env("NOTIFY_SOCKET", path);
+        CScopedEnv watchdog_env("WATCHDOG_USEC", "400000");
+        CServerProcess server(s.store.dir(), {"-Ns"});
+        // Everything said within a second and a half.
+        const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(1500);
+        while (std::chrono::steady_clock::now() < end) {
+            pollfd p{fd, POLLIN, 0};
+            if (::poll(&p, 1, 100) != 1)
+                continue;
+            char text[256];
+            const ssize_t n = ::recv(fd, text, sizeof text, 0);
+            if (n > 0)
+                said.emplace_back(text, static_cast<size_t>(n));
+            // Ready means listening.
+            if (said.size() == 1)
+                BOOST_TEST(read_voltage(s.port) == 2300);
+        }
+        server.signal(SIGTERM);
+        BOOST_TEST(server.wait(3000) == 0);
+        char text[256];
+        const ssize_t n = ::recv(fd, text, sizeof text, MSG_DONTWAIT);
+        BOOST_TEST(std::string(text, n > 0 ? static_cast<size_t>(n) : 0) == "STOPPING=1");
+    }
+    ::close(fd);
+    BOOST_REQUIRE(!said.empty());
+    BOOST_TEST(said.front() == "READY=1");
+    // At half the watchdog time-out: about 7 in 1.5 s, on a busy machine fewer.
+    const size_t pings = static_cast<size_t>(std::count(said.begin(), said.end(), "WATCHDOG=1"));
+    BOOST_TEST(pings >= 3u);
+    BOOST_TEST(pings <= 9u);
+    BOOST_TEST(pings + 1 == said.size());
 }
 
 BOOST_AUTO_TEST_CASE(start_up_failures) {

@@ -4,11 +4,16 @@
 #include "threads/cds/cds_thread.h"
 #include "util/cast.h"
 #include "util/log.h"
+#include "util/systemd_notify.h"
 
-CThreadCdsWatchdogPing::CThreadCdsWatchdogPing() {
+CThreadCdsWatchdogPing::CThreadCdsWatchdogPing(bool store, const CSystemdNotify* systemd)
+    : _store(store), _systemd(systemd) {
     LOG_DEBUG(SS_CDS_THREAD, 2, "Creating WatchdogPing cmd");
 }
 
 void CThreadCdsWatchdogPing::execute(CThreadBase* thread) {
-    poly_cast<CCdsThread*>(thread)->handle().watchdog_ping();
+    if (_store)
+        poly_cast<CCdsThread*>(thread)->handle().watchdog_ping();
+    if (_systemd)
+        _systemd->notify("WATCHDOG=1");
 }
