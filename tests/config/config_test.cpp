@@ -1,5 +1,6 @@
 #include "data/sample_store.h"
 #include "modbus/config/modbus_config.h"
+#include "modbus/core/modbus_function.h"
 #include "support/subsystem_log.h"
 #include "util/generic_err.h"
 
@@ -239,17 +240,21 @@ BOOST_FIXTURE_TEST_CASE(files_of_a_unit_in_order, CRegistryStore) {
                                                           : 30));
     CModbusConfig cfg(read_settings());
     CCdsHandle cds;
-    CEventQueue events(1, "");
+    cds.bind(cfg.leaves());
+    const CModbusFunction* f = CModbusFunction::find(3);
     for (unit_id_t id : {1, 2}) {
-        const auto list = cfg.tcp_config(id)->get_registers(CAddressRange(5, 7));
-        BOOST_TEST(list->register_ranges().size() == 2u);
-        cds_leaf_set_t leaves = list->get_paths(true, true);
-        BOOST_TEST(leaves.size() == 4u + 2 * 4u);
-        cds.get(leaves, "/Dev");
-        list->update_configs(leaves);
-        BOOST_TEST(list->translate_vals(leaves, events) ==
-                       (regvec_t{id == 1 ? mbreg_t(10) : mbreg_t(20), 30, 30}),
-                   "unit " << unsigned(id));
+        CModbusPdu pdu;
+        pdu.function = 3;
+        pdu.data = {0, 5, 0, 3};
+        CModbusRequest req;
+        req.pdu = &pdu;
+        req.unit = &cfg.tcp_config(id)->unit();
+        BOOST_REQUIRE(f->plan(req) == MB_NO_ERROR);
+        req.values.resize(req.reads.size());
+        BOOST_REQUIRE(cds.read(req.reads.data(), req.reads.size(), req.values.data(), true) == 0);
+        BOOST_REQUIRE(f->answer(req) == MB_NO_ERROR);
+        const uint8_t first = id == 1 ? 10 : 20;
+        BOOST_TEST(pdu.data == (iobuf_t{6, 0, first, 0, 30, 0, 30}), "unit " << unsigned(id));
     }
 }
 

@@ -1,20 +1,12 @@
 #pragma once
-// One register request (holding or input registers) of one unit: the register mappings that
-// touch the requested range, the store leaves to read for them, and the translation of the
-// leaves read into registers (reads) or of written registers into leaves (writes).
+// The register mappings (holding or input registers) of one unit that touch an address
+// range, in walk order (files as added, each in address order), with each mapping's
+// attributes entry. The profiler walks a whole unit's map with it; requests use the unit's
+// resolved map (modbus/core/unit_map.h).
 //
-// Built per request by CModbusDeviceConfig::get_registers. It holds iterator ranges into the
-// unit's parsed files and pointers to its dynamic configurations, so it must not outlive the
-// device configuration. Leaf paths are the mappings' value paths, relative to the device
-// path (the read and write commands take the device path as their prefix).
-//
-// Read:  get_paths(true, true), read the leaves, update_configs, translate_vals.
-// Write: get_paths(true, true), read the leaves, update_configs, check_range (pad the values
-//        to its result when larger), get_vals, write the result.
-//
-// Event mappings are kept but not walked: registers only an event covers read as unmapped.
-#include "cds/cds_leaf.h"
-#include "cds/event_queue.h"
+// Built by CModbusDeviceConfig::get_registers. It holds iterator ranges into the unit's
+// parsed files and pointers to its dynamic configurations, so it must not outlive the
+// device configuration.
 #include "modbus/config/modbus_device_dynamic_config.h"
 #include "modbus/map/eds_mapping.h"
 
@@ -35,24 +27,6 @@ public:
     // Takes each register mapping's attributes entry from the device; call after the last add.
     void get_dynamic_cfg(CModbusDeviceDynamicConfig& cfg);
 
-    // The value leaves (mappings) and the attribute leaves not read yet (configs) of every
-    // register mapping. Empty when no register mapping touches the range.
-    cds_leaf_set_t get_paths(bool mappings, bool configs) const;
-    void update_configs(const cds_leaf_set_t& leaves) const;
-    // One register per address of the range. Throws generic_err, without zero fill, when a
-    // register is unmapped or its parameter could not be read.
-    regvec_t translate_vals(const cds_leaf_set_t& leaves, const CEventQueue& events) const;
-    // The register count a write must cover: the size of the last (in walk order) writable
-    // mapping whose leaf was read. -1 when there is none, and when writing that many
-    // registers from the start of the range would pass address 0xFFFF.
-    int check_range(const cds_leaf_set_t& leaves, const regvec_t& vals) const;
-    // The leaves that store vals, written from the start of the range on. Parameters that
-    // are not writable, could not be read, straddle an edge of the written registers or
-    // have no register left that a lower id did not claim are left out, so the result may
-    // be empty. Throws generic_err when vals is empty or runs past address 0xFFFF, and when
-    // a translator refuses the registers (a time stamp, for one).
-    cds_leaf_set_t get_vals(const cds_leaf_set_t& leaves, const regvec_t& vals) const;
-
     const CAddressRange& addrs() const { return _addrs; }
     bool zero_fill() const { return _zero_fill; }
     const std::vector<register_iterrange_t>& register_ranges() const { return _register_ranges; }
@@ -61,10 +35,6 @@ public:
     const std::vector<CModbusParamDynamicConfig*>& configs() const { return _configs; }
 
 private:
-    CModbusParamDynamicConfig* config(size_t i) const;
-    // The readable, writable mappings with their configurations, in walk order.
-    template <class F> void for_each_writable(const cds_leaf_set_t& leaves, F f) const;
-
     CAddressRange _addrs;
     std::vector<register_iterrange_t> _register_ranges;
     std::vector<event_iterrange_t> _event_ranges;
