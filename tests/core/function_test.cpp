@@ -197,6 +197,18 @@ typedef std::vector<tk_string> paths_t;
 
 BOOST_AUTO_TEST_SUITE(core)
 
+// A scaled integer written to a parameter the store keeps as a float keeps its fraction; an
+// integer leaf still gets the whole quotient.
+BOOST_FIXTURE_TEST_CASE(scaled_writes_to_float_leaves_keep_their_fraction, CCore) {
+    const CModbusDeviceConfig& meter = *cfg->serial_config(0, 17);
+    BOOST_TEST(write(meter, 2, {2351}) == MB_NO_ERROR);
+    BOOST_TEST(store.value("/Devices/Meter/Voltage/Value").to_float() == 235.1,
+               boost::test_tools::tolerance(1e-9));
+    BOOST_TEST(read(meter, 2, 2) == regvec_t{2351});
+    BOOST_TEST(write(8, {2351}) == MB_NO_ERROR);
+    BOOST_TEST(value("/Output/Voltage/Value").to_uint() == 235u);
+}
+
 BOOST_FIXTURE_TEST_CASE(registers_of_every_translator, CCore) {
     const regvec_t want{
         0x5550, 0x532D, 0x3330, 0x3030, // "UPS-3000"

@@ -403,8 +403,11 @@ modbus_err_t write_registers(CModbusRequest& req) {
             if (!claim(req.marks, r.first - req.start, r.last - req.start))
                 continue;
             const resolved_register_t& e = reg(r);
+            // A leaf the store keeps as a float gets the exact quotient of a scaled integer.
             add_write(req, e.value,
-                      e.mapping->from_registers(&req.regs[r.first - req.start], e.cfg), e.mapping);
+                      e.mapping->from_registers(&req.regs[r.first - req.start], e.cfg,
+                                                r.value->is_float()),
+                      e.mapping);
         }
     } catch (const generic_err&) {
         return MB_ILLEGAL_DATA_ADDRESS;

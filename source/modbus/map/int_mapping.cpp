@@ -136,16 +136,7 @@ void CIntMapping::translate(const toolkit::CElement& el, const CModbusParamDynam
 toolkit::CElement CIntMapping::translate(const mbreg_t* regs,
                                          const CModbusParamDynamicConfig& cfg) const {
     LOG_STACK();
-    assert(regs != nullptr);
-    check_layout();
-    uint32_t raw = 0;
-    const size_t start = _offset / 8;
-    for (size_t k = 0; k < _size; ++k) {
-        const size_t shift = _size - 1 - k;
-        if (shift < 4)
-            raw |= static_cast<uint32_t>(CMapUtil::get_byte(regs, start + k)) << (8 * shift);
-    }
-    raw = field(raw);
+    const uint32_t raw = read_field(regs);
     const double factor = CMapUtil::units_factor(cfg.units(), _units);
     if (_signed) {
         int32_t v = static_cast<int32_t>(raw);
@@ -165,6 +156,34 @@ toolkit::CElement CIntMapping::translate(const mbreg_t* regs,
     if (factor != 0.0)
         v = to_u32(v * factor);
     return toolkit::CElement::from_uint(v, toolkit::CElement::_invalid_time);
+}
+
+uint32_t CIntMapping::read_field(const mbreg_t* regs) const {
+    assert(regs != nullptr);
+    check_layout();
+    uint32_t raw = 0;
+    const size_t start = _offset / 8;
+    for (size_t k = 0; k < _size; ++k) {
+        const size_t shift = _size - 1 - k;
+        if (shift < 4)
+            raw |= static_cast<uint32_t>(CMapUtil::get_byte(regs, start + k)) << (8 * shift);
+    }
+    return field(raw);
+}
+
+toolkit::CElement CIntMapping::translate_float(const mbreg_t* regs,
+                                               const CModbusParamDynamicConfig& cfg) const {
+    LOG_STACK();
+    const uint32_t raw = read_field(regs);
+    double d = _signed ? static_cast<double>(static_cast<int32_t>(raw)) : static_cast<double>(raw);
+    if (_divider != 0)
+        d *= _divider;
+    if (_multiplier != 0)
+        d /= _multiplier;
+    const double factor = CMapUtil::units_factor(cfg.units(), _units);
+    if (factor != 0.0)
+        d *= factor;
+    return toolkit::CElement::from_float(d, toolkit::CElement::_invalid_time);
 }
 
 CProfileMapping CIntMapping::reverse_map(const toolkit::CElement& el, const tk_string& units,

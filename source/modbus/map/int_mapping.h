@@ -28,6 +28,8 @@ public:
                    mbreg_t* out) const override;
     toolkit::CElement translate(const mbreg_t* regs,
                                 const CModbusParamDynamicConfig& cfg) const override;
+    toolkit::CElement translate_float(const mbreg_t* regs,
+                                      const CModbusParamDynamicConfig& cfg) const override;
 
     bool is_signed() const { return _signed; }
     int32_t multiplier() const { return _multiplier; }
@@ -39,6 +41,8 @@ private:
     uint32_t scaled(const toolkit::CElement& el, double factor) const;
     // The register value as a number: the low _size bytes, sign-extended when signed.
     uint32_t field(uint32_t raw) const;
+    // The field of the natural-order registers at regs, before scaling.
+    uint32_t read_field(const mbreg_t* regs) const;
     void check_layout() const;
 
     bool _signed = false;

@@ -17,12 +17,12 @@ void CParamRegisterMapping::to_registers(const toolkit::CElement& el,
     _mapping->to_registers(el, cfg, out);
 }
 
-toolkit::CElement
-CParamRegisterMapping::from_registers(const mbreg_t* regs,
-                                      const CModbusParamDynamicConfig& cfg) const {
+toolkit::CElement CParamRegisterMapping::from_registers(const mbreg_t* regs,
+                                                        const CModbusParamDynamicConfig& cfg,
+                                                        bool float_leaf) const {
     LOG_STACK();
     assert(_mapping);
-    return _mapping->from_registers(regs, cfg);
+    return _mapping->from_registers(regs, cfg, float_leaf);
 }
 
 size_t CParamRegisterMapping::reg_count() const {

@@ -15,8 +15,8 @@ public:
     // regs, with the swaps applied.
     void to_registers(const toolkit::CElement& el, const CModbusParamDynamicConfig& cfg,
                       mbreg_t* out) const;
-    toolkit::CElement from_registers(const mbreg_t* regs,
-                                     const CModbusParamDynamicConfig& cfg) const;
+    toolkit::CElement from_registers(const mbreg_t* regs, const CModbusParamDynamicConfig& cfg,
+                                     bool float_leaf = false) const;
     size_t reg_count() const;
 
     const CRegisterMapping& mapping() const;

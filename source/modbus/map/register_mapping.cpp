@@ -66,10 +66,11 @@ void CRegisterMapping::to_registers(const toolkit::CElement& el,
 }
 
 toolkit::CElement CRegisterMapping::from_registers(const mbreg_t* regs,
-                                                   const CModbusParamDynamicConfig& cfg) const {
+                                                   const CModbusParamDynamicConfig& cfg,
+                                                   bool float_leaf) const {
     LOG_STACK();
     if (!_swap_bytes && !_swap_words)
-        return translate(regs, cfg);
+        return float_leaf ? translate_float(regs, cfg) : translate(regs, cfg);
     // Undoing the swaps needs a copy: on the stack for anything one request can write.
     const size_t n = reg_count();
     std::array<mbreg_t, max_request_regs> local;
@@ -84,5 +85,5 @@ toolkit::CElement CRegisterMapping::from_registers(const mbreg_t* regs,
         CMapUtil::swap_word_order(natural, n);
     if (_swap_bytes)
         CMapUtil::swap_endianness(natural, n);
-    return translate(natural, cfg);
+    return float_leaf ? translate_float(natural, cfg) : translate(natural, cfg);
 }

@@ -43,6 +43,12 @@ public:
     // Reads exactly reg_count() natural-order registers from regs.
     virtual toolkit::CElement translate(const mbreg_t* regs,
                                         const CModbusParamDynamicConfig& cfg) const = 0;
+    // The same for a parameter the store keeps as a floating-point number: a scaled integer
+    // keeps its fraction (2351 with Multiplier 10 is 235.1). Others read as translate().
+    virtual toolkit::CElement translate_float(const mbreg_t* regs,
+                                              const CModbusParamDynamicConfig& cfg) const {
+        return translate(regs, cfg);
+    }
 
     // Registers the value occupies: (size + 1) / 2 at offset 0, (size + 2) / 2 at offset 8.
     // Every translator refuses other offsets when it is built, so any other is a bug.
@@ -55,8 +61,9 @@ public:
                       mbreg_t* out) const;
     // The value of the reg_count() wire registers at regs (left untouched). Allocates only
     // for a text value, or to undo the swaps of a value longer than one request can carry.
-    toolkit::CElement from_registers(const mbreg_t* regs,
-                                     const CModbusParamDynamicConfig& cfg) const;
+    // float_leaf: the store keeps the parameter as a floating-point number.
+    toolkit::CElement from_registers(const mbreg_t* regs, const CModbusParamDynamicConfig& cfg,
+                                     bool float_leaf = false) const;
 
     uint16_t size() const { return _size; }
     uint8_t offset() const { return _offset; }
