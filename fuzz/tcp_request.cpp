@@ -172,12 +172,15 @@ size_t expected_pdu_length(const CRequest& r, const uint8_t* pdu) {
     case 2:
     case 3:
     case 4:
+    case 23:
         return 2u + pdu[1];
     case 5:
     case 6:
     case 15:
     case 16:
         return 5;
+    case 22:
+        return 7;
     default:
         return 0;
     }

@@ -39,6 +39,15 @@ iobuf_t write_registers_data(unsigned start, const regvec_t& regs) {
     return out;
 }
 
+// The data of a function 23 request: the read range, then a function 16 write.
+iobuf_t read_write_data(unsigned read_start, unsigned read_quantity, unsigned start,
+                        const regvec_t& regs) {
+    iobuf_t out = words({read_start, read_quantity});
+    const iobuf_t write = write_registers_data(start, regs);
+    out.insert(out.end(), write.begin(), write.end());
+    return out;
+}
+
 // The data of a function 15 request: bits packed from the least significant one.
 iobuf_t write_coils_data(unsigned start, const std::vector<bool>& bits) {
     iobuf_t out = words({start, static_cast<unsigned>(bits.size())});
@@ -143,6 +152,14 @@ struct CCore {
             for (const toolkit::leaf_id_t id : req.write_ids)
                 written.push_back(relative(dev, id));
             std::sort(written.begin(), written.end());
+        }
+        if (f->reread != nullptr) {
+            e = f->reread(req);
+            if (e != MB_NO_ERROR)
+                return e;
+            req.values.resize(req.reads.size());
+            if (handle.read(req.reads.data(), req.reads.size(), req.values.data(), true) != 0)
+                return MB_SLAVE_DEVICE_FAILURE;
         }
         return f->answer(req);
     }
@@ -608,7 +625,7 @@ BOOST_FIXTURE_TEST_CASE(exceptions_and_answers, CCore) {
     rows.push_back({0x0F, write_coils_data(0, std::vector<bool>(1968, false)), false, ok});
     rows.push_back({0x10, write_registers_data(0, regvec_t(120, 0)), false, addr});
     // Codes the server does not answer.
-    for (const uint8_t fc : {0x00, 0x07, 0x11, 0x17, 0x2B, 0x81})
+    for (const uint8_t fc : {0x00, 0x07, 0x11, 0x2B, 0x81})
         rows.push_back({fc, words({0, 1}), false, fn});
 
     const CModbusDeviceConfig& z = zero();
@@ -675,6 +692,11 @@ BOOST_AUTO_TEST_CASE(complete_frames) {
         rows.push_back({fc, {0, 0, 0, 2, 4, 1, 2, 3, 4}, true});
         rows.push_back({fc, {0, 0, 0, 0, 0}, true}); // nothing announced
     }
+    // Read/write multiple: the byte count is the ninth data byte.
+    rows.push_back({0x17, {0, 0, 0, 1, 0, 0, 0, 1, 2, 7}, false});
+    rows.push_back({0x17, {0, 0, 0, 1, 0, 0, 0, 1, 2, 7, 8}, true});
+    rows.push_back({0x16, {0, 8, 0xFF, 0, 0}, false});
+    rows.push_back({0x16, {0, 8, 0xFF, 0, 0, 0x25}, true});
     for (const row_t& row : rows) {
         const CModbusFunction* f = CModbusFunction::find(row.fc);
         BOOST_REQUIRE(f != nullptr);
@@ -688,6 +710,35 @@ BOOST_AUTO_TEST_CASE(complete_frames) {
     BOOST_TEST(CModbusFunction::find(0x07) == nullptr);
 }
 
+// 22: the register's present value through the masks, written as function 6 would.
+// 23: the write first, then the read of what the store holds.
+BOOST_FIXTURE_TEST_CASE(mask_write_and_read_write, CCore) {
+    // 2300 is 0x08FC: (0x08FC AND 0xFF00) OR (0x0025 AND 0x00FF) = 0x0825 = 2085, stored /10.
+    BOOST_TEST(request(ups(), 0x16, words({8, 0xFF00, 0x0025})) == MB_NO_ERROR);
+    BOOST_TEST(pdu.data == words({8, 0xFF00, 0x0025}));
+    BOOST_TEST(value("/Output/Voltage/Value").to_uint() == 208u);
+    BOOST_TEST(request(ups(), 0x16, words({9, 0, 0})) == MB_ILLEGAL_DATA_ADDRESS); // read-only
+    BOOST_TEST(request(ups(), 0x16, words({40000, 0, 0})) == MB_ILLEGAL_DATA_ADDRESS);
+    BOOST_TEST(request(ups(), 0x16, words({8, 0})) == MB_ILLEGAL_DATA_VALUE);
+
+    // Read 8..9 after writing 8: the answer holds the new value.
+    BOOST_TEST(request(ups(), 0x17, read_write_data(8, 2, 8, {2400})) == MB_NO_ERROR);
+    BOOST_TEST((pdu.data == iobuf_t{4, 0x09, 0x60, 0x04, 0xE2}));
+    BOOST_TEST(written == paths_t{"/Output/Voltage/Value"});
+    // Quantities and byte counts; a read range without parameters writes nothing.
+    BOOST_TEST(request(ups(), 0x17, read_write_data(8, 0, 8, {1})) == MB_ILLEGAL_DATA_VALUE);
+    BOOST_TEST(request(ups(), 0x17, read_write_data(8, 126, 8, {1})) == MB_ILLEGAL_DATA_VALUE);
+    BOOST_TEST(request(ups(), 0x17, read_write_data(8, 1, 8, regvec_t(122, 0))) ==
+               MB_ILLEGAL_DATA_VALUE);
+    iobuf_t short_count = read_write_data(8, 1, 8, {1, 2});
+    short_count.pop_back();
+    BOOST_TEST(request(ups(), 0x17, short_count) == MB_ILLEGAL_DATA_VALUE);
+    BOOST_TEST(request(ups(), 0x17, read_write_data(0xFFFF, 2, 8, {1})) == MB_ILLEGAL_DATA_ADDRESS);
+    BOOST_TEST(request(ups(), 0x17, read_write_data(40000, 1, 8, {2500})) ==
+               MB_ILLEGAL_DATA_ADDRESS);
+    BOOST_TEST(value("/Output/Voltage/Value").to_uint() == 240u);
+}
+
 // A store that refuses the write: the master must not be told it was written.
 BOOST_FIXTURE_TEST_CASE(write_the_store_refuses, CCore) {
     store.define("/ReadOnlyCDS", CElement::TYPE_BOOL, CElement::from_bool(true));
@@ -697,6 +748,10 @@ BOOST_FIXTURE_TEST_CASE(write_the_store_refuses, CCore) {
     BOOST_TEST(req.write_statuses.size() == 1u);
     BOOST_TEST(request(ups(), 0x0F, write_coils_data(0, {false, false, false}), &read_only) ==
                MB_SLAVE_DEVICE_FAILURE);
+    // A read/write whose write is refused reads nothing and answers the write's exception.
+    BOOST_TEST(request(ups(), 0x17, read_write_data(8, 2, 8, {2400}), &read_only) ==
+               MB_SLAVE_DEVICE_FAILURE);
+    BOOST_TEST(req.reads.size() == 1u);
     BOOST_TEST(value("/Output/Voltage/Value").to_uint() == 230u);
     BOOST_TEST(value("/Battery/Low/Value").to_bool());
     // Reads still work through it.

@@ -57,6 +57,13 @@ BOOST_AUTO_TEST_CASE(requests_over_a_serial_line) {
             quiet_line();
             BOOST_TEST(modbus_write_register(ctx.get(), 8, 2410) == 1);
             quiet_line();
+            // Mask write (0x096A AND 0xFF00 OR 0x0002 = 0x0902 = 2306), then read/write.
+            BOOST_TEST(modbus_mask_write_register(ctx.get(), 8, 0xFF00, 0x0002) == 1);
+            quiet_line();
+            const uint16_t to_write[1] = {2420};
+            BOOST_TEST(modbus_write_and_read_registers(ctx.get(), 8, 1, to_write, 8, 2, regs) == 2);
+            BOOST_TEST(regs[0] == 2420);
+            quiet_line();
             uint8_t bits[3] = {};
             BOOST_TEST(modbus_read_bits(ctx.get(), 0, 3, bits) == 3);
             BOOST_TEST(bits[2] == 0);
@@ -79,7 +86,7 @@ BOOST_AUTO_TEST_CASE(requests_over_a_serial_line) {
         CPtyPeer line(f.pty->end_b());
         BOOST_REQUIRE(line.ok());
         const auto read8 = rtu_frame(1, 0x03, {0, 8, 0, 1});
-        const auto answer8 = rtu_frame(1, 0x03, {2, 0x09, 0x6A});
+        const auto answer8 = rtu_frame(1, 0x03, {2, 0x09, 0x74}); // 2420
         quiet_line();
         // A bad CRC, an unsupported function: silence.
         auto bad = read8;

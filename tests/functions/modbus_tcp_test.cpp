@@ -108,6 +108,14 @@ BOOST_AUTO_TEST_CASE(writes) {
         auto ctx = tcp_client(f.port);
         BOOST_REQUIRE(ctx);
         BOOST_TEST(modbus_write_register(ctx.get(), 8, 2400) == 1);
+        // 0x0960 AND 0x00FF OR 0x0500 = 0x0560 = 1376: stored as 137, read as 1370.
+        BOOST_TEST(modbus_mask_write_register(ctx.get(), 8, 0x00FF, 0x0500) == 1);
+        const uint16_t voltage[] = {2400};
+        uint16_t back[2] = {};
+        BOOST_TEST(modbus_write_and_read_registers(ctx.get(), 8, 1, voltage, 7, 2, back) == 2);
+        BOOST_TEST(back[1] == 2400);
+        BOOST_TEST(modbus_write_and_read_registers(ctx.get(), 9, 1, voltage, 8, 1, back) == -1);
+        BOOST_TEST(exception_code() == 2);
         const uint16_t cycles[] = {0x0002, 0x0003};
         BOOST_TEST(modbus_write_registers(ctx.get(), 10, 2, cycles) == 2);
         // Half of a two-register parameter: nothing is written.

@@ -250,7 +250,8 @@ size_t lay_registers(CModbusRequest& req, const ranked_t& r, bool claims) {
     return filled;
 }
 
-modbus_err_t answer_read_registers(CModbusRequest& req) {
+// The registers of the range into req.regs, from the values read.
+modbus_err_t fill_registers(CModbusRequest& req) {
     update_attributes<CParamRegisterMapping>(req);
     const size_t n = req.quantity;
     req.regs.assign(n, 0);
@@ -277,6 +278,14 @@ modbus_err_t answer_read_registers(CModbusRequest& req) {
     }
     if (!req.zero_fill && filled < n)
         return unmapped(req, "registers");
+    return MB_NO_ERROR;
+}
+
+modbus_err_t answer_read_registers(CModbusRequest& req) {
+    const modbus_err_t e = fill_registers(req);
+    if (e != MB_NO_ERROR)
+        return e;
+    const size_t n = req.quantity;
     iobuf_t& out = req.pdu->data;
     out.resize(1 + 2 * n);
     out[0] = static_cast<uint8_t>(2 * n);
@@ -415,10 +424,9 @@ modbus_err_t write_registers(CModbusRequest& req) {
     return req.write_ids.empty() ? MB_ILLEGAL_DATA_ADDRESS : MB_NO_ERROR;
 }
 
-// A write has been stored: single writes echo the request, multiple writes keep start and
-// quantity. The store may refuse single leaves of a batch it accepted (a read-only store, a
-// value its leaf's type cannot take): the master must not be told they were written.
-modbus_err_t answer_write(CModbusRequest& req) {
+// The store may refuse single leaves of a batch it accepted (a read-only store, a value its
+// leaf's type cannot take): the master must not be told they were written.
+modbus_err_t check_written(const CModbusRequest& req) {
     assert(req.write_statuses.size() == req.write_ids.size());
     for (size_t i = 0; i < req.write_statuses.size(); ++i) {
         if (req.write_statuses[i] != API_STATUS_OK) {
@@ -427,36 +435,118 @@ modbus_err_t answer_write(CModbusRequest& req) {
             return MB_SLAVE_DEVICE_FAILURE;
         }
     }
+    return MB_NO_ERROR;
+}
+
+// A write has been stored: single writes and mask writes echo the request, multiple writes
+// keep start and quantity.
+modbus_err_t answer_write(CModbusRequest& req) {
+    const modbus_err_t e = check_written(req);
+    if (e != MB_NO_ERROR)
+        return e;
     if (req.pdu->function == 0x0F || req.pdu->function == 0x10)
         req.pdu->data.resize(4);
     return MB_NO_ERROR;
 }
 
+// ---- 22: mask write of one register: its present value, AND and OR masks, then the path
+// of function 6 (the same checks, padding and one transaction).
+
+modbus_err_t plan_mask_write(CModbusRequest& req) {
+    const iobuf_t& data = req.pdu->data;
+    if (data.size() != 6)
+        return MB_ILLEGAL_DATA_VALUE;
+    req.start = read_u16(data, 0);
+    req.quantity = 1;
+    return plan_leaves<CParamRegisterMapping>(req);
+}
+
+modbus_err_t mask_write(CModbusRequest& req) {
+    const modbus_err_t e = fill_registers(req);
+    if (e != MB_NO_ERROR)
+        return e;
+    const uint16_t and_mask = read_u16(req.pdu->data, 2);
+    const uint16_t or_mask = read_u16(req.pdu->data, 4);
+    const mbreg_t present = req.regs[0];
+    req.regs.assign(1, static_cast<mbreg_t>((present & and_mask) | (or_mask & ~and_mask)));
+    return write_registers(req);
+}
+
+// ---- 23: read/write multiple registers. The write goes first, as function 16 would make
+// it; the read answers with what the store holds after it.
+
+const unsigned max_read_write_registers = 121;
+
+modbus_err_t plan_read_write(CModbusRequest& req) {
+    const iobuf_t& data = req.pdu->data;
+    if (data.size() < 9)
+        return MB_ILLEGAL_DATA_VALUE;
+    const uint16_t read_start = read_u16(data, 0);
+    const uint16_t read_quantity = read_u16(data, 2);
+    req.start = read_u16(data, 4);
+    req.quantity = read_u16(data, 6);
+    const size_t count = data[8];
+    if (read_quantity < 1 || read_quantity > max_read_registers || req.quantity < 1 ||
+        req.quantity > max_read_write_registers || count != 2u * req.quantity ||
+        data.size() - 9 != count)
+        return MB_ILLEGAL_DATA_VALUE;
+    if (!fits(read_start, read_quantity) || !fits(req.start, req.quantity))
+        return MB_ILLEGAL_DATA_ADDRESS;
+    // A read range that touches no parameter fails before anything is written.
+    CModbusRequest probe;
+    probe.unit = req.unit;
+    probe.start = read_start;
+    probe.quantity = read_quantity;
+    size_t touched = 0;
+    walk<CParamRegisterMapping>(probe, [&](const resolved_register_t&) { ++touched; });
+    if (touched == 0 && !req.zero_fill)
+        return MB_ILLEGAL_DATA_ADDRESS;
+    req.regs.clear();
+    for (size_t i = 0; i < req.quantity; ++i)
+        req.regs.push_back(read_u16(data, 9 + 2 * i));
+    return plan_leaves<CParamRegisterMapping>(req);
+}
+
+modbus_err_t reread_registers(CModbusRequest& req) {
+    const modbus_err_t e = check_written(req);
+    if (e != MB_NO_ERROR)
+        return e;
+    req.start = read_u16(req.pdu->data, 0);
+    req.quantity = read_u16(req.pdu->data, 2);
+    req.reads.clear();
+    req.values.clear();
+    req.mapped = 0;
+    return plan_leaves<CParamRegisterMapping>(req);
+}
+
 const CModbusFunction functions[] = {
-    {0x01, 4, max_read_bits, plan_read_bits, nullptr, answer_read_bits},
-    {0x02, 4, max_read_bits, plan_read_bits, nullptr, answer_read_bits},
-    {0x03, 4, max_read_registers, plan_read_registers, nullptr, answer_read_registers},
-    {0x04, 4, max_read_registers, plan_read_registers, nullptr, answer_read_registers},
-    {0x05, 4, 1, plan_write_bits, write_bits, answer_write},
-    {0x06, 4, 1, plan_write_registers, write_registers, answer_write},
-    {0x0F, 5, max_write_bits, plan_write_bits, write_bits, answer_write},
-    {0x10, 5, max_write_registers, plan_write_registers, write_registers, answer_write},
+    {0x01, 4, 0, max_read_bits, plan_read_bits, nullptr, nullptr, answer_read_bits},
+    {0x02, 4, 0, max_read_bits, plan_read_bits, nullptr, nullptr, answer_read_bits},
+    {0x03, 4, 0, max_read_registers, plan_read_registers, nullptr, nullptr, answer_read_registers},
+    {0x04, 4, 0, max_read_registers, plan_read_registers, nullptr, nullptr, answer_read_registers},
+    {0x05, 4, 0, 1, plan_write_bits, write_bits, nullptr, answer_write},
+    {0x06, 4, 0, 1, plan_write_registers, write_registers, nullptr, answer_write},
+    {0x0F, 5, 5, max_write_bits, plan_write_bits, write_bits, nullptr, answer_write},
+    {0x10, 5, 5, max_write_registers, plan_write_registers, write_registers, nullptr, answer_write},
+    {0x16, 6, 0, 1, plan_mask_write, mask_write, nullptr, answer_write},
+    {0x17, 9, 9, max_read_write_registers, plan_read_write, write_registers, reread_registers,
+     answer_read_registers},
 };
 
 } // namespace
 
 size_t CModbusFunction::request_length(const uint8_t* pdu, size_t n) const {
-    if (min_data < 5)
+    if (count_at == 0)
         return 1u + min_data;
-    // Multiple writes announce the bytes that follow their 5-byte header.
-    return n < 6 ? 0 : 6u + pdu[5];
+    return n <= count_at ? 0 : count_at + 1u + pdu[count_at];
 }
 
 bool CModbusFunction::complete(const CModbusPdu& pdu) const {
     const iobuf_t& data = pdu.data;
     if (data.size() < min_data)
         return false;
-    return min_data < 5 || data.size() >= 5u + data[4];
+    // data starts after the function code.
+    return count_at == 0 || data.size() >= count_at + data[count_at - 1u];
 }
 
 size_t CModbusFunction::rtu_length(const uint8_t* frame, size_t n) {

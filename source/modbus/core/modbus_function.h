@@ -6,6 +6,9 @@
 //   (the caller reads them and points req.values at the answers)
 //   write(req)   writes only: the leaves to store (req.write_ids and write_values);
 //   (the caller writes them in one transaction and fills req.write_statuses)
+//   reread(req)  only for a read after a write (function 23): checks what the store made
+//                of the write and names the leaves to read for the answer (req.reads);
+//   (the caller reads them again)
 //   answer(req)  turns req.pdu into the response.
 //
 // Each step returns MB_NO_ERROR or the exception code to answer with; the caller answers
@@ -19,13 +22,16 @@ struct CModbusFunction {
     typedef modbus_err_t (*step_t)(CModbusRequest& req);
 
     uint8_t code;
-    // Data bytes (after the function code) of the shortest request; multiple writes also
-    // need their byte count's worth after the first 5.
+    // Data bytes (after the function code) of the shortest request.
     uint8_t min_data;
+    // Where the request's byte count is, counted from the function code, for requests that
+    // carry that many bytes after it; 0 for requests of a fixed length.
+    uint8_t count_at;
     // The largest quantity of a request (registers or bits).
     uint16_t max_quantity;
     step_t plan;
-    step_t write; // null for reads
+    step_t write;  // null for reads
+    step_t reread; // null but for a read after a write
     step_t answer;
 
     // The length of the request whose PDU (function code first) starts with the n bytes

@@ -33,11 +33,16 @@ void CModbusProtocolHandler::handle_request(CModbusPdu& pdu, const CModbusDevice
     _request.pdu = &pdu;
     _request.unit = &device.unit();
     _request.zero_fill = device.zero_fill();
+    _rereading = false;
     const modbus_err_t e = _function->plan(_request);
     if (e != MB_NO_ERROR) {
         err(e);
         return;
     }
+    read_planned();
+}
+
+void CModbusProtocolHandler::read_planned() {
     _request.values.resize(_request.reads.size());
     assert(_services.reader != nullptr);
     const int rc = _services.reader->read(_request.reads.data(), _request.reads.size(),
@@ -55,7 +60,7 @@ void CModbusProtocolHandler::handle_request(CModbusPdu& pdu, const CModbusDevice
 }
 
 void CModbusProtocolHandler::values_read() {
-    if (_function->write == nullptr) {
+    if (_function->write == nullptr || _rereading) {
         finish();
         return;
     }
@@ -89,6 +94,17 @@ void CModbusProtocolHandler::values_read() {
 }
 
 void CModbusProtocolHandler::finish() {
+    // A read after a write (function 23) reads again what the write changed.
+    if (_function->reread != nullptr && !_rereading) {
+        _rereading = true;
+        const modbus_err_t e = _function->reread(_request);
+        if (e != MB_NO_ERROR) {
+            err(e);
+            return;
+        }
+        read_planned();
+        return;
+    }
     const modbus_err_t e = _function->answer(_request);
     if (e != MB_NO_ERROR)
         err(e);

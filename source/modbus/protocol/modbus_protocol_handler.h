@@ -56,6 +56,8 @@ protected:
     std::unique_ptr<CModbusAdu> _adu;
 
 private:
+    // Reads the leaves planned, here or on the CDS thread when the store is locked.
+    void read_planned();
     // The steps after the leaves were read.
     void values_read();
     void finish();
@@ -64,5 +66,7 @@ private:
 
     const CModbusFunction* _function = nullptr;
     CModbusRequest _request;
+    // The request's write is stored and its answer is being read (function 23).
+    bool _rereading = false;
     std::shared_ptr<CIoTimer> _timer;
 };
