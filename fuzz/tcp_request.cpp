@@ -172,6 +172,7 @@ size_t expected_pdu_length(const CRequest& r, const uint8_t* pdu) {
     case 2:
     case 3:
     case 4:
+    case 17:
     case 23:
         return 2u + pdu[1];
     case 5:

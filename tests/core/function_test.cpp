@@ -131,6 +131,7 @@ struct CCore {
         req.pdu = &pdu;
         req.unit = &dev.unit();
         req.zero_fill = dev.zero_fill();
+        req.unit_id = 1;
         modbus_err_t e = f->plan(req);
         if (e != MB_NO_ERROR)
             return e;
@@ -625,7 +626,7 @@ BOOST_FIXTURE_TEST_CASE(exceptions_and_answers, CCore) {
     rows.push_back({0x0F, write_coils_data(0, std::vector<bool>(1968, false)), false, ok});
     rows.push_back({0x10, write_registers_data(0, regvec_t(120, 0)), false, addr});
     // Codes the server does not answer.
-    for (const uint8_t fc : {0x00, 0x07, 0x11, 0x2B, 0x81})
+    for (const uint8_t fc : {0x00, 0x07, 0x0C, 0x2C, 0x81})
         rows.push_back({fc, words({0, 1}), false, fn});
 
     const CModbusDeviceConfig& z = zero();
@@ -737,6 +738,62 @@ BOOST_FIXTURE_TEST_CASE(mask_write_and_read_write, CCore) {
     BOOST_TEST(request(ups(), 0x17, read_write_data(40000, 1, 8, {2500})) ==
                MB_ILLEGAL_DATA_ADDRESS);
     BOOST_TEST(value("/Output/Voltage/Value").to_uint() == 240u);
+}
+
+// 17 and 43/14 read the unit's identification leaves; what the store lacks reads as its
+// default.
+BOOST_FIXTURE_TEST_CASE(identification, CCore) {
+    BOOST_TEST(request(ups(), 0x11, {}) == MB_NO_ERROR);
+    BOOST_TEST((pdu.data == iobuf_t{2, 1, 0xFF})); // the unit id, running, no text
+    BOOST_TEST(request(ups(), 0x2B, {0x0E, 1, 0}) == MB_NO_ERROR);
+    BOOST_TEST((pdu.data == iobuf_t{0x0E, 1, 0x82, 0, 0, 3, 0, 0, 1, 0, 2, 0}));
+
+    const auto define = [&](const char* name, const CElement& value) {
+        store.define("/Devices/UPS/Identification/" + tk_string(name) + "/Value", value.type(),
+                     value);
+    };
+    define("Vendor Name", CElement::from_string("Acme"));
+    define("Product Code", CElement::from_string("U1"));
+    define("Revision", CElement::from_string("1.2"));
+    define("Product Name", CElement::from_string("Power unit"));
+    define("Server ID", CElement::from_uint(7));
+    define("Run Indicator", CElement::from_bool(false));
+    BOOST_TEST(request(ups(), 0x11, {}) == MB_NO_ERROR);
+    const tk_string name = "Power unit";
+    iobuf_t want{12, 7, 0x00};
+    want.insert(want.end(), name.begin(), name.end());
+    BOOST_TEST(pdu.data == want);
+
+    // Basic objects; an object id the stream lacks starts it from 0; one object alone.
+    const iobuf_t basic{0x0E, 1, 0x82, 0,   0,   3, 0, 4,   'A', 'c', 'm',
+                        'e',  1, 2,    'U', '1', 2, 3, '1', '.', '2'};
+    BOOST_TEST(request(ups(), 0x2B, {0x0E, 1, 0}) == MB_NO_ERROR);
+    BOOST_TEST(pdu.data == basic);
+    BOOST_TEST(request(ups(), 0x2B, {0x0E, 1, 9}) == MB_NO_ERROR);
+    BOOST_TEST(pdu.data == basic);
+    BOOST_TEST(request(ups(), 0x2B, {0x0E, 4, 1}) == MB_NO_ERROR);
+    BOOST_TEST((pdu.data == iobuf_t{0x0E, 4, 0x82, 0, 0, 1, 1, 2, 'U', '1'}));
+    BOOST_TEST(request(ups(), 0x2B, {0x0E, 2, 0}) == MB_NO_ERROR);
+    BOOST_TEST(pdu.data[5] == 7u);
+
+    // Objects that do not fit one answer come in pages.
+    define("Vendor URL", CElement::from_string(tk_string(200, 'u')));
+    define("Model Name", CElement::from_string(tk_string(100, 'm')));
+    BOOST_TEST(request(ups(), 0x2B, {0x0E, 2, 0}) == MB_NO_ERROR);
+    BOOST_TEST(pdu.data[3] == 0xFF);
+    BOOST_TEST(pdu.data[4] == 5u); // Model Name did not fit
+    BOOST_TEST(pdu.data[5] == 5u);
+    BOOST_TEST(pdu.data.size() <= 252u);
+    BOOST_TEST(request(ups(), 0x2B, {0x0E, 2, 5}) == MB_NO_ERROR);
+    BOOST_TEST(pdu.data[3] == 0x00);
+    BOOST_TEST(pdu.data[5] == 2u);
+
+    // Malformed: length, interface, code, object.
+    BOOST_TEST(request(ups(), 0x11, {0}) == MB_ILLEGAL_DATA_VALUE);
+    BOOST_TEST(request(ups(), 0x2B, {0x0E, 1}) == MB_ILLEGAL_DATA_VALUE);
+    BOOST_TEST(request(ups(), 0x2B, {0x0D, 1, 0}) == MB_ILLEGAL_FUNCTION);
+    BOOST_TEST(request(ups(), 0x2B, {0x0E, 5, 0}) == MB_ILLEGAL_DATA_VALUE);
+    BOOST_TEST(request(ups(), 0x2B, {0x0E, 4, 7}) == MB_ILLEGAL_DATA_ADDRESS);
 }
 
 // A store that refuses the write: the master must not be told it was written.

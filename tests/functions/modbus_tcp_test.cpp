@@ -110,6 +110,11 @@ BOOST_AUTO_TEST_CASE(writes) {
         BOOST_TEST(modbus_write_register(ctx.get(), 8, 2400) == 1);
         // 0x0960 AND 0x00FF OR 0x0500 = 0x0560 = 1376: stored as 137, read as 1370.
         BOOST_TEST(modbus_mask_write_register(ctx.get(), 8, 0x00FF, 0x0500) == 1);
+        // Report server id: the unit id, running, no description in the sample store.
+        uint8_t id[8] = {};
+        BOOST_TEST(modbus_report_slave_id(ctx.get(), sizeof id, id) == 2);
+        BOOST_TEST(id[0] == 1u);
+        BOOST_TEST(id[1] == 0xFFu);
         const uint16_t voltage[] = {2400};
         uint16_t back[2] = {};
         BOOST_TEST(modbus_write_and_read_registers(ctx.get(), 8, 1, voltage, 7, 2, back) == 2);
@@ -180,8 +185,12 @@ BOOST_AUTO_TEST_CASE(request_checks) {
         size_t size;
     } cases[] = {
         {tcp_frame(1, 0x07, {}), 1, 0},
-        {tcp_frame(1, 0x11, {}), 1, 0},
-        {tcp_frame(1, 0x2B, {0x0E, 1, 0}), 1, 0},
+        {tcp_frame(1, 0x0C, {}), 1, 0},
+        // Identification without leaves in the store: unit id, running; three empty objects.
+        {tcp_frame(1, 0x11, {}), 0, 11},
+        {tcp_frame(1, 0x2B, {0x0E, 1, 0}), 0, 20},
+        {tcp_frame(1, 0x2B, {0x0E, 4, 9}), 2, 0},
+        {tcp_frame(1, 0x2B, {0x0D, 1, 0}), 1, 0},
         {tcp_frame(9, 0x03, u16(0, 1)), 10, 0},
         {tcp_frame(1, 0x03, {0, 0, 0, 1, 0}), 1, 0},
         {tcp_frame(1, 0x03, u16(0, 125)), 0, 9 + 250},

@@ -519,6 +519,89 @@ modbus_err_t reread_registers(CModbusRequest& req) {
     return plan_leaves<CParamRegisterMapping>(req);
 }
 
+// ---- 17 (report server id) and 43/14 (read device identification): the unit's
+// identification leaves, each read as text; a leaf the store lacks reads as its default.
+
+modbus_err_t plan_identity(CModbusRequest& req) {
+    const iobuf_t& data = req.pdu->data;
+    if (req.pdu->function == 0x11) {
+        if (!data.empty())
+            return MB_ILLEGAL_DATA_VALUE;
+    } else {
+        if (data.size() != 3)
+            return MB_ILLEGAL_DATA_VALUE;
+        // Only the device identification interface of MEI.
+        if (data[0] != 0x0E)
+            return MB_ILLEGAL_FUNCTION;
+        const uint8_t code = data[1];
+        if (code < 1 || code > 4)
+            return MB_ILLEGAL_DATA_VALUE;
+        if (code == 4 && data[2] > CUnitMap::ID_APPLICATION_NAME)
+            return MB_ILLEGAL_DATA_ADDRESS;
+    }
+    const std::vector<toolkit::leaf_id_t>& ids = req.unit->identity();
+    req.reads.assign(ids.begin(), ids.end());
+    return MB_NO_ERROR;
+}
+
+// The identification leaf as text; empty when the store lacks it.
+tk_string identity_text(const CModbusRequest& req, CUnitMap::identity_t which) {
+    const CLeafValue& v = *req.values[which];
+    return v.status == API_STATUS_OK ? v.value.str() : tk_string();
+}
+
+modbus_err_t answer_report_server_id(CModbusRequest& req) {
+    const CLeafValue& id = *req.values[CUnitMap::ID_SERVER_ID];
+    const CLeafValue& run = *req.values[CUnitMap::ID_RUN_INDICATOR];
+    tk_string text = identity_text(req, CUnitMap::ID_DESCRIPTION);
+    if (text.empty())
+        text = identity_text(req, CUnitMap::ID_PRODUCT_NAME);
+    // The byte count is one byte and the PDU at most 253: the text fits in 249.
+    text.resize(std::min<size_t>(text.size(), 249));
+    iobuf_t& out = req.pdu->data;
+    out.clear();
+    out.push_back(static_cast<uint8_t>(2 + text.size()));
+    out.push_back(id.status == API_STATUS_OK ? static_cast<uint8_t>(id.value.to_uint())
+                                             : req.unit_id);
+    out.push_back(run.status != API_STATUS_OK || run.value.to_bool() ? 0xFF : 0x00);
+    out.insert(out.end(), text.begin(), text.end());
+    return MB_NO_ERROR;
+}
+
+modbus_err_t answer_device_id(CModbusRequest& req) {
+    const uint8_t code = req.pdu->data[1];
+    uint8_t first = req.pdu->data[2];
+    uint8_t last = code == 1 ? CUnitMap::ID_REVISION : CUnitMap::ID_APPLICATION_NAME;
+    if (code == 4)
+        last = first;
+    else if (first > last)
+        first = 0; // an object the stream does not have: from the start
+    iobuf_t& out = req.pdu->data;
+    // MEI type, code, conformity (regular objects, streams and single ones), more follows,
+    // next object, count.
+    out.assign({0x0E, code, 0x82, 0x00, 0x00, 0x00});
+    // A PDU carries at most 253 bytes, the function code one of them.
+    const size_t room = 252;
+    for (unsigned object = first; object <= last; ++object) {
+        tk_string text = identity_text(req, static_cast<CUnitMap::identity_t>(object));
+        const size_t free = room - out.size() - 2;
+        if (text.size() > free) {
+            if (code == 4 || object == first) {
+                text.resize(free); // one object alone is cut to fit
+            } else {
+                out[3] = 0xFF; // more follows, from this object
+                out[4] = static_cast<uint8_t>(object);
+                break;
+            }
+        }
+        out.push_back(static_cast<uint8_t>(object));
+        out.push_back(static_cast<uint8_t>(text.size()));
+        out.insert(out.end(), text.begin(), text.end());
+        ++out[5];
+    }
+    return MB_NO_ERROR;
+}
+
 const CModbusFunction functions[] = {
     {0x01, 4, 0, max_read_bits, plan_read_bits, nullptr, nullptr, answer_read_bits},
     {0x02, 4, 0, max_read_bits, plan_read_bits, nullptr, nullptr, answer_read_bits},
@@ -531,6 +614,8 @@ const CModbusFunction functions[] = {
     {0x16, 6, 0, 1, plan_mask_write, mask_write, nullptr, answer_write},
     {0x17, 9, 9, max_read_write_registers, plan_read_write, write_registers, reread_registers,
      answer_read_registers},
+    {0x11, 0, 0, 0, plan_identity, nullptr, nullptr, answer_report_server_id},
+    {0x2B, 3, 0, 0, plan_identity, nullptr, nullptr, answer_device_id},
 };
 
 } // namespace

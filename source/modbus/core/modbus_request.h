@@ -37,6 +37,8 @@ public:
     const CUnitMap* unit = nullptr;
     // Unmapped or unreadable addresses read as 0 rather than failing the request.
     bool zero_fill = false;
+    // The unit id or slave address the request came for.
+    uint8_t unit_id = 0;
 
     // plan -> store: the leaves to read; store -> write/answer: their values, in order.
     std::vector<toolkit::leaf_id_t> reads;
@@ -51,9 +53,9 @@ public:
     // Between the steps of one function.
     uint16_t start = 0;
     uint16_t quantity = 0;
-    size_t mapped = 0;    // mappings that touch the range
-    regvec_t regs;        // registers written (write requests) or read (answers)
-    std::vector<uint8_t> bits; // one per address: a bit read or to write
+    size_t mapped = 0;          // mappings that touch the range
+    regvec_t regs;              // registers written (write requests) or read (answers)
+    std::vector<uint8_t> bits;  // one per address: a bit read or to write
     std::vector<uint8_t> marks; // one per address: filled or claimed
     regvec_t scratch;
     std::vector<ranked_t> ranked;

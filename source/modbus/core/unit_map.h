@@ -66,6 +66,24 @@ public:
     typedef CResolvedIndex<CParamRegisterMapping> register_index_t;
     typedef CResolvedIndex<CParamDiscreteMapping> discrete_index_t;
 
+    // The device's identification, which functions 17 and 43 read from
+    // "<device>/Identification/<name>/Value". The first seven are the device identification
+    // objects 0 to 6 of function 43, in their order.
+    enum identity_t {
+        ID_VENDOR_NAME,
+        ID_PRODUCT_CODE,
+        ID_REVISION,
+        ID_VENDOR_URL,
+        ID_PRODUCT_NAME,
+        ID_MODEL_NAME,
+        ID_APPLICATION_NAME,
+        ID_SERVER_ID,
+        ID_RUN_INDICATOR,
+        ID_DESCRIPTION,
+        ID_COUNT
+    };
+    static const char* const identity_names[ID_COUNT];
+
     // Resolves every register and discrete mapping of the files (in the unit's order) under
     // device_path into table.
     CUnitMap(const tk_string& device_path, const std::vector<const CEdsMapping*>& files,
@@ -76,8 +94,11 @@ public:
     // One index per file, in the unit's file order.
     const std::vector<register_index_t>& registers() const { return _registers; }
     const std::vector<discrete_index_t>& discretes() const { return _discretes; }
+    // The identification leaves, in identity_t order.
+    const std::vector<toolkit::leaf_id_t>& identity() const { return _identity; }
 
 private:
     std::vector<register_index_t> _registers;
     std::vector<discrete_index_t> _discretes;
+    std::vector<toolkit::leaf_id_t> _identity;
 };

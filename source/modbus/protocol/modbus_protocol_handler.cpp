@@ -23,7 +23,8 @@ CModbusProtocolHandler::~CModbusProtocolHandler() {
     }
 }
 
-void CModbusProtocolHandler::handle_request(CModbusPdu& pdu, const CModbusDeviceConfig& device) {
+void CModbusProtocolHandler::handle_request(CModbusPdu& pdu, const CModbusDeviceConfig& device,
+                                            uint8_t unit_id) {
     _function = CModbusFunction::find(pdu.function);
     if (_function == nullptr) {
         err(MB_ILLEGAL_FUNCTION);
@@ -33,6 +34,7 @@ void CModbusProtocolHandler::handle_request(CModbusPdu& pdu, const CModbusDevice
     _request.pdu = &pdu;
     _request.unit = &device.unit();
     _request.zero_fill = device.zero_fill();
+    _request.unit_id = unit_id;
     _rereading = false;
     const modbus_err_t e = _function->plan(_request);
     if (e != MB_NO_ERROR) {

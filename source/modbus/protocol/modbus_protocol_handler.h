@@ -36,8 +36,9 @@ public:
     // Whether a complete frame still lacks bytes its function needs.
     virtual bool more_data_needed() const { return false; }
 
-    // Runs one request for device; the answer goes out now or from post().
-    void handle_request(CModbusPdu& pdu, const CModbusDeviceConfig& device);
+    // Runs one request for device (unit id or slave address unit_id); the answer goes out
+    // now or from post().
+    void handle_request(CModbusPdu& pdu, const CModbusDeviceConfig& device, uint8_t unit_id);
     // Whether the PDU holds the bytes its function needs (true for unsupported functions,
     // so that they are answered rather than waited for).
     static bool verify_pdu_length(const CModbusPdu& pdu);

@@ -87,7 +87,7 @@ void CModbusSerialProtocolHandler::execute() {
     if (serial.crc.verify(serial)) {
         if (const CModbusDeviceConfig* device =
                 _services.config->serial_config(interface_id(), serial.address)) {
-            handle_request(serial.pdu, *device);
+            handle_request(serial.pdu, *device, serial.address);
             return;
         }
     }

@@ -72,7 +72,7 @@ void CModbusTcpProtocolHandler::execute() {
         err(MB_GATEWAY_PATH_UNAVAILABLE);
         return;
     }
-    handle_request(tcp.pdu, *device);
+    handle_request(tcp.pdu, *device, tcp.header.unit_id);
 }
 
 // After a frame dropped unanswered, a request behind it may already be in the buffer, so go
