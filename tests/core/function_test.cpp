@@ -132,6 +132,7 @@ struct CCore {
         req.unit = &dev.unit();
         req.zero_fill = dev.zero_fill();
         req.unit_id = 1;
+        req.block_writes = block_writes;
         modbus_err_t e = f->plan(req);
         if (e != MB_NO_ERROR)
             return e;
@@ -164,6 +165,8 @@ struct CCore {
         }
         return f->answer(req);
     }
+
+    bool block_writes = false;
 
     // Registers first..last by function 3, or empty after an exception (then error holds it).
     modbus_err_t error = MB_NO_ERROR;
@@ -794,6 +797,28 @@ BOOST_FIXTURE_TEST_CASE(identification, CCore) {
     BOOST_TEST(request(ups(), 0x2B, {0x0D, 1, 0}) == MB_ILLEGAL_FUNCTION);
     BOOST_TEST(request(ups(), 0x2B, {0x0E, 5, 0}) == MB_ILLEGAL_DATA_VALUE);
     BOOST_TEST(request(ups(), 0x2B, {0x0E, 4, 7}) == MB_ILLEGAL_DATA_ADDRESS);
+}
+
+// The setting for blocks of setpoints: every parameter of the range, or nothing.
+BOOST_FIXTURE_TEST_CASE(block_writes_span_parameters_all_or_none, CCore) {
+    const regvec_t block{0, 7, 0x4270, 0x0000};              // charge cycles 7, frequency 60.0
+    BOOST_TEST(write(10, block) == MB_ILLEGAL_DATA_ADDRESS); // off: the last parameter's size
+    block_writes = true;
+    BOOST_TEST(write(10, block) == MB_NO_ERROR);
+    BOOST_TEST((written == paths_t{"/Battery/Charge Cycles/Value", "/Input/Frequency/Value"}));
+    BOOST_TEST(value("/Battery/Charge Cycles/Value").to_uint() == 7u);
+    BOOST_TEST(value("/Input/Frequency/Value").to_float() == 60.0);
+    // A read-only register inside (9, 14), a parameter straddling an edge (10..11), an
+    // unmapped register: refused, and nothing written.
+    BOOST_TEST(write(8, {2400, 1, 0, 8}) == MB_ILLEGAL_DATA_ADDRESS);
+    BOOST_TEST(write(11, {8, 0x4270, 0}) == MB_ILLEGAL_DATA_ADDRESS);
+    BOOST_TEST(write(12, {0x4270, 0, 1}) == MB_ILLEGAL_DATA_ADDRESS);
+    BOOST_TEST(write(16, {1, 0, 0, 0, 0, 0, 0, 0}) == MB_ILLEGAL_DATA_ADDRESS);
+    BOOST_TEST(value("/Output/Voltage/Value").to_uint() == 230u);
+    BOOST_TEST(value("/Battery/Charge Cycles/Value").to_uint() == 7u);
+    // Single register writes keep their rule.
+    BOOST_TEST(request(ups(), 0x06, words({10, 3})) == MB_NO_ERROR);
+    BOOST_TEST(value("/Battery/Charge Cycles/Value").to_uint() == 0x30000u);
 }
 
 // A store that refuses the write: the master must not be told it was written.

@@ -290,6 +290,26 @@ BOOST_AUTO_TEST_CASE(framing_on_the_wire) {
     BOOST_TEST(finished);
 }
 
+BOOST_AUTO_TEST_CASE(block_writes_by_setting) {
+    CServerFixture f([](CTestStore& s) {
+        s.define("/Software/Data Servers/Modbus/Block Writes/Value", CElement::TYPE_BOOL,
+                 CElement::from_bool(true));
+    });
+    const bool finished = f.run_with([&] {
+        auto ctx = tcp_client(f.port);
+        BOOST_REQUIRE(ctx);
+        const uint16_t block[] = {0, 7, 0x4270, 0};
+        BOOST_TEST(modbus_write_registers(ctx.get(), 10, 4, block) == 4);
+        const uint16_t across_read_only[] = {2400, 1};
+        BOOST_TEST(modbus_write_registers(ctx.get(), 8, 2, across_read_only) == -1);
+        BOOST_TEST(exception_code() == 2);
+    });
+    BOOST_TEST(finished);
+    BOOST_TEST(f.store.value("/Devices/UPS/Battery/Charge Cycles/Value").to_uint() == 7u);
+    BOOST_TEST(f.store.value("/Devices/UPS/Input/Frequency/Value").to_float() == 60.0);
+    BOOST_TEST(f.store.value("/Devices/UPS/Output/Voltage/Value").to_uint() == 230u);
+}
+
 BOOST_AUTO_TEST_CASE(store_too_slow) {
     CServerFixture f([](CTestStore& s) {
         s.define("/Software/Data Servers/Modbus/Interface Type/TCP/Timeout/Value",

@@ -19,8 +19,8 @@ uint32_t nine_tenths(uint32_t timeout) {
 } // namespace
 
 CModbusConfig::CModbusConfig(const CModbusSettings& settings)
-    : _tcp_timeout(settings.tcp().timeout()), _tcp_working_limit(nine_tenths(_tcp_timeout)),
-      _serial_timeout(settings.serial().timeout()),
+    : _tcp_timeout(settings.tcp().timeout()), _block_writes(settings.block_writes()),
+      _tcp_working_limit(nine_tenths(_tcp_timeout)), _serial_timeout(settings.serial().timeout()),
       _serial_working_limit(nine_tenths(_serial_timeout)) {
     LOG_STACK();
     eds_map_t eds_map;

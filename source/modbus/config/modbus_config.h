@@ -37,6 +37,8 @@ public:
     CModbusDeviceConfig* serial_config(unsigned int iface, slave_addr_t addr);
 
     uint32_t tcp_timeout() const { return _tcp_timeout; }
+    // Function 16 (and 23's write) may span several parameters.
+    bool block_writes() const { return _block_writes; }
     // Nine tenths of the time-out: the time a request may take before its answer is late.
     uint32_t tcp_working_limit() const { return _tcp_working_limit; }
     uint32_t serial_timeout() const { return _serial_timeout; }
@@ -76,6 +78,7 @@ private:
     // The file each parsed mapping came from, for messages.
     std::map<const CEdsMapping*, tk_string> _eds_names;
     uint32_t _tcp_timeout;
+    bool _block_writes;
     uint32_t _tcp_working_limit;
     uint32_t _serial_timeout;
     uint32_t _serial_working_limit;

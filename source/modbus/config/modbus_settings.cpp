@@ -10,6 +10,7 @@ using toolkit::CElement;
 namespace {
 
 const char* const zero_fill_node = "/Software/Data Servers/Modbus/Zero Fill Default";
+const char* const block_writes_node = "/Software/Data Servers/Modbus/Block Writes";
 const char* const port_node =
     "/Software/System Settings/Network/Firewall Settings/Protocol/Modbus/Port/Value";
 const char* const tcp_node = "/Software/Data Servers/Modbus/Interface Type/TCP";
@@ -184,27 +185,28 @@ bool read_address(CCdsHandle& cds, const tk_string& node, const tk_string& who, 
     return true;
 }
 
-// A bool, or the texts and numbers people write for one.
-bool read_zero_fill(CCdsHandle& cds) {
-    const auto el = read_setting(cds, zero_fill_node);
-    bool zero_fill = false;
+// A bool, or the texts and numbers people write for one; false when absent.
+bool read_switch(CCdsHandle& cds, const char* node, const char* label) {
+    const auto el = read_setting(cds, node);
+    bool on = false;
     uint64_t n = 0;
     if (el && el->is_bool())
-        zero_fill = el->to_bool();
+        on = el->to_bool();
     else if (el && el->is_string() && (el->str() == "true" || el->str() == "false"))
-        zero_fill = el->str() == "true";
+        on = el->str() == "true";
     else if (el && whole_number(*el, 0, 1, n))
-        zero_fill = n == 1;
+        on = n == 1;
     else
-        fall_back(zero_fill_node, el, "true or false", "false", absent_t::info);
-    LOG_DEBUG(SS_SETTINGS, 3, "Zero fill default: %u", zero_fill ? 1u : 0u);
-    return zero_fill;
+        fall_back(node, el, "true or false", "false", absent_t::info);
+    LOG_DEBUG(SS_SETTINGS, 3, "%s: %u", label, on ? 1u : 0u);
+    return on;
 }
 
 } // namespace
 
 CModbusSettings::CModbusSettings(CCdsHandle& cds)
-    : _zero_fill(read_zero_fill(cds)), _tcp(cds), _serial(cds) {
+    : _zero_fill(read_switch(cds, zero_fill_node, "Zero fill default")),
+      _block_writes(read_switch(cds, block_writes_node, "Block writes")), _tcp(cds), _serial(cds) {
     bool any = !_tcp.units().empty();
     for (const CModbusSerialInterfaceSettings& iface : _serial.interfaces())
         any = any || !iface.slaves().empty();

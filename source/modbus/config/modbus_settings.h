@@ -131,11 +131,14 @@ public:
 
     // Whether unmapped or unreadable addresses read as 0; false by default.
     bool zero_fill() const { return _zero_fill; }
+    // Function 16 (and 23's write) may span several parameters, all written or none.
+    bool block_writes() const { return _block_writes; }
     const CModbusTcpSettings& tcp() const { return _tcp; }
     const CModbusSerialSettings& serial() const { return _serial; }
 
 private:
     bool _zero_fill;
+    bool _block_writes;
     CModbusTcpSettings _tcp;
     CModbusSerialSettings _serial;
 };

@@ -392,8 +392,45 @@ size_t covered_registers(const CModbusRequest& req) {
     return last;
 }
 
+// With block writes: every parameter in the range is written, and every register of the
+// range must belong to one that is writable and wholly inside it; otherwise nothing is.
+modbus_err_t write_register_block(CModbusRequest& req) {
+    rank<CParamRegisterMapping>(req, true);
+    req.marks.assign(req.quantity, 0);
+    const size_t last = req.start + req.quantity - 1u;
+    try {
+        for (const ranked_t& r : req.ranked) {
+            const size_t from = std::max<size_t>(r.first, req.start);
+            const size_t to = std::min<size_t>(r.last, last);
+            if (!claim(req.marks, from - req.start, to - req.start))
+                continue;
+            if (r.first < req.start || r.last > last) {
+                LOG_DEBUG(SS_FUNCTION_CODES, 2, "Parameter at %u..%u straddles the block",
+                          static_cast<unsigned>(r.first), static_cast<unsigned>(r.last));
+                return MB_ILLEGAL_DATA_ADDRESS;
+            }
+            const resolved_register_t& e = reg(r);
+            add_write(req, e.value,
+                      e.mapping->from_registers(&req.regs[r.first - req.start], e.cfg,
+                                                r.value->is_float()),
+                      e.mapping);
+        }
+    } catch (const generic_err&) {
+        return MB_ILLEGAL_DATA_ADDRESS;
+    }
+    for (const uint8_t m : req.marks) {
+        if (m == 0) {
+            LOG_DEBUG(SS_FUNCTION_CODES, 2, "The block holds an unmapped or read-only register");
+            return MB_ILLEGAL_DATA_ADDRESS;
+        }
+    }
+    return MB_NO_ERROR;
+}
+
 modbus_err_t write_registers(CModbusRequest& req) {
     update_attributes<CParamRegisterMapping>(req);
+    if (req.block_writes && req.pdu->function != 0x06 && req.pdu->function != 0x16)
+        return write_register_block(req);
     const size_t covered = covered_registers(req);
     if (covered < req.regs.size()) {
         LOG_DEBUG(SS_FUNCTION_CODES, 2, "The writable parameters cover %zu of %zu registers",

@@ -39,6 +39,8 @@ public:
     bool zero_fill = false;
     // The unit id or slave address the request came for.
     uint8_t unit_id = 0;
+    // Multiple register writes may span several parameters (all written, or none).
+    bool block_writes = false;
 
     // plan -> store: the leaves to read; store -> write/answer: their values, in order.
     std::vector<toolkit::leaf_id_t> reads;

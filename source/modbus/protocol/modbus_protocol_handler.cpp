@@ -3,6 +3,7 @@
 #include "cds/cds_handle.h"
 #include "io/io_messenger.h"
 #include "io/io_timer.h"
+#include "modbus/config/modbus_config.h"
 #include "modbus/config/modbus_device_config.h"
 #include "threads/cds/commands/thread_cds_request.h"
 #include "util/cast.h"
@@ -35,6 +36,7 @@ void CModbusProtocolHandler::handle_request(CModbusPdu& pdu, const CModbusDevice
     _request.unit = &device.unit();
     _request.zero_fill = device.zero_fill();
     _request.unit_id = unit_id;
+    _request.block_writes = _services.config->block_writes();
     _rereading = false;
     const modbus_err_t e = _function->plan(_request);
     if (e != MB_NO_ERROR) {
