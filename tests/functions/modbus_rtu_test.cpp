@@ -127,9 +127,20 @@ BOOST_AUTO_TEST_CASE(requests_over_a_serial_line) {
                 BOOST_TEST(line.receive(answer_written.size(), 500) == answer_written);
             }
         }
+        // A write to address 0 reaches every slave that maps the register and is answered
+        // by none; a read to address 0 is ignored.
+        quiet_line();
+        BOOST_TEST(line.send(rtu_frame(0, 0x06, {0, 8, 0x09, 0x92})));
+        BOOST_TEST(line.receive(1, 300).empty());
+        quiet_line();
+        BOOST_TEST(line.send(rtu_frame(0, 0x03, {0, 8, 0, 1})));
+        BOOST_TEST(line.receive(1, 300).empty());
+        quiet_line();
+        BOOST_TEST(line.send(read8));
+        BOOST_TEST(line.receive(answer_written.size(), 500) == rtu_frame(1, 0x03, {2, 0x09, 0x92}));
     });
     BOOST_TEST(finished);
-    BOOST_TEST(f.store.value("/Devices/UPS/Output/Voltage/Value").to_uint() == 240u);
+    BOOST_TEST(f.store.value("/Devices/UPS/Output/Voltage/Value").to_uint() == 245u);
 }
 
 BOOST_AUTO_TEST_SUITE_END()

@@ -37,6 +37,9 @@ void CModbusSerialProtocolHandler::set_timeout(unsigned int timeout) {
             LOG_DEBUG(SS_SERIAL_PROTOCOL, 5, "_uid_map[%u] is valid", address);
         }
     }
+    // Broadcasts (address 0) reach every slave of the interface.
+    if (_uid_map.any())
+        _uid_map.set(0);
 }
 
 void CModbusSerialProtocolHandler::create_adu() {
@@ -85,6 +88,10 @@ void CModbusSerialProtocolHandler::execute() {
     CModbusSerialAdu& serial = adu();
     assert(_messenger != nullptr);
     if (serial.crc.verify(serial)) {
+        if (serial.address == 0) {
+            broadcast();
+            return;
+        }
         if (const CModbusDeviceConfig* device =
                 _services.config->serial_config(interface_id(), serial.address)) {
             handle_request(serial.pdu, *device, serial.address);
@@ -94,12 +101,54 @@ void CModbusSerialProtocolHandler::execute() {
     ignore();
 }
 
+void CModbusSerialProtocolHandler::broadcast() {
+    CModbusSerialAdu& serial = adu();
+    switch (serial.pdu.function) {
+    case 0x05:
+    case 0x06:
+    case 0x0F:
+    case 0x10:
+    case 0x16:
+        break;
+    default:
+        // Only writes are broadcast; anything else to address 0 is ignored.
+        ignore();
+        return;
+    }
+    _broadcast_targets.clear();
+    const unsigned int iface = interface_id();
+    for (const auto& slave : _services.config->serial_units())
+        if (slave.first.first == iface)
+            _broadcast_targets.push_back(slave.second);
+    _broadcast_request = serial.pdu;
+    _broadcast_next = 0;
+    _broadcasting = true;
+    next_broadcast();
+}
+
+void CModbusSerialProtocolHandler::next_broadcast() {
+    if (_broadcast_next == _broadcast_targets.size()) {
+        _broadcasting = false;
+        ignore();
+        return;
+    }
+    const CModbusDeviceConfig* device = _broadcast_targets[_broadcast_next++];
+    CModbusSerialAdu& serial = adu();
+    serial.pdu = _broadcast_request;
+    handle_request(serial.pdu, *device, 0);
+}
+
 void CModbusSerialProtocolHandler::ignore() {
     _messenger->reset_flags();
     _messenger->read_more();
 }
 
 void CModbusSerialProtocolHandler::respond() {
+    // A broadcast is answered by nobody; each slave's outcome leads to the next slave.
+    if (_broadcasting) {
+        next_broadcast();
+        return;
+    }
     serialize_response();
     LOG_DUMP(SS_SERIAL_PROTOCOL, 6, _messenger->wbuf().data(), _messenger->wbuf().size(),
              "Response");
@@ -108,6 +157,12 @@ void CModbusSerialProtocolHandler::respond() {
 
 void CModbusSerialProtocolHandler::err(modbus_err_t code) {
     assert(_adu);
+    if (_broadcasting) {
+        LOG_DEBUG(SS_SERIAL_PROTOCOL, 3, "Broadcast not carried out by a slave: exception %u",
+                  static_cast<unsigned>(code));
+        next_broadcast();
+        return;
+    }
     _adu->err(code);
     respond();
 }

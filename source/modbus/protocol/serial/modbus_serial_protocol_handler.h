@@ -5,6 +5,7 @@
 #include "modbus/protocol/modbus_protocol_handler.h"
 
 #include <bitset>
+#include <vector>
 
 class CModbusSerialAdu;
 
@@ -36,7 +37,15 @@ private:
     unsigned int interface_id() const;
     // Forget the frame and hunt for the next one.
     void ignore();
+    // A write to address 0: carried out for each slave of the interface in turn (those that
+    // do not map the addresses refuse it), and answered by none.
+    void broadcast();
+    void next_broadcast();
 
     unsigned int _timeout = 1000;
     std::bitset<256> _uid_map;
+    std::vector<const CModbusDeviceConfig*> _broadcast_targets;
+    CModbusPdu _broadcast_request;
+    size_t _broadcast_next = 0;
+    bool _broadcasting = false;
 };
