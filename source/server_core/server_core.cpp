@@ -12,6 +12,7 @@
 #include "modbus/protocol/serial/modbus_serial_protocol_handler.h"
 #include "modbus/protocol/tcp/modbus_tcp_protocol_handler.h"
 #include "server_core/daemon_launch.h"
+#include "server_core/event_refresher.h"
 #include "server_core/server_options.h"
 #include "threads/cds/cds_thread.h"
 #include "threads/cds/commands/thread_cds_watchdog_ping.h"
@@ -273,6 +274,7 @@ tk_string CServerCore::add_transports(CIoManager& manager) {
     _services.reader = _reader.get();
     _services.submit = [this](cmd_ptr_t cmd) { add_cds_cmd(std::move(cmd), false); };
     _services.queued_writes = &_queued_writes;
+    _services.events = _ev_queue.get();
     const CModbusTcpProtocolHandler tcp_prototype(nullptr, _services);
     auto listener = CTcpListener::create(manager, tcp_prototype, static_cast<uint16_t>(port));
     manager.add(listener);
@@ -337,6 +339,12 @@ tk_string CServerCore::attach(CIoManager& manager) {
         }));
     }
     _cds_thread->create_actor(manager);
+    // The event registers follow the event log while the server runs.
+    if (_ev_queue && _cfg->has_events() && _options && !_options->event_log().empty()) {
+        manager.add(
+            CEventRefresher::create(manager, *_ev_queue, _options->event_log(),
+                                    [this](cmd_ptr_t cmd) { add_cds_cmd(std::move(cmd), false); }));
+    }
     tk_string summary;
     try {
         summary = add_transports(manager);

@@ -133,6 +133,7 @@ struct CCore {
         req.zero_fill = dev.zero_fill();
         req.unit_id = 1;
         req.block_writes = block_writes;
+        req.events = events;
         modbus_err_t e = f->plan(req);
         if (e != MB_NO_ERROR)
             return e;
@@ -167,6 +168,7 @@ struct CCore {
     }
 
     bool block_writes = false;
+    const CEventQueue* events = nullptr;
 
     // Registers first..last by function 3, or empty after an exception (then error holds it).
     modbus_err_t error = MB_NO_ERROR;
@@ -797,6 +799,31 @@ BOOST_FIXTURE_TEST_CASE(identification, CCore) {
     BOOST_TEST(request(ups(), 0x2B, {0x0D, 1, 0}) == MB_ILLEGAL_FUNCTION);
     BOOST_TEST(request(ups(), 0x2B, {0x0E, 5, 0}) == MB_ILLEGAL_DATA_VALUE);
     BOOST_TEST(request(ups(), 0x2B, {0x0E, 4, 7}) == MB_ILLEGAL_DATA_ADDRESS);
+}
+
+// Event mappings read the newest events; they cannot be written.
+BOOST_FIXTURE_TEST_CASE(event_registers, CCore) {
+    CEventQueue queue(2, "");
+    toolkit::CEvent older;
+    older.kind = 4;
+    older.id = 5;
+    older.time = {1700000000, 0};
+    older.source = tk_string("/Devices/UPS/Output/Voltage");
+    queue.add(older);
+    toolkit::CEvent newest = older;
+    newest.id = 0x12345678;
+    newest.url = tk_string("/wave/77.dat");
+    queue.add(newest);
+    events = &queue;
+    BOOST_TEST((read(260, 261) == regvec_t{0x1234, 0x5678}));
+    BOOST_TEST((read(263, 264) == regvec_t{0, 77}));
+    BOOST_TEST(read(256, 264).size() == 9u);
+    BOOST_TEST(read_paths.empty());
+    BOOST_TEST(write(260, {1, 2}) == MB_ILLEGAL_DATA_ADDRESS);
+    BOOST_TEST(read_error(ups(), 255, 256) == MB_ILLEGAL_DATA_ADDRESS); // 255 is unmapped
+    // Without an event queue the same registers read as unmapped.
+    events = nullptr;
+    BOOST_TEST(read_error(ups(), 260, 261) == MB_ILLEGAL_DATA_ADDRESS);
 }
 
 // The setting for blocks of setpoints: every parameter of the range, or nothing.

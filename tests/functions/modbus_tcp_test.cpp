@@ -79,8 +79,8 @@ BOOST_AUTO_TEST_CASE(reads) {
         BOOST_TEST(exception_code() == 2);
         BOOST_TEST(read_regs(ctx.get(), 19, 4).empty());
         BOOST_TEST(exception_code() == 2);
-        BOOST_TEST(read_regs(ctx.get(), 256, 11).empty());
-        BOOST_TEST(exception_code() == 2);
+        // Event registers answer, with the fixture's empty event slots.
+        BOOST_TEST(read_regs(ctx.get(), 256, 9).size() == 9u);
 
         BOOST_TEST(read_bits(ctx.get(), 0, 3) == (std::vector<uint8_t>{1, 1, 0}),
                    boost::test_tools::per_element());

@@ -12,6 +12,7 @@
 #include <sys/un.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <cstring>
 #include <functional>
 #include <set>
@@ -203,6 +204,39 @@ BOOST_AUTO_TEST_CASE(watchdog_is_pinged) {
     // About one second at a ping every 200 ms.
     BOOST_TEST(pings.size() >= 3u);
     BOOST_TEST(pings.size() <= 8u);
+    server.signal(SIGTERM);
+    BOOST_TEST(server.wait(3000) == 0);
+}
+
+// The event registers follow the event log while the server runs.
+BOOST_AUTO_TEST_CASE(event_registers_follow_the_log) {
+    CServerStore s;
+    CServerProcess server(s.store.dir(), {"-Ns", "-e", s.store.path()});
+    BOOST_TEST(wait_for_voltage(s.port) == 2300);
+    const auto newest_event = [&](uint16_t* regs) {
+        modbus_t* ctx = modbus_new_tcp("127.0.0.1", s.port);
+        modbus_set_slave(ctx, 1);
+        int rc = -1;
+        if (modbus_connect(ctx) == 0)
+            rc = modbus_read_registers(ctx, 260, 5, regs); // id, cause, waveform
+        modbus_close(ctx);
+        modbus_free(ctx);
+        return rc;
+    };
+    uint16_t regs[5] = {};
+    BOOST_TEST(newest_event(regs) == 5);
+    BOOST_TEST(regs[1] != 4660u); // not that event yet
+    const tk_string add = tk_string(MB_BINARY_DIR "/cdsctl") +
+                          " event add --id 4660 --kind 4 --source /Devices/UPS/Output/Voltage" +
+                          " --url /wave/42.dat >/dev/null";
+    BOOST_REQUIRE(std::system(add.c_str()) == 0);
+    bool seen = false;
+    for (int i = 0; i < 40 && !seen; ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        seen = newest_event(regs) == 5 && regs[1] == 4660;
+    }
+    BOOST_TEST(seen);
+    BOOST_TEST(regs[4] == 42u);
     server.signal(SIGTERM);
     BOOST_TEST(server.wait(3000) == 0);
 }

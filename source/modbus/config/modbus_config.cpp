@@ -91,6 +91,8 @@ void CModbusConfig::parse(const CModbusSettings& settings, eds_map_t& eds_map) {
         }
         if (eds->max_event_index() > _max_event_index)
             _max_event_index = eds->max_event_index();
+        const auto events = eds->get_event_mappings(CAddressRange::all_addrs());
+        _has_events = _has_events || events.first != events.second;
         _eds_names.emplace(eds.get(), edspath);
         eds_map.emplace(edspath, std::move(eds));
     }

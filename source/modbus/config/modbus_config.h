@@ -46,6 +46,8 @@ public:
     // The largest event index any file maps (0 without event mappings): the event queue
     // needs one slot more.
     size_t max_event_index() const { return _max_event_index; }
+    // Whether any mapping file maps events.
+    bool has_events() const { return _has_events; }
 
     // Every leaf the units' mappings name, resolved when the units were built; the store
     // connections that serve requests bind it.
@@ -83,4 +85,5 @@ private:
     uint32_t _serial_timeout;
     uint32_t _serial_working_limit;
     size_t _max_event_index = 0;
+    bool _has_events = false;
 };

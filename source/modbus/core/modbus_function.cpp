@@ -177,9 +177,28 @@ modbus_err_t plan_read_bits(CModbusRequest& req) {
     return e != MB_NO_ERROR ? e : plan_leaves<CParamDiscreteMapping>(req);
 }
 
+// Whether an event mapping of the unit touches the request's range.
+bool events_in_range(const CModbusRequest& req) {
+    if (req.events == nullptr)
+        return false;
+    const CAddressRange r(req.start, static_cast<regaddr_t>(req.start + req.quantity - 1));
+    for (const CEdsMapping* file : req.unit->files()) {
+        const auto range = file->get_event_mappings(r);
+        if (range.first != range.second)
+            return true;
+    }
+    return false;
+}
+
 modbus_err_t plan_read_registers(CModbusRequest& req) {
-    const modbus_err_t e = plan_read(req, max_read_registers);
-    return e != MB_NO_ERROR ? e : plan_leaves<CParamRegisterMapping>(req);
+    modbus_err_t e = plan_read(req, max_read_registers);
+    if (e != MB_NO_ERROR)
+        return e;
+    e = plan_leaves<CParamRegisterMapping>(req);
+    // Registers that only events map need no leaf.
+    if (e == MB_ILLEGAL_DATA_ADDRESS && req.mapped == 0 && events_in_range(req))
+        return MB_NO_ERROR;
+    return e;
 }
 
 modbus_err_t unmapped(const CModbusRequest& req, const char* what) {
@@ -250,21 +269,53 @@ size_t lay_registers(CModbusRequest& req, const ranked_t& r, bool claims) {
     return filled;
 }
 
-// The registers of the range into req.regs, from the values read.
+// Lays the event mappings' registers where no parameter did (req.marks); returns how many
+// positions they filled. Files in the unit's order, each in address order.
+size_t lay_events(CModbusRequest& req) {
+    const size_t first = req.start;
+    const size_t last = req.start + req.quantity - 1;
+    const CAddressRange r(req.start, static_cast<regaddr_t>(last));
+    size_t filled = 0;
+    for (const CEdsMapping* file : req.unit->files()) {
+        const auto range = file->get_event_mappings(r);
+        for (auto it = range.first; it != range.second; ++it) {
+            const CEventMapping& event = *it->second;
+            if (event.index() >= req.events->size())
+                continue;
+            const size_t from = it->first.first;
+            req.scratch.resize(event.reg_count());
+            event.to_registers(*req.events, req.scratch.data());
+            for (size_t a = std::max(from, first);
+                 a <= std::min<size_t>(from + req.scratch.size() - 1, last); ++a) {
+                const size_t i = a - first;
+                if (req.marks[i])
+                    continue;
+                req.marks[i] = 1;
+                req.regs[i] = req.scratch[a - from];
+                ++filled;
+            }
+        }
+    }
+    return filled;
+}
+
+// The registers of the range into req.regs, from the values read; event mappings fill what
+// no parameter does.
 modbus_err_t fill_registers(CModbusRequest& req) {
     update_attributes<CParamRegisterMapping>(req);
     const size_t n = req.quantity;
     req.regs.assign(n, 0);
     size_t filled = 0;
+    const bool events = events_in_range(req);
     try {
-        // Without overlaps each mapping lays its registers where they belong.
+        // Without overlaps (or events) each mapping lays its registers where they belong.
         req.ranked.clear();
-        const bool overlap = walk_readable<CParamRegisterMapping>(
+        bool overlap = walk_readable<CParamRegisterMapping>(
             req, false, [&](const resolved_register_t& e, const CElement& v) {
                 const ranked_t r{e.id, 0, e.addr.first, e.addr.second, &e, &v};
                 filled += lay_registers(req, r, false);
             });
-        if (overlap) {
+        if (overlap || events) {
             // Each register goes to the first mapping in rank that covers it.
             rank<CParamRegisterMapping>(req, false);
             req.regs.assign(n, 0);
@@ -272,6 +323,8 @@ modbus_err_t fill_registers(CModbusRequest& req) {
             filled = 0;
             for (const ranked_t& r : req.ranked)
                 filled += lay_registers(req, r, true);
+            if (events)
+                filled += lay_events(req);
         }
     } catch (const generic_err&) {
         return MB_ILLEGAL_DATA_ADDRESS;

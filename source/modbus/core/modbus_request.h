@@ -13,6 +13,8 @@
 #include "toolkit/kvr.h"
 #include "toolkit/leaf_table.h"
 
+#include "cds/event_queue.h"
+
 #include <cstddef>
 #include <cstdint>
 #include <utility>
@@ -41,6 +43,8 @@ public:
     uint8_t unit_id = 0;
     // Multiple register writes may span several parameters (all written, or none).
     bool block_writes = false;
+    // The newest events, for event mappings; none when null.
+    const CEventQueue* events = nullptr;
 
     // plan -> store: the leaves to read; store -> write/answer: their values, in order.
     std::vector<toolkit::leaf_id_t> reads;

@@ -27,7 +27,8 @@ const char* const CUnitMap::identity_names[ID_COUNT] = {
     "Model Name",  "User Application Name", "Server ID", "Run Indicator", "Description"};
 
 CUnitMap::CUnitMap(const tk_string& device_path, const std::vector<const CEdsMapping*>& files,
-                   toolkit::CLeafTable& table) {
+                   toolkit::CLeafTable& table)
+    : _files(files) {
     const CAddressRange all = CAddressRange::all_addrs();
     _registers.reserve(files.size());
     _discretes.reserve(files.size());

@@ -94,6 +94,8 @@ public:
     // One index per file, in the unit's file order.
     const std::vector<register_index_t>& registers() const { return _registers; }
     const std::vector<discrete_index_t>& discretes() const { return _discretes; }
+    // The unit's mapping files, in its order (for the event mappings, which have no leaves).
+    const std::vector<const CEdsMapping*>& files() const { return _files; }
     // The identification leaves, in identity_t order.
     const std::vector<toolkit::leaf_id_t>& identity() const { return _identity; }
 
@@ -101,4 +103,5 @@ private:
     std::vector<register_index_t> _registers;
     std::vector<discrete_index_t> _discretes;
     std::vector<toolkit::leaf_id_t> _identity;
+    std::vector<const CEdsMapping*> _files;
 };

@@ -37,6 +37,7 @@ void CModbusProtocolHandler::handle_request(CModbusPdu& pdu, const CModbusDevice
     _request.zero_fill = device.zero_fill();
     _request.unit_id = unit_id;
     _request.block_writes = _services.config->block_writes();
+    _request.events = _services.events;
     _rereading = false;
     const modbus_err_t e = _function->plan(_request);
     if (e != MB_NO_ERROR) {

@@ -8,6 +8,7 @@
 #include <functional>
 
 class CCdsHandle;
+class CEventQueue;
 class CModbusConfig;
 
 struct CModbusServices {
@@ -18,4 +19,6 @@ struct CModbusServices {
     // While it is not 0, writes queue behind those on the CDS thread, so that they reach the
     // store in the order they came. Null: every write goes to the CDS thread.
     unsigned* queued_writes = nullptr;
+    // The newest events of the event log, for event mappings; null: they read as unmapped.
+    const CEventQueue* events = nullptr;
 };
