@@ -35,8 +35,7 @@ int CEds::open(const tk_string& path) {
     _label_line = 0;
     _failed = false;
     _error.clear();
-    _in.close();
-    _in.clear();
+    _in.reset();
     struct stat st;
     if (::stat(path.c_str(), &st) != 0) {
         _error = path + ": cannot open: " + std::strerror(errno);
@@ -46,7 +45,7 @@ int CEds::open(const tk_string& path) {
         _error = path + ": cannot open: not a regular file";
         return -1;
     }
-    _in.open(path, std::ios::binary);
+    _in.reset(std::fopen(path.c_str(), "rb"));
     if (!_in) {
         _error = path + ": cannot open: " + std::strerror(errno);
         return -1;
@@ -54,16 +53,30 @@ int CEds::open(const tk_string& path) {
     return 0;
 }
 
+bool CEds::read_line(tk_string& line) {
+    line.clear();
+    // Byte by byte through stdio's buffer (the file is this reader's alone, so unlocked): a
+    // line may hold any byte, NUL included.
+    int c;
+    while ((c = ::getc_unlocked(_in.get())) != EOF) {
+        if (c == '\n')
+            return true;
+        line.push_back(static_cast<char>(c));
+    }
+    // The last line may lack its newline.
+    return !line.empty() && !std::ferror(_in.get());
+}
+
 int CEds::next_node(node_map_t& node) {
     node = node_map_t();
     if (_failed)
         return -1;
-    if (!_in.is_open()) {
+    if (!_in) {
         _error = "no EDS file is open";
         return -1;
     }
     tk_string line;
-    while (std::getline(_in, line)) {
+    while (read_line(line)) {
         ++_line;
         if (_line == 1 && line.compare(0, 3, "\xEF\xBB\xBF") == 0)
             line.erase(0, 3);
@@ -99,7 +112,7 @@ int CEds::next_node(node_map_t& node) {
             node.set_line_of(key, _line);
         }
     }
-    if (_in.bad())
+    if (std::ferror(_in.get()))
         return fail(tk_string("read error: ") + std::strerror(errno));
     if (_in_node) {
         node.set_origin(_path, _label, _label_line);

@@ -11,7 +11,8 @@
 #include "toolkit/eds_node.h"
 #include "toolkit/tk_string.h"
 
-#include <fstream>
+#include <cstdio>
+#include <memory>
 
 namespace toolkit {
 
@@ -29,9 +30,16 @@ public:
 
 private:
     int fail(const tk_string& why);
+    // The next line without its newline; false at the end of the file or on a read error.
+    bool read_line(tk_string& line);
 
+    struct CClose {
+        void operator()(std::FILE* f) const { std::fclose(f); }
+    };
     tk_string _path;
-    std::ifstream _in;
+    // stdio rather than a stream: iostreams would pull locales and streams into a static
+    // build for the device, most of a megabyte.
+    std::unique_ptr<std::FILE, CClose> _in;
     unsigned _line = 0;
     bool _in_node = false; // a "[label]" line has been read and its keys are next
     tk_string _label;      // of the node being read
