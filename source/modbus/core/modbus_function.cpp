@@ -445,6 +445,16 @@ size_t covered_registers(const CModbusRequest& req) {
     return last;
 }
 
+// Adds the write of a ranked parameter from its registers in req.regs. A leaf the store
+// keeps as a float gets the exact quotient of a scaled integer. Throws generic_err when the
+// translator refuses the registers.
+void add_register_write(CModbusRequest& req, const ranked_t& r) {
+    const resolved_register_t& e = reg(r);
+    add_write(req, e.value,
+              e.mapping->from_registers(&req.regs[r.first - req.start], e.cfg, r.value->is_float()),
+              e.mapping);
+}
+
 // With block writes: every parameter in the range is written, and every register of the
 // range must belong to one that is writable and wholly inside it; otherwise nothing is.
 modbus_err_t write_register_block(CModbusRequest& req) {
@@ -462,11 +472,7 @@ modbus_err_t write_register_block(CModbusRequest& req) {
                           static_cast<unsigned>(r.first), static_cast<unsigned>(r.last));
                 return MB_ILLEGAL_DATA_ADDRESS;
             }
-            const resolved_register_t& e = reg(r);
-            add_write(req, e.value,
-                      e.mapping->from_registers(&req.regs[r.first - req.start], e.cfg,
-                                                r.value->is_float()),
-                      e.mapping);
+            add_register_write(req, r);
         }
     } catch (const generic_err&) {
         return MB_ILLEGAL_DATA_ADDRESS;
@@ -501,12 +507,7 @@ modbus_err_t write_registers(CModbusRequest& req) {
                 continue;
             if (!claim(req.marks, r.first - req.start, r.last - req.start))
                 continue;
-            const resolved_register_t& e = reg(r);
-            // A leaf the store keeps as a float gets the exact quotient of a scaled integer.
-            add_write(req, e.value,
-                      e.mapping->from_registers(&req.regs[r.first - req.start], e.cfg,
-                                                r.value->is_float()),
-                      e.mapping);
+            add_register_write(req, r);
         }
     } catch (const generic_err&) {
         return MB_ILLEGAL_DATA_ADDRESS;
