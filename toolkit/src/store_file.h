@@ -2,6 +2,7 @@
 // Opening and creating store files. One schema serves the data store and the event log,
 // so either may live in the same file or in files of their own.
 #include "sqlite_db.h"
+#include "toolkit/cds.h"
 
 namespace toolkit {
 
@@ -9,7 +10,7 @@ namespace toolkit {
 const int64_t k_schema_version = 1;
 
 // How long a writer waits for another writer before its transaction fails.
-const int k_busy_timeout_ms = 2000;
+const int k_busy_timeout_ms = CCds::busy_wait_ms;
 
 // Opens an existing store file and checks its schema. Nothing in the file is changed.
 // On failure returns false with a message that names the path and the reason.

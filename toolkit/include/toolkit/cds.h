@@ -45,6 +45,8 @@ public:
 
     // What read() returns when the store is locked and it was told not to wait (SQLITE_BUSY).
     static constexpr int busy = 5;
+    // How long a writer told to wait waits for another writer before it fails.
+    static constexpr int busy_wait_ms = 2000;
 
     // Leaves of `table` can from now on be read and written by id. The table must outlive
     // the connection (or the next bind); it may have grown since an earlier bind (call bind

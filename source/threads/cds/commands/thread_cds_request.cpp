@@ -31,7 +31,8 @@ void CThreadCdsRequest::write(CCdsHandle& cds) {
     // store's own wait would last, and stop as soon as the requester gave up: a write that
     // was answered with a time-out is never made afterwards.
     using clock = std::chrono::steady_clock;
-    const clock::time_point give_up = clock::now() + std::chrono::seconds(2);
+    const clock::time_point give_up =
+        clock::now() + std::chrono::milliseconds(toolkit::CCds::busy_wait_ms);
     _statuses.assign(_ids.size(), API_STATUS_NONE);
     for (;;) {
         const int rc = cds.write(_ids.data(), _values.data(), _ids.size(), _statuses.data(), false);
