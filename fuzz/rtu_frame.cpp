@@ -48,10 +48,12 @@ size_t request_frame_length(const std::vector<uint8_t>& f) {
     case 4:
     case 5:
     case 6:
+    case 8:
         return 8;
     case 15:
     case 16:
         return 9u + f[6];
+    case 11:
     case 17:
         return 4;
     case 22:

@@ -182,6 +182,10 @@ size_t expected_pdu_length(const CRequest& r, const uint8_t* pdu) {
         return 5;
     case 22:
         return 7;
+    case 8: // sub-function and data echoed, or a counter in place of the data
+        return 1 + r.data.size();
+    case 11:
+        return 5;
     default:
         return 0;
     }

@@ -8,7 +8,7 @@ packages=(
     libboost1.74-dev libboost-system1.74-dev libboost-thread1.74-dev
     libboost-test1.74-dev libboost-random1.74-dev libboost-date-time1.74-dev
     libsqlite3-dev sqlite3 nlohmann-json3-dev libinih-dev
-    libbenchmark-dev libmodbus-dev socat mbpoll
+    libbenchmark-dev libmodbus-dev socat mbpoll python3-pymodbus
     "$@"
 )
 

@@ -35,6 +35,7 @@ void CIoMessenger::clear_rbuf(iobuf_const_iter_t end) {
 }
 
 void CIoMessenger::start() {
+    _prot->started();
     _rbuf.assign(buffer_step, 0);
     _offset = 0;
     read_more();

@@ -2,6 +2,8 @@
 // What a transport (messenger) needs of the code that interprets its bytes. Every
 // connection owns one handler, cloned from the prototype its listener or the server core
 // was given.
+#include "util/transport_counters.h"
+
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -15,6 +17,9 @@ public:
     CProtocolHandler& operator=(const CProtocolHandler&) = delete;
     virtual ~CProtocolHandler() = default;
 
+    // The connection is up and starts reading (a listener makes its next connection, and
+    // with it the handler, before anyone connects).
+    virtual void started() {}
     // Called after every read; true when the handler acted on the receive buffer (it will
     // answer, and nothing more is read until then).
     virtual bool parse() = 0;
@@ -30,6 +35,9 @@ public:
     static constexpr size_t no_frame = static_cast<size_t>(-1);
     virtual size_t frame_length(const uint8_t* /*frame*/, size_t /*n*/) const { return no_frame; }
     virtual bool parse_request() = 0;
+    // The counters of the transport this handler serves, for the framing to count into;
+    // null when nobody counts.
+    virtual CTransportCounters* counters() const { return nullptr; }
     // A new handler of the same kind bound to messenger (null for a prototype).
     virtual std::shared_ptr<CProtocolHandler> clone(CIoMessenger* messenger) const = 0;
 

@@ -14,6 +14,7 @@
 #include "server_core/daemon_launch.h"
 #include "server_core/event_refresher.h"
 #include "server_core/server_options.h"
+#include "server_core/statistics_writer.h"
 #include "threads/cds/cds_thread.h"
 #include "threads/cds/commands/thread_cds_watchdog_ping.h"
 #include "threads/commands/thread_set_verbosity.h"
@@ -100,7 +101,7 @@ void CServerCore::start(int argc, const char* const* argv) {
     toolkit::CSysLog& log = thread_log();
     log._verbosity = _options->verbosity();
 
-    if (_options->check()) {
+    if (_options->check() || _options->statistics_leaves()) {
         try {
             _cds = std::make_shared<CCdsHandle>();
         } catch (const generic_err&) {
@@ -111,7 +112,7 @@ void CServerCore::start(int argc, const char* const* argv) {
         setup_verbosity(_options->verbosity(), _options->subsystem_levels(),
                         _options->main_verbosity(), false);
         CLogStack::cache_max_verbosity(_options->verbosity(), {_options->main_verbosity()});
-        _check_status = check();
+        _check_status = _options->check() ? check() : print_statistics_leaves();
         return;
     }
 
@@ -223,6 +224,18 @@ void CServerCore::load_configuration() {
     }
 }
 
+int CServerCore::print_statistics_leaves() {
+    try {
+        load_configuration();
+    } catch (const init_err&) {
+        return 1;
+    }
+    const tk_string json = CStatisticsWriter::leaves_json(*_cfg, _settings->serial().interfaces());
+    std::fputs(json.c_str(), stdout);
+    std::fflush(stdout);
+    return 0;
+}
+
 int CServerCore::check() {
     LOG_STACK();
     const toolkit::CSysLog& log = thread_log();
@@ -275,6 +288,9 @@ tk_string CServerCore::add_transports(CIoManager& manager) {
     _services.submit = [this](cmd_ptr_t cmd) { add_cds_cmd(std::move(cmd), false); };
     _services.queued_writes = &_queued_writes;
     _services.events = _ev_queue.get();
+    _services.tcp_counters = &_tcp_counters;
+    _serial_counters.assign(_settings->serial().interfaces().size(), CTransportCounters());
+    _services.serial_counters = &_serial_counters;
     const CModbusTcpProtocolHandler tcp_prototype(nullptr, _services);
     auto listener = CTcpListener::create(manager, tcp_prototype, static_cast<uint16_t>(port));
     manager.add(listener);
@@ -351,6 +367,9 @@ tk_string CServerCore::attach(CIoManager& manager) {
     } catch (const boost::system::system_error&) {
         throw init_err();
     }
+    manager.add(CStatisticsWriter::create(
+        manager, *_cfg, _tcp_counters, _serial_counters, _settings->serial().interfaces(),
+        [this](cmd_ptr_t cmd) { add_cds_cmd(std::move(cmd), false); }));
     _settings.reset();
     return summary;
 }

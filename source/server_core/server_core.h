@@ -18,6 +18,7 @@
 #include <boost/optional.hpp>
 
 #include <memory>
+#include <vector>
 
 class CCdsHandle;
 class CDaemonLaunch;
@@ -51,7 +52,8 @@ public:
     bool main();
     // Stops the CDS thread (5 seconds at most) and lets go of the store.
     void shutdown();
-    // Set after a --check: 0 clean, 1 errors, 2 warnings only. main() is then not called.
+    // Set after a --check: 0 clean, 1 errors, 2 warnings only; after --statistics-leaves: 0,
+    // or 1 when the configuration is unusable. main() is then not called.
     const boost::optional<int>& check_status() const { return _check_status; }
 
     // Hands cmd to the CDS thread, urgent ones to the front of its queue; never blocks.
@@ -64,6 +66,7 @@ private:
     // Reads the settings and mapping files; logs and throws init_err when they are unusable.
     void load_configuration();
     int check();
+    int print_statistics_leaves();
     tk_string add_transports(CIoManager& manager);
 
     std::unique_ptr<CServerOptions> _options;
@@ -75,6 +78,9 @@ private:
     // READY=1 once serving, WATCHDOG=1 with the watchdog pings, when systemd asks for them.
     CSystemdNotify _systemd;
     unsigned _queued_writes = 0;
+    // What the transports have seen: TCP, and each serial interface by number.
+    CTransportCounters _tcp_counters;
+    std::vector<CTransportCounters> _serial_counters;
     std::unique_ptr<CModbusSettings> _settings;
     std::shared_ptr<CModbusConfig> _cfg;
     std::unique_ptr<CEventQueue> _ev_queue;

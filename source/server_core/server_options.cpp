@@ -91,6 +91,13 @@ CServerOptions::CServerOptions(int argc, const char* const* argv) {
             "errors, 2 on warnings only. Nothing is bound, the server does not wait for the UPS "
             "handler, and -d is ignored.",
             init_single(_check, false), parse_bool(_check), {}, show_bool(_check));
+    add_opt({"--statistics-leaves"}, "[--statistics-leaves]",
+            "Print the statistics leaves as JSON and exit",
+            "Read the settings and mapping files, print the statistics leaves of the units and "
+            "interfaces configured as JSON for \"cdsctl load\" (the server writes only leaves "
+            "that exist), and exit: 0 on success, 1 when the configuration is unusable.",
+            init_single(_statistics_leaves, false), parse_bool(_statistics_leaves), {},
+            show_bool(_statistics_leaves));
     add_opt({"-p", "--priority"}, "[-p <nice value>]", "Set the process scheduling priority",
             "A nice value from -20 (most favoured) to 19.", {}, parse_nice(_process_priority), {},
             show_int_opt(_process_priority));

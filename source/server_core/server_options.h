@@ -20,6 +20,8 @@ public:
     bool daemon() const { return _daemon; }
     // Check the settings and mapping files, report and exit; nothing is served.
     bool check() const { return _check; }
+    // Print the statistics leaves of the configuration as JSON and exit.
+    bool statistics_leaves() const { return _statistics_leaves; }
     const boost::optional<int32_t>& process_priority() const { return _process_priority; }
     const boost::optional<CRealtimePriority>& thread_priority() const { return _thread_priority; }
     unsigned watchdog_ms() const { return _watchdog_ms; }
@@ -34,6 +36,7 @@ private:
     bool _no_syslogd = false;
     bool _daemon = false;
     bool _check = false;
+    bool _statistics_leaves = false;
     boost::optional<int32_t> _process_priority;
     boost::optional<CRealtimePriority> _thread_priority;
     unsigned _watchdog_ms = 0;

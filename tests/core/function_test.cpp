@@ -134,6 +134,9 @@ struct CCore {
         req.unit_id = 1;
         req.block_writes = block_writes;
         req.events = events;
+        req.counters = counters;
+        req.transport = transport;
+        req.serial = serial;
         modbus_err_t e = f->plan(req);
         if (e != MB_NO_ERROR)
             return e;
@@ -169,6 +172,9 @@ struct CCore {
 
     bool block_writes = false;
     const CEventQueue* events = nullptr;
+    CUnitCounters* counters = nullptr;
+    const CTransportCounters* transport = nullptr;
+    bool serial = false;
 
     // Registers first..last by function 3, or empty after an exception (then error holds it).
     modbus_err_t error = MB_NO_ERROR;
@@ -703,6 +709,10 @@ BOOST_AUTO_TEST_CASE(complete_frames) {
     rows.push_back({0x17, {0, 0, 0, 1, 0, 0, 0, 1, 2, 7, 8}, true});
     rows.push_back({0x16, {0, 8, 0xFF, 0, 0}, false});
     rows.push_back({0x16, {0, 8, 0xFF, 0, 0, 0x25}, true});
+    // Diagnostics: a sub-function and one word on a serial line; the event counter: nothing.
+    rows.push_back({0x08, {0, 0, 0}, false});
+    rows.push_back({0x08, {0, 0, 0, 0}, true});
+    rows.push_back({0x0B, {}, true});
     for (const row_t& row : rows) {
         const CModbusFunction* f = CModbusFunction::find(row.fc);
         BOOST_REQUIRE(f != nullptr);
@@ -865,6 +875,76 @@ BOOST_FIXTURE_TEST_CASE(write_the_store_refuses, CCore) {
     BOOST_TEST(value("/Battery/Low/Value").to_bool());
     // Reads still work through it.
     BOOST_TEST(request(ups(), 0x03, words({8, 1}), &read_only) == MB_NO_ERROR);
+}
+
+BOOST_FIXTURE_TEST_CASE(diagnostics_and_event_counter, CCore) {
+    CUnitCounters unit;
+    CTransportCounters line;
+    counters = &unit;
+    transport = &line;
+    const modbus_err_t fn = MB_ILLEGAL_FUNCTION, val = MB_ILLEGAL_DATA_VALUE;
+    // Malformed requests, unknown sub-functions, and listen-only mode off a serial line.
+    struct row_t {
+        iobuf_t data;
+        bool serial;
+        modbus_err_t want;
+    };
+    const std::vector<row_t> rows = {
+        {{0, 0, 0}, true, val},
+        {words({0x0002, 0}), true, fn},
+        {words({0x0013, 0}), true, fn},
+        {words({0x0004, 0}), false, fn},
+        {words({0x000A, 1}), true, val},
+        {words({0x000B, 0, 0}), true, val},
+        {words({0x0001, 0x00FF}), true, val},
+    };
+    for (const row_t& row : rows) {
+        serial = row.serial;
+        BOOST_TEST(request(ups(), 0x08, row.data) == row.want, "sub " << int(row.data[1]));
+    }
+    BOOST_TEST(request(ups(), 0x0B, {0}) == val);
+
+    // Query data comes back as it was, whatever its length.
+    serial = true;
+    const iobuf_t query = {0, 0, 1, 2, 3, 4, 5};
+    BOOST_TEST(request(ups(), 0x08, query) == MB_NO_ERROR);
+    BOOST_TEST(pdu.data == query);
+
+    // The counters, 16 bits of them; the line's counted since the unit's last clear.
+    line.messages = 0x10007;
+    line.checksum_errors = 3;
+    unit.base.messages = 2;
+    unit.requests = 9;
+    unit.unanswered = 4;
+    unit.events = 0x12345;
+    unit.count_exception(MB_ILLEGAL_DATA_ADDRESS);
+    unit.count_exception(MB_SLAVE_DEVICE_BUSY);
+    const std::vector<std::pair<unsigned, unsigned>> want = {
+        {0x0B, 5}, {0x0C, 3}, {0x0D, 2}, {0x0E, 9}, {0x0F, 4}, {0x10, 0}, {0x11, 1}, {0x12, 0}};
+    for (const auto& w : want) {
+        BOOST_TEST(request(ups(), 0x08, words({w.first, 0})) == MB_NO_ERROR);
+        BOOST_TEST(pdu.data == words({w.first, w.second}), "sub " << w.first);
+    }
+    BOOST_TEST(request(ups(), 0x0B, {}) == MB_NO_ERROR);
+    BOOST_TEST(pdu.data == words({0, 0x2345}));
+
+    // Clearing zeroes the unit's counts and takes the line's where they stand.
+    BOOST_TEST(request(ups(), 0x08, words({0x0A, 0})) == MB_NO_ERROR);
+    BOOST_TEST(pdu.data == words({0x0A, 0}));
+    BOOST_TEST((unit.requests == 0 && unit.exceptions == 0 && unit.events == 0));
+    ++line.messages;
+    BOOST_TEST(request(ups(), 0x08, words({0x0B, 0})) == MB_NO_ERROR);
+    BOOST_TEST(pdu.data == words({0x0B, 1}));
+
+    // Listen-only mode: set without an answer; a restart leaves it, again without one, and
+    // a restart outside it is answered.
+    BOOST_TEST(request(ups(), 0x08, words({0x04, 0})) == MB_NO_ERROR);
+    BOOST_TEST((unit.listen_only && req.silent));
+    unit.requests = 5;
+    BOOST_TEST(request(ups(), 0x08, words({0x01, 0xFF00})) == MB_NO_ERROR);
+    BOOST_TEST((!unit.listen_only && req.silent && unit.requests == 0));
+    BOOST_TEST(request(ups(), 0x08, words({0x01, 0})) == MB_NO_ERROR);
+    BOOST_TEST((!req.silent && pdu.data == words({0x01, 0})));
 }
 
 BOOST_AUTO_TEST_SUITE_END()

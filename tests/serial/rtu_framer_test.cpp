@@ -28,7 +28,7 @@ struct CFramerFixture {
     CFramerFixture() {
         std::bitset<256> served;
         served[1] = served[7] = true;
-        framer.configure(silence, frame_break, served, CModbusFunction::rtu_length);
+        framer.configure(silence, frame_break, served, CModbusFunction::rtu_length, &counts);
     }
     // Feeds bytes back to back, the first after `gap`; the frames completed.
     std::vector<bytes_t> feed(const bytes_t& bytes, int64_t gap = quiet) {
@@ -38,6 +38,7 @@ struct CFramerFixture {
                 frames.push_back(framer.frame());
         return frames;
     }
+    CTransportCounters counts;
     CRtuFramer framer;
 };
 
@@ -64,7 +65,7 @@ BOOST_AUTO_TEST_CASE(frames_after_silence_are_taken_at_their_length) {
 
 BOOST_AUTO_TEST_CASE(everything_else_is_dropped_until_the_next_silence) {
     const bytes_t foreign = with_crc({0x02, 0x03, 0x00, 0x00, 0x00, 0x02});
-    const bytes_t other_function = with_crc({0x01, 0x08, 0x00, 0x00, 0x00, 0x02});
+    const bytes_t other_function = with_crc({0x01, 0x07, 0x00, 0x00, 0x00, 0x02});
     bytes_t bad_crc = read_request;
     bad_crc.back() ^= 1;
     for (const bytes_t& noise : {foreign, other_function, bad_crc}) {
@@ -75,6 +76,9 @@ BOOST_AUTO_TEST_CASE(everything_else_is_dropped_until_the_next_silence) {
         BOOST_TEST(framer.hunting());
         BOOST_TEST(feed(read_request) == std::vector<bytes_t>{read_request});
     }
+    // Frames that reached their length count as messages; the bad CRC as an error too.
+    BOOST_TEST(counts.messages == 4u);
+    BOOST_TEST(counts.checksum_errors == 1u);
     // Without a silence before it, a frame is noise, as is one after an exact 1.5 characters.
     BOOST_TEST(feed(read_request, 0).empty());
     BOOST_TEST(feed(read_request, silence).empty());

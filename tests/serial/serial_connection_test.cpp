@@ -336,6 +336,26 @@ BOOST_AUTO_TEST_CASE(request_during_an_answer_is_kept) {
     BOOST_TEST(finished);
 }
 
+// A line without wire time hands the master the answer at once, and a quick master sends
+// its next request sooner than the silence between frames: each is still served.
+BOOST_AUTO_TEST_CASE(request_right_after_an_answer_is_served) {
+    if (!have_socat())
+        return;
+    CLineFixture f;
+    const bool finished = f.run_with([&] {
+        CPtyPeer peer(f.pty.end_b());
+        BOOST_REQUIRE(peer.ok());
+        pause(quiet);
+        for (const char* text : {"a", "b", "c", "d"}) {
+            BOOST_TEST(peer.send(frame(served, text)));
+            BOOST_TEST(peer.receive(answer(text).size()) == answer(text));
+        }
+    });
+    BOOST_TEST(finished);
+    BOOST_TEST(f.log.frames == (std::vector<std::string>{"a", "b", "c", "d"}),
+               boost::test_tools::per_element());
+}
+
 BOOST_AUTO_TEST_CASE(noise_cannot_grow_the_buffer) {
     if (!have_socat())
         return;

@@ -3,7 +3,8 @@
 #include "modbus/protocol/serial/modbus_serial_crc.h"
 
 void CRtuFramer::configure(int64_t silence_us, int64_t break_us, const std::bitset<256>& served,
-                           length_rule_t length) {
+                           length_rule_t length, CTransportCounters* counts) {
+    _counts = counts;
     _silence_us = silence_us;
     _break_us = break_us;
     _served = served;
@@ -41,7 +42,13 @@ CRtuFramer::step_t CRtuFramer::advance(std::vector<uint8_t>& frame, uint8_t byte
     if (length == 0 || frame.size() < length)
         return step_t::more;
     // A complete frame, or noise that happened to start like one.
-    return crc_holds(frame) ? step_t::done : step_t::dead;
+    const bool good = crc_holds(frame);
+    if (_counts != nullptr) {
+        ++_counts->messages;
+        if (!good)
+            ++_counts->checksum_errors;
+    }
+    return good ? step_t::done : step_t::dead;
 }
 
 bool CRtuFramer::feed(uint8_t byte, int64_t gap_us) {

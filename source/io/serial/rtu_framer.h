@@ -14,6 +14,8 @@
 // address). The first to end with a good CRC is taken; one that cannot be a frame is dropped.
 // Anything else (foreign addresses, other function codes, bad CRCs, bytes without silence
 // before them) is dropped, and the framer hunts for the next silence.
+#include "util/transport_counters.h"
+
 #include <bitset>
 #include <cstddef>
 #include <cstdint>
@@ -31,9 +33,10 @@ public:
     static constexpr size_t no_frame = static_cast<size_t>(-1);
 
     // silence_us: the silence a frame must follow. break_us: the silence that abandons a
-    // frame under way. served: the slave addresses answered.
+    // frame under way. served: the slave addresses answered. counts, when not null, gets
+    // every frame that reached its length (messages) and those whose CRC failed.
     void configure(int64_t silence_us, int64_t break_us, const std::bitset<256>& served,
-                   length_rule_t length);
+                   length_rule_t length, CTransportCounters* counts = nullptr);
 
     // One received byte that began gap_us microseconds after the previous byte ended (0 for
     // bytes that arrived together). True when it completed a frame, which frame() then holds
@@ -61,6 +64,7 @@ private:
     int64_t _break_us = 0;
     std::bitset<256> _served;
     length_rule_t _length;
+    CTransportCounters* _counts = nullptr;
     std::vector<uint8_t> _frame;
     // The frame begun after the last break inside _frame; empty when there is none.
     std::vector<uint8_t> _alt;

@@ -176,7 +176,8 @@ void CSerialConnection::generate_RTU_timers(uint32_t baud, char_size_t char_size
     const int64_t frame_break = std::max<int64_t>(_char_time * 7 / 2, 1750000);
     _framer.configure(
         _timerT15 / 1000, frame_break / 1000, served,
-        [this](const uint8_t* frame, size_t n) { return _prot->frame_length(frame, n); });
+        [this](const uint8_t* frame, size_t n) { return _prot->frame_length(frame, n); },
+        _prot->counters());
     reset_flags();
 }
 
@@ -301,9 +302,11 @@ void CSerialConnection::handle_write(const boost::system::error_code& error) {
         feed(0);
         return;
     }
+    // The master may send its next request as soon as it has the answer, which on a line
+    // without wire time (a pseudo-terminal, a USB adapter's buffer) is sooner than the
+    // silence a frame normally needs: the first byte after an answer may start a frame.
     reset_flags();
     _waited = waited;
-    if (waited)
-        _framer.expect_frame();
+    _framer.expect_frame();
     read_more();
 }

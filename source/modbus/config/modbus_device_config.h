@@ -4,6 +4,7 @@
 // same files, and the run-time attributes of its parameters. Builds the map list of every
 // request.
 #include "modbus/config/modbus_device_dynamic_config.h"
+#include "modbus/core/unit_counters.h"
 #include "modbus/core/unit_map.h"
 #include "modbus/map/eds_mapping.h"
 #include "modbus/maplist/discrete_maplist.h"
@@ -45,6 +46,8 @@ public:
     size_t mapping_count() const;
     // Created with the device; entries are filled in by the requests' reads.
     CModbusDeviceDynamicConfig& dynamic_config() const { return *_dynamic; }
+    // The unit's request counters and mode, kept by the I/O thread's requests.
+    CUnitCounters& counters() const { return _counters; }
 
 private:
     tk_string _path;
@@ -52,4 +55,5 @@ private:
     bool _zero_fill;
     std::unique_ptr<CModbusDeviceDynamicConfig> _dynamic;
     std::unique_ptr<CUnitMap> _unit;
+    mutable CUnitCounters _counters;
 };

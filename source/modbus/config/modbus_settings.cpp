@@ -275,7 +275,7 @@ CModbusSerialSettings::CModbusSerialSettings(CCdsHandle& cds) {
 CModbusSerialInterfaceSettings::CModbusSerialInterfaceSettings(CCdsHandle& cds,
                                                                const tk_string& idstr,
                                                                unsigned int number)
-    : _number(number) {
+    : _number(number), _name(idstr) {
     LOG_STACK();
     const tk_string node = interface_node(idstr);
     const tk_string who = "Serial interface '" + idstr + "'";

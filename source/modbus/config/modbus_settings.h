@@ -88,6 +88,8 @@ public:
     CModbusSerialInterfaceSettings(CCdsHandle& cds, const tk_string& idstr, unsigned int number);
 
     unsigned int number() const { return _number; }
+    // The interface's node name.
+    const tk_string& name() const { return _name; }
     const tk_string& serial_port() const { return _serial_port; }
     uint32_t baud_rate() const { return _baud_rate; }
     unsigned flow_control() const { return _flow_control; }
@@ -100,6 +102,7 @@ public:
 
 private:
     unsigned int _number;
+    tk_string _name;
     tk_string _serial_port;
     uint32_t _baud_rate = 9600;
     unsigned _flow_control = FLOW_NONE;

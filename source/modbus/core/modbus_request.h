@@ -6,6 +6,7 @@
 //
 // The caller's part: set pdu, unit and zero_fill; after plan, point values[i] at the store's
 // answer for reads[i]; after write, fill write_statuses (one per write_ids entry).
+#include "modbus/core/unit_counters.h"
 #include "modbus/core/unit_map.h"
 #include "modbus/modbus_types.h"
 #include "modbus/protocol/modbus_pdu.h"
@@ -45,6 +46,15 @@ public:
     bool block_writes = false;
     // The newest events, for event mappings; none when null.
     const CEventQueue* events = nullptr;
+    // The unit's counters (diagnostics may clear them and set its mode) and its
+    // transport's; either may be null, when the functions that need them answer 0.
+    CUnitCounters* counters = nullptr;
+    const CTransportCounters* transport = nullptr;
+    // The request came on a serial line (listen-only mode is for serial slaves only).
+    bool serial = false;
+
+    // Output of answer: send nothing back (the request is carried out all the same).
+    bool silent = false;
 
     // plan -> store: the leaves to read; store -> write/answer: their values, in order.
     std::vector<toolkit::leaf_id_t> reads;
@@ -74,5 +84,6 @@ public:
         write_params.clear();
         write_statuses.clear();
         mapped = 0;
+        silent = false;
     }
 };

@@ -24,27 +24,53 @@ CModbusProtocolHandler::~CModbusProtocolHandler() {
     }
 }
 
+namespace {
+// The one request a slave that listens only still carries out: a restart of communications.
+bool is_restart(const CModbusPdu& pdu) {
+    return pdu.function == 0x08 && pdu.data.size() >= 2 && pdu.data[0] == 0 && pdu.data[1] == 1;
+}
+} // namespace
+
 void CModbusProtocolHandler::handle_request(CModbusPdu& pdu, const CModbusDeviceConfig& device,
                                             uint8_t unit_id) {
-    _function = CModbusFunction::find(pdu.function);
-    if (_function == nullptr) {
-        err(MB_ILLEGAL_FUNCTION);
+    _request.clear();
+    CUnitCounters& unit = device.counters();
+    ++unit.requests;
+    _request.counters = &unit;
+    if (unit.listen_only && !is_restart(pdu)) {
+        ++unit.unanswered;
+        drop();
         return;
     }
-    _request.clear();
+    _function = CModbusFunction::find(pdu.function);
+    if (_function == nullptr) {
+        fail(MB_ILLEGAL_FUNCTION);
+        return;
+    }
     _request.pdu = &pdu;
     _request.unit = &device.unit();
     _request.zero_fill = device.zero_fill();
     _request.unit_id = unit_id;
     _request.block_writes = _services.config->block_writes();
     _request.events = _services.events;
+    _request.transport = counters();
+    _request.serial = serial_line();
     _rereading = false;
     const modbus_err_t e = _function->plan(_request);
     if (e != MB_NO_ERROR) {
-        err(e);
+        fail(e);
         return;
     }
     read_planned();
+}
+
+void CModbusProtocolHandler::fail(modbus_err_t code) {
+    CUnitCounters& counters = *_request.counters;
+    if (answered())
+        counters.count_exception(code);
+    else
+        ++counters.unanswered;
+    err(code);
 }
 
 void CModbusProtocolHandler::read_planned() {
@@ -58,7 +84,7 @@ void CModbusProtocolHandler::read_planned() {
         return;
     }
     if (rc != 0) {
-        err(MB_SLAVE_DEVICE_FAILURE);
+        fail(MB_SLAVE_DEVICE_FAILURE);
         return;
     }
     values_read();
@@ -71,7 +97,7 @@ void CModbusProtocolHandler::values_read() {
     }
     const modbus_err_t e = _function->write(_request);
     if (e != MB_NO_ERROR) {
-        err(e);
+        fail(e);
         return;
     }
     // A free store is written at once; one that another writer holds, or an earlier write
@@ -89,7 +115,7 @@ void CModbusProtocolHandler::values_read() {
         if (rc != toolkit::CCds::busy) {
             LOG_WARN(SS_FUNCTION_CODES, 1, "Writing the store failed: %s",
                      _services.reader->error().c_str());
-            err(MB_SLAVE_DEVICE_FAILURE);
+            fail(MB_SLAVE_DEVICE_FAILURE);
             return;
         }
         LOG_DEBUG(SS_FUNCTION_CODES, 4, "Store busy; writing on the CDS thread");
@@ -104,15 +130,31 @@ void CModbusProtocolHandler::finish() {
         _rereading = true;
         const modbus_err_t e = _function->reread(_request);
         if (e != MB_NO_ERROR) {
-            err(e);
+            fail(e);
             return;
         }
         read_planned();
         return;
     }
+    // The event counter counts what was carried out, but not its own requests. It counts
+    // before the answer is made, so that a request clearing the counters leaves them at 0.
+    CUnitCounters& unit = *_request.counters;
+    const bool event = _function->code != 0x0B;
+    if (event)
+        ++unit.events;
     const modbus_err_t e = _function->answer(_request);
-    if (e != MB_NO_ERROR)
-        err(e);
+    if (e != MB_NO_ERROR) {
+        if (event)
+            --unit.events;
+        fail(e);
+        return;
+    }
+    // A request that cleared the counters (requests is 0 then: it counted itself before)
+    // is not counted after them.
+    if ((_request.silent || !answered()) && unit.requests != 0)
+        ++unit.unanswered;
+    if (_request.silent)
+        drop();
     else
         respond();
 }
@@ -136,11 +178,11 @@ void CModbusProtocolHandler::post(CThreadCommand& cmd, bool timed_out) {
     cancel_timer();
 
     if (timed_out) {
-        err(MB_GATEWAY_TARGET_FAILED);
+        fail(MB_GATEWAY_TARGET_FAILED);
         return;
     }
     if (cmd.failed()) {
-        err(MB_SLAVE_DEVICE_FAILURE);
+        fail(MB_SLAVE_DEVICE_FAILURE);
         return;
     }
     const CThreadCdsRequest& done = *poly_cast<CThreadCdsRequest*>(&cmd);

@@ -49,6 +49,12 @@ public:
 protected:
     // The time the CDS thread gets for its part of a request, in milliseconds (0: no limit).
     virtual unsigned int response_timeout() const = 0;
+    // Whether requests come from a serial line (slaves may be told to listen only).
+    virtual bool serial_line() const { return false; }
+    // Whether the request under way gets an answer (not a broadcast).
+    virtual bool answered() const { return true; }
+    // Goes on without answering the request under way.
+    virtual void drop() = 0;
     // Serializes the frame into the messenger's write buffer.
     void serialize_response();
     void cancel_timer();
@@ -59,6 +65,8 @@ protected:
 private:
     // Reads the leaves planned, here or on the CDS thread when the store is locked.
     void read_planned();
+    // Counts the exception and answers with it.
+    void fail(modbus_err_t code);
     // The steps after the leaves were read.
     void values_read();
     void finish();

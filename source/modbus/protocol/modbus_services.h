@@ -4,8 +4,10 @@
 // to the CDS thread, and the count of writes handed to it and not yet answered. The owner
 // keeps it alive for as long as any handler lives; everything here is for the I/O thread.
 #include "threads/commands/thread_command.h"
+#include "util/transport_counters.h"
 
 #include <functional>
+#include <vector>
 
 class CCdsHandle;
 class CEventQueue;
@@ -21,4 +23,8 @@ struct CModbusServices {
     unsigned* queued_writes = nullptr;
     // The newest events of the event log, for event mappings; null: they read as unmapped.
     const CEventQueue* events = nullptr;
+    // The transports' counters: TCP's, and each serial interface's by its number (sized
+    // before any handler is made). Null: not counted.
+    CTransportCounters* tcp_counters = nullptr;
+    std::vector<CTransportCounters>* serial_counters = nullptr;
 };

@@ -9,6 +9,22 @@
 
 #include <cassert>
 
+CModbusSerialProtocolHandler::CModbusSerialProtocolHandler(CIoMessenger* messenger,
+                                                           const CModbusServices& services)
+    : CModbusProtocolHandler(messenger, services) {}
+
+CModbusSerialProtocolHandler::~CModbusSerialProtocolHandler() {
+    if (_line != nullptr)
+        --_line->open;
+}
+
+void CModbusSerialProtocolHandler::drop() {
+    if (_broadcasting)
+        next_broadcast();
+    else
+        ignore();
+}
+
 CModbusSerialAdu& CModbusSerialProtocolHandler::adu() const {
     assert(_adu);
     return *poly_cast<CModbusSerialAdu*>(_adu.get());
@@ -40,6 +56,13 @@ void CModbusSerialProtocolHandler::set_timeout(unsigned int timeout) {
     // Broadcasts (address 0) reach every slave of the interface.
     if (_uid_map.any())
         _uid_map.set(0);
+    // The line's counters; the port counts as a connection while it is served.
+    std::vector<CTransportCounters>* lines = _services.serial_counters;
+    if (_line == nullptr && lines != nullptr && iface < lines->size()) {
+        _line = &(*lines)[iface];
+        ++_line->open;
+        ++_line->total;
+    }
 }
 
 void CModbusSerialProtocolHandler::create_adu() {

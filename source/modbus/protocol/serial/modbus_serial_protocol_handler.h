@@ -11,8 +11,8 @@ class CModbusSerialAdu;
 
 class CModbusSerialProtocolHandler : public CModbusProtocolHandler {
 public:
-    CModbusSerialProtocolHandler(CIoMessenger* messenger, const CModbusServices& services)
-        : CModbusProtocolHandler(messenger, services) {}
+    CModbusSerialProtocolHandler(CIoMessenger* messenger, const CModbusServices& services);
+    ~CModbusSerialProtocolHandler() override;
 
     bool parse() override;
     // Whether the interface serves this slave address (known after set_timeout).
@@ -28,9 +28,15 @@ public:
     void err(modbus_err_t code) override;
     void execute() override;
     bool more_data_needed() const override;
+    // The line's counters, known from set_timeout on (the connection is not yet built when
+    // its handler is made).
+    CTransportCounters* counters() const override { return _line; }
 
 protected:
     unsigned int response_timeout() const override { return _timeout; }
+    bool serial_line() const override { return true; }
+    bool answered() const override { return !_broadcasting; }
+    void drop() override;
 
 private:
     CModbusSerialAdu& adu() const;
@@ -43,6 +49,7 @@ private:
     void next_broadcast();
 
     unsigned int _timeout = 1000;
+    CTransportCounters* _line = nullptr;
     std::bitset<256> _uid_map;
     std::vector<const CModbusDeviceConfig*> _broadcast_targets;
     CModbusPdu _broadcast_request;

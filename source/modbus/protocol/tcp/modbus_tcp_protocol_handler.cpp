@@ -10,6 +10,23 @@
 
 #include <cassert>
 
+CModbusTcpProtocolHandler::CModbusTcpProtocolHandler(CIoMessenger* messenger,
+                                                     const CModbusServices& services)
+    : CModbusProtocolHandler(messenger, services) {}
+
+CModbusTcpProtocolHandler::~CModbusTcpProtocolHandler() {
+    if (_counted)
+        --counters()->open;
+}
+
+void CModbusTcpProtocolHandler::started() {
+    if (_counted || counters() == nullptr)
+        return;
+    _counted = true;
+    ++counters()->open;
+    ++counters()->total;
+}
+
 CModbusTcpAdu& CModbusTcpProtocolHandler::adu() {
     assert(_adu);
     return *poly_cast<CModbusTcpAdu*>(_adu.get());
@@ -49,6 +66,8 @@ bool CModbusTcpProtocolHandler::parse_request() {
         return false;
     }
     _messenger->clear_rbuf(result.second);
+    if (counters() != nullptr)
+        ++counters()->messages;
     if (is_bad(result)) {
         LOG_DEBUG(SS_TCP_PROTOCOL, 7, "Error encountered while parsing ADU");
         err(MB_ILLEGAL_DATA_VALUE);
@@ -69,6 +88,8 @@ void CModbusTcpProtocolHandler::execute() {
     const CModbusDeviceConfig* device = _services.config->tcp_config(tcp.header.unit_id);
     if (!device) {
         LOG_DEBUG(SS_TCP_PROTOCOL, 2, "Received request for unknown UnitID %u", tcp.header.unit_id);
+        if (counters() != nullptr)
+            ++counters()->unknown_units;
         err(MB_GATEWAY_PATH_UNAVAILABLE);
         return;
     }

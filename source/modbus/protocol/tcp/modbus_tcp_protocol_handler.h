@@ -12,8 +12,10 @@ public:
     // connection whose unread bytes pass this without a complete frame is closed.
     static constexpr size_t max_unread = 7 + 65536;
 
-    CModbusTcpProtocolHandler(CIoMessenger* messenger, const CModbusServices& services)
-        : CModbusProtocolHandler(messenger, services) {}
+    CModbusTcpProtocolHandler(CIoMessenger* messenger, const CModbusServices& services);
+    // A connection counts as open from its start until its handler goes.
+    ~CModbusTcpProtocolHandler() override;
+    void started() override;
 
     bool parse() override;
     bool validate(unsigned char) override { return false; }
@@ -22,11 +24,15 @@ public:
     void respond() override;
     void err(modbus_err_t code) override;
     void execute() override;
+    CTransportCounters* counters() const override { return _services.tcp_counters; }
 
 protected:
     unsigned int response_timeout() const override;
+    void drop() override { parse_again(); }
 
 private:
     CModbusTcpAdu& adu();
     void parse_again();
+
+    bool _counted = false;
 };
