@@ -46,6 +46,9 @@ sed -e "s|@DEMO@|$root/demo|g" -e "s|@SERIAL_PORT@|$serial_port|g" demo/store.js
 if [ "${DEMO_SERIAL:-0}" != 1 ]; then
     "$cdsctl" rm "/Software/Data Servers/Modbus/Interface Type/Serial/Interface" -r >/dev/null
 fi
+# The statistics leaves of the units configured (the server fills but never creates leaves).
+"$root/build/modbus_server" -Ns --statistics-leaves >"$dir/statistics.json"
+"$cdsctl" load "$dir/statistics.json" >/dev/null
 # A few historical events for the event registers.
 now=$(date -u +%s)
 "$cdsctl" event add --id 1 --kind 4 --time $((now - 3600)) --source /Devices/Power/Input/mACV_L1 --value -12 >/dev/null
@@ -62,6 +65,7 @@ Modbus TCP on port 5020, units 1 and 2. In another terminal try:
   mbpoll -m tcp -p 5020 -a 1 -r 1 -c 3 -t 0 -1 127.0.0.1     # coils 0-2
   mbpoll -m tcp -p 5020 -a 1 -r 28 -t 4 -1 127.0.0.1 2351    # write the setpoint (235.1 V)
   CDS_STORE=$CDS_STORE build/modbus_profiler -u 1 -d         # the unit's map as CSV
+  CDS_STORE=$CDS_STORE build/cdsctl dump "/Software/Data Servers/Modbus/Statistics"  # counters
 MSG
 if [ "${DEMO_SERIAL:-0}" = 1 ]; then
     echo "Modbus RTU slave 1 at 19200 8E1 on $dir/ttyClient:"
