@@ -120,11 +120,16 @@ void CTcpListener::handle_accept(const boost::system::error_code& error,
     // The peer waits in the backlog and keeps the socket readable: accepting again at once
     // would only spin.
     if (error == boost::asio::error::no_descriptors || error.value() == ENFILE) {
+        const shed_t shed_result = shed();
+        if (shed_result == shed_t::none_waiting) {
+            accept_when_waiting();
+            return;
+        }
         if (_no_descriptors.hit())
             LOG_WARN(SS_TCP_IO, 0,
                      "Out of file descriptors (%s): refusing TCP connections until some are free",
                      error.message().c_str());
-        if (shed())
+        if (shed_result == shed_t::refused)
             accept();
         else
             retry_later();
@@ -184,9 +189,9 @@ void CTcpListener::refuse(const std::shared_ptr<CTcpConnection>& connection) {
     }
 }
 
-bool CTcpListener::shed() {
+CTcpListener::shed_t CTcpListener::shed() {
     if (_spare < 0)
-        return false;
+        return shed_t::failed;
     release_spare();
     boost::asio::ip::tcp::socket peer(get_io_service());
     boost::system::error_code ec;
@@ -194,8 +199,22 @@ bool CTcpListener::shed() {
     boost::system::error_code ignored;
     peer.close(ignored);
     reserve_spare();
+    if (!ec)
+        return shed_t::refused;
+    if (ec == boost::asio::error::would_block || ec == boost::asio::error::try_again)
+        return shed_t::none_waiting;
     // Another thread may have taken the descriptor first: then wait for one to free up.
-    return ec != boost::asio::error::no_descriptors && ec.value() != ENFILE;
+    return shed_t::failed;
+}
+
+void CTcpListener::accept_when_waiting() {
+    auto self = std::static_pointer_cast<CTcpListener>(shared_from_this());
+    _acceptor.async_wait(boost::asio::ip::tcp::acceptor::wait_read,
+                         [self](const boost::system::error_code& e) {
+                             if (e || !self->_acceptor.is_open())
+                                 return;
+                             self->accept();
+                         });
 }
 
 void CTcpListener::retry_later() {

@@ -43,8 +43,12 @@ private:
     void admit(const std::shared_ptr<CTcpConnection>& connection);
     // Closes a peer that may not be served.
     static void refuse(const std::shared_ptr<CTcpConnection>& connection);
-    // Accepts the next peer with the spare descriptor and closes it; false when that failed.
-    bool shed();
+    enum class shed_t { refused, none_waiting, failed };
+    // Accepts the next peer with the spare descriptor and closes it.
+    shed_t shed();
+    // Accepts once a peer waits. Out of descriptors, accept fails at once whether a peer
+    // waits or not, so it must not be tried before one does.
+    void accept_when_waiting();
     // Accepts again after a pause, with the spare descriptor back if it was lost.
     void retry_later();
     void reserve_spare();
