@@ -11,18 +11,6 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-namespace {
-
-// Tells how many events a burst had once it is over; its first event was told already.
-void report_end(CBurstCounter& burst, const char* what) {
-    const uint64_t n = burst.end();
-    if (n > 1)
-        LOG_INFO(SS_TCP_IO, 0, "Accepting TCP connections again; %llu were refused %s",
-                 static_cast<unsigned long long>(n), what);
-}
-
-} // namespace
-
 std::shared_ptr<CTcpListener> CTcpListener::create(CIoManager& manager,
                                                    const CProtocolHandler& prototype, uint16_t port,
                                                    const CTcpListenerOptions& options) {
@@ -179,6 +167,13 @@ void CTcpListener::admit(const std::shared_ptr<CTcpConnection>& connection) {
     get_manager().add(connection);
     connection->watch_idle(std::chrono::seconds(_options.idle_timeout_s));
     connection->start();
+}
+
+void CTcpListener::report_end(CBurstCounter& burst, const char* what) {
+    const uint64_t n = burst.end();
+    if (n > 1)
+        LOG_INFO(SS_TCP_IO, 0, "Accepting TCP connections again; %llu were refused %s",
+                 static_cast<unsigned long long>(n), what);
 }
 
 void CTcpListener::refuse(const std::shared_ptr<CTcpConnection>& connection) {

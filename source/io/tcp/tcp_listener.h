@@ -41,6 +41,8 @@ private:
     void handle_accept(const boost::system::error_code& error,
                        const std::shared_ptr<CTcpConnection>& connection);
     void admit(const std::shared_ptr<CTcpConnection>& connection);
+    // Tells how many refusals a burst had once it is over; its first was told already.
+    static void report_end(CBurstCounter& burst, const char* what);
     // Closes a peer that may not be served.
     static void refuse(const std::shared_ptr<CTcpConnection>& connection);
     enum class shed_t { refused, none_waiting, failed };
