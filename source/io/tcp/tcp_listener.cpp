@@ -105,8 +105,8 @@ void CTcpListener::handle_accept(const boost::system::error_code& error,
         accept();
         return;
     }
-    // The peer waits in the backlog and keeps the socket readable: accepting again at once
-    // would only spin.
+    // A peer left in the backlog keeps the socket readable, so accepting again at once would
+    // spin: the spare descriptor takes it off the backlog.
     if (error == boost::asio::error::no_descriptors || error.value() == ENFILE) {
         const shed_t shed_result = shed();
         if (shed_result == shed_t::none_waiting) {
@@ -194,12 +194,13 @@ CTcpListener::shed_t CTcpListener::shed() {
     boost::system::error_code ignored;
     peer.close(ignored);
     reserve_spare();
-    if (!ec)
-        return shed_t::refused;
     if (ec == boost::asio::error::would_block || ec == boost::asio::error::try_again)
         return shed_t::none_waiting;
     // Another thread may have taken the descriptor first: then wait for one to free up.
-    return shed_t::failed;
+    if (ec == boost::asio::error::no_descriptors || ec.value() == ENFILE)
+        return shed_t::failed;
+    // Closed, or gone by itself (aborted): either way it is off the backlog.
+    return shed_t::refused;
 }
 
 void CTcpListener::accept_when_waiting() {
