@@ -292,10 +292,13 @@ tk_string CServerCore::add_transports(CIoManager& manager) {
     _serial_counters.assign(_settings->serial().interfaces().size(), CTransportCounters());
     _services.serial_counters = &_serial_counters;
     const CModbusTcpProtocolHandler tcp_prototype(nullptr, _services);
-    auto listener = CTcpListener::create(manager, tcp_prototype, static_cast<uint16_t>(port));
+    const CTcpListenerOptions& access = _settings->tcp().listener();
+    auto listener =
+        CTcpListener::create(manager, tcp_prototype, static_cast<uint16_t>(port), access);
     manager.add(listener);
     _tcp_port = listener->port();
-    tk_string summary = "Serving Modbus TCP on port " + std::to_string(port) + " (units " +
+    const tk_string where = access.bind_address.empty() ? "" : " of " + access.bind_address;
+    tk_string summary = "Serving Modbus TCP on port " + std::to_string(port) + where + " (units " +
                         id_list(_cfg->tcp_units(), [](const auto& unit) { return unit.first; }) +
                         ")";
 

@@ -51,6 +51,7 @@ public:
         return -1;
     }
     void signal(int sig) { ::kill(_pid, sig); }
+    pid_t pid() const { return _pid; }
     tk_string log() const { return read_text(_log); }
 
 private:

@@ -41,6 +41,27 @@ public:
             _fd = -1;
         }
     }
+    // Connects from the IPv4 address from (any when null) to the IPv4 address to, so that
+    // tests can be other loopback hosts (127.0.0.2).
+    CTestClient(const char* to, uint16_t port, const char* from = nullptr, int timeout_ms = 3000) {
+        _fd = ::socket(AF_INET, SOCK_STREAM, 0);
+        if (_fd < 0)
+            return;
+        timeval tv{timeout_ms / 1000, (timeout_ms % 1000) * 1000};
+        ::setsockopt(_fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
+        sockaddr_in addr{};
+        addr.sin_family = AF_INET;
+        bool ok = true;
+        if (from) {
+            ok = ::inet_pton(AF_INET, from, &addr.sin_addr) == 1 &&
+                 ::bind(_fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0;
+        }
+        addr.sin_port = htons(port);
+        ok = ok && ::inet_pton(AF_INET, to, &addr.sin_addr) == 1 &&
+             ::connect(_fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0;
+        if (!ok)
+            close();
+    }
     ~CTestClient() { close(); }
     CTestClient(const CTestClient&) = delete;
     CTestClient& operator=(const CTestClient&) = delete;

@@ -12,7 +12,7 @@ std::shared_ptr<CTcpConnection> CTcpConnection::create(CIoManager& manager,
 }
 
 CTcpConnection::CTcpConnection(CIoManager& manager, const CProtocolHandler& prototype)
-    : CIoMessenger(manager, prototype), _sock(get_io_service()) {}
+    : CIoMessenger(manager, prototype), _sock(get_io_service()), _idle(get_io_service()) {}
 
 CTcpConnection::~CTcpConnection() {
     try {
@@ -26,19 +26,68 @@ std::shared_ptr<CTcpConnection> CTcpConnection::self() {
     return std::static_pointer_cast<CTcpConnection>(shared_from_this());
 }
 
+std::string CTcpConnection::peer_name() const {
+    boost::system::error_code ec;
+    const auto peer = _sock.remote_endpoint(ec);
+    if (ec)
+        return "unknown";
+    const auto address = peer.address();
+    if (address.is_v6() && address.to_v6().is_v4_mapped())
+        return boost::asio::ip::make_address_v4(boost::asio::ip::v4_mapped, address.to_v6())
+            .to_string();
+    return address.to_string();
+}
+
+void CTcpConnection::watch_idle(std::chrono::seconds timeout) {
+    _idle_timeout = timeout;
+    _last_heard = std::chrono::steady_clock::now();
+    if (timeout.count() > 0)
+        wait_idle(_last_heard + timeout);
+}
+
+void CTcpConnection::wait_idle(std::chrono::steady_clock::time_point until) {
+    // Weak: the timer must not keep a dropped connection alive.
+    std::weak_ptr<CTcpConnection> weak = self();
+    _idle.expires_at(until);
+    _idle.async_wait([weak](const boost::system::error_code& error) {
+        if (auto me = weak.lock())
+            me->handle_idle(error);
+    });
+}
+
+void CTcpConnection::handle_idle(const boost::system::error_code& error) {
+    LOG_STACK();
+    if (error || !_sock.is_open())
+        return;
+    const auto now = std::chrono::steady_clock::now();
+    // While an answer is being made the client is not idle, however long the store takes.
+    if (!_reading) {
+        wait_idle(now + _idle_timeout);
+        return;
+    }
+    if (now - _last_heard < _idle_timeout) {
+        wait_idle(_last_heard + _idle_timeout);
+        return;
+    }
+    LOG_INFO(SS_TCP_IO, 2, "Closing the connection from '%s': nothing received for %lld s",
+             peer_name().c_str(), static_cast<long long>(_idle_timeout.count()));
+    remove();
+}
+
 void CTcpConnection::close() {
     if (!_sock.is_open())
         return;
-    if (log_enabled(SS_TCP_IO, 2)) {
-        boost::system::error_code ec;
-        const auto peer = _sock.remote_endpoint(ec);
-        LOG_INFO(SS_TCP_IO, 2, "Closing socket to '%s'",
-                 ec ? "unknown" : peer.address().to_string().c_str());
-    }
+    LOG_INFO(SS_TCP_IO, 2, "Closing socket to '%s'", peer_name().c_str());
+    _idle.cancel();
     boost::system::error_code shutdown_error;
     _sock.shutdown(boost::asio::ip::tcp::socket::shutdown_both, shutdown_error);
     boost::system::error_code close_error;
     _sock.close(close_error);
+    if (_on_close) {
+        const auto on_close = std::move(_on_close);
+        _on_close = nullptr;
+        on_close();
+    }
     // A peer that reset the connection makes shutdown fail; the socket is closed anyway.
     if (shutdown_error && shutdown_error != boost::asio::error::not_connected)
         throw boost::system::system_error(shutdown_error, "shutdown");
@@ -50,6 +99,7 @@ void CTcpConnection::read_more() {
     assert(_sock.is_open());
     assert(_offset < _rbuf.size());
     auto me = self();
+    _reading = true;
     _sock.async_read_some(boost::asio::buffer(_rbuf.data() + _offset, _rbuf.size() - _offset),
                           [me](const boost::system::error_code& error, size_t count) {
                               me->handle_read(error, count);
@@ -58,11 +108,14 @@ void CTcpConnection::read_more() {
 
 void CTcpConnection::handle_read(const boost::system::error_code& error, size_t count) {
     LOG_STACK();
+    _reading = false;
     if (error) {
         if (error != boost::asio::error::operation_aborted)
             remove();
         return;
     }
+    if (_idle_timeout.count() > 0)
+        _last_heard = std::chrono::steady_clock::now();
     _offset += count;
     assert(_offset <= _rbuf.size());
     LOG_DUMP(SS_TCP_IO, 6, _rbuf.data() + _offset - count, count, "Received");
@@ -89,6 +142,8 @@ void CTcpConnection::handle_write(const boost::system::error_code& error) {
             remove();
         return;
     }
+    if (_idle_timeout.count() > 0)
+        _last_heard = std::chrono::steady_clock::now();
     if (_offset != 0)
         parse();
     else

@@ -2,10 +2,17 @@
 // The messenger of one accepted TCP socket. Requests are served strictly one at a time:
 // nothing is read while a request is being answered, and bytes of a pipelined request
 // wait in the buffer until the answer has been written. Any I/O error or the peer's close
-// ends only this connection.
+// ends only this connection. With an idle time-out, a connection that sends nothing for that
+// long while it waits for a request is closed; the clock is a time stamp taken when bytes
+// arrive or an answer leaves, checked by one coarse timer, so a request costs no timer call.
 #include "io/io_messenger.h"
 
 #include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/steady_timer.hpp>
+
+#include <chrono>
+#include <functional>
+#include <string>
 
 class CTcpConnection : public CIoMessenger {
 public:
@@ -14,6 +21,13 @@ public:
     ~CTcpConnection() override;
 
     boost::asio::ip::tcp::socket& socket() { return _sock; }
+    // The peer's address as people write it (an IPv4-mapped one as IPv4), or "unknown".
+    std::string peer_name() const;
+    // Called once, when the socket is closed.
+    void set_on_close(std::function<void()> on_close) { _on_close = std::move(on_close); }
+    // Starts the idle clock of an accepted connection; 0 leaves it open however long it is
+    // silent.
+    void watch_idle(std::chrono::seconds timeout);
 
     void close() override;
     void read_more() override;
@@ -26,6 +40,15 @@ public:
 private:
     CTcpConnection(CIoManager& manager, const CProtocolHandler& prototype);
     std::shared_ptr<CTcpConnection> self();
+    void wait_idle(std::chrono::steady_clock::time_point until);
+    void handle_idle(const boost::system::error_code& error);
 
     boost::asio::ip::tcp::socket _sock;
+    std::function<void()> _on_close;
+    boost::asio::steady_timer _idle;
+    std::chrono::seconds _idle_timeout{0};
+    // When a byte arrived or an answer left last.
+    std::chrono::steady_clock::time_point _last_heard;
+    // A read is pending: the connection waits for its client, not for an answer.
+    bool _reading = false;
 };

@@ -8,22 +8,39 @@
 #include <boost/asio/ip/v6_only.hpp>
 
 #include <cassert>
+#include <fcntl.h>
+#include <unistd.h>
 
-std::shared_ptr<CTcpListener>
-CTcpListener::create(CIoManager& manager, const CProtocolHandler& prototype, uint16_t port) {
-    std::shared_ptr<CTcpListener> listener(new CTcpListener(manager, prototype, port));
+std::shared_ptr<CTcpListener> CTcpListener::create(CIoManager& manager,
+                                                   const CProtocolHandler& prototype, uint16_t port,
+                                                   const CTcpListenerOptions& options) {
+    std::shared_ptr<CTcpListener> listener(new CTcpListener(manager, prototype, port, options));
     listener->accept();
     return listener;
 }
 
-CTcpListener::CTcpListener(CIoManager& manager, const CProtocolHandler& prototype, uint16_t port)
+CTcpListener::CTcpListener(CIoManager& manager, const CProtocolHandler& prototype, uint16_t port,
+                           const CTcpListenerOptions& options)
     : CIoActor(manager), _acceptor(manager.service()), _prot(prototype.clone(nullptr)),
-      _retry(manager.service()) {
+      _options(options), _retry(manager.service()) {
     LOG_STACK();
     assert(_prot);
-    LOG_INFO(SS_TCP_IO, 2, "Listening for incoming TCP connections on port %u", port);
-    using boost::asio::ip::tcp;
+    assert(_options.max_connections > 0);
+    const std::string where = _options.bind_address.empty() ? "" : " on " + _options.bind_address;
+    LOG_INFO(SS_TCP_IO, 2, "Listening for incoming TCP connections on port %u%s", port,
+             where.c_str());
     try {
+        bind(port);
+    } catch (const boost::system::system_error& e) {
+        LOG_ERR(SS_TCP_IO, 0, "While binding to TCP port %u%s: %s", port, where.c_str(), e.what());
+        throw;
+    }
+    reserve_spare();
+}
+
+void CTcpListener::bind(uint16_t port) {
+    using boost::asio::ip::tcp;
+    if (_options.bind_address.empty()) {
         boost::system::error_code v6_error;
         _acceptor.open(tcp::v6(), v6_error);
         if (!v6_error) {
@@ -35,16 +52,23 @@ CTcpListener::CTcpListener(CIoManager& manager, const CProtocolHandler& prototyp
             _acceptor.set_option(tcp::acceptor::reuse_address(true));
             _acceptor.bind(tcp::endpoint(tcp::v4(), port));
         }
-        _acceptor.listen();
-    } catch (const boost::system::system_error& e) {
-        LOG_ERR(SS_TCP_IO, 0, "While binding to TCP port %u: %s", port, e.what());
-        throw;
+    } else {
+        const tcp::endpoint endpoint(boost::asio::ip::make_address(_options.bind_address), port);
+        _acceptor.open(endpoint.protocol());
+        if (endpoint.address().is_v6() && endpoint.address().is_unspecified())
+            _acceptor.set_option(boost::asio::ip::v6_only(false));
+        _acceptor.set_option(tcp::acceptor::reuse_address(true));
+        _acceptor.bind(endpoint);
     }
+    _acceptor.listen();
+    // shed() accepts synchronously and must not wait when the peer is gone.
+    _acceptor.non_blocking(true);
 }
 
 CTcpListener::~CTcpListener() {
     boost::system::error_code ignored;
     _acceptor.close(ignored);
+    release_spare();
 }
 
 uint16_t CTcpListener::port() const {
@@ -55,6 +79,7 @@ uint16_t CTcpListener::port() const {
 void CTcpListener::close() {
     assert(_prot);
     _retry.cancel();
+    release_spare();
     if (_acceptor.is_open())
         _acceptor.close();
 }
@@ -75,22 +100,137 @@ void CTcpListener::handle_accept(const boost::system::error_code& error,
     if (error == boost::asio::error::operation_aborted || !_acceptor.is_open())
         return;
     if (!error) {
-        get_manager().add(connection);
-        connection->start();
+        report_end(_no_descriptors, "for want of file descriptors");
+        admit(connection);
         accept();
         return;
     }
-    LOG_ERR(SS_TCP_IO, 1, "%s", error.message().c_str());
-    // Out of descriptors or memory: accepting again at once would only spin.
-    if (error == boost::asio::error::no_descriptors || error == boost::asio::error::no_memory ||
-        error == boost::asio::error::no_buffer_space || error.value() == ENFILE) {
-        auto self = std::static_pointer_cast<CTcpListener>(shared_from_this());
-        _retry.expires_after(std::chrono::milliseconds(100));
-        _retry.async_wait([self](const boost::system::error_code& e) {
-            if (!e)
-                self->accept();
-        });
+    // A peer left in the backlog keeps the socket readable, so accepting again at once would
+    // spin: the spare descriptor takes it off the backlog.
+    if (error == boost::asio::error::no_descriptors || error.value() == ENFILE) {
+        const shed_t shed_result = shed();
+        if (shed_result == shed_t::none_waiting) {
+            accept_when_waiting();
+            return;
+        }
+        if (_no_descriptors.hit())
+            LOG_WARN(SS_TCP_IO, 0,
+                     "Out of file descriptors (%s): refusing TCP connections until some are free",
+                     error.message().c_str());
+        if (shed_result == shed_t::refused)
+            accept();
+        else
+            retry_later();
         return;
     }
-    accept();
+    LOG_ERR(SS_TCP_IO, 1, "%s", error.message().c_str());
+    if (error == boost::asio::error::no_memory || error == boost::asio::error::no_buffer_space)
+        retry_later();
+    else
+        accept();
+}
+
+void CTcpListener::admit(const std::shared_ptr<CTcpConnection>& connection) {
+    boost::system::error_code ec;
+    const auto peer = connection->socket().remote_endpoint(ec);
+    if (ec) {
+        // Gone before it was served.
+        refuse(connection);
+        return;
+    }
+    if (!_options.allow.allows(peer.address())) {
+        if (_not_allowed.hit())
+            LOG_WARN(SS_TCP_IO, 0,
+                     "Refused a TCP connection from '%s': not in the allow list (%s); further "
+                     "refusals are counted until an allowed client connects",
+                     connection->peer_name().c_str(), _options.allow.str().c_str());
+        refuse(connection);
+        return;
+    }
+    report_end(_not_allowed, "from outside the allow list");
+    if (_open >= _options.max_connections) {
+        if (_over_limit.hit())
+            LOG_WARN(SS_TCP_IO, 0,
+                     "Refused a TCP connection from '%s': %u connections are open, the most "
+                     "allowed; further refusals are counted until one is accepted",
+                     connection->peer_name().c_str(), _open);
+        refuse(connection);
+        return;
+    }
+    report_end(_over_limit, "at the connection limit");
+    ++_open;
+    std::weak_ptr<CTcpListener> weak = std::static_pointer_cast<CTcpListener>(shared_from_this());
+    connection->set_on_close([weak] {
+        if (auto listener = weak.lock())
+            --listener->_open;
+    });
+    get_manager().add(connection);
+    connection->watch_idle(std::chrono::seconds(_options.idle_timeout_s));
+    connection->start();
+}
+
+void CTcpListener::report_end(CBurstCounter& burst, const char* what) {
+    const uint64_t n = burst.end();
+    if (n > 1)
+        LOG_INFO(SS_TCP_IO, 0, "Accepting TCP connections again; %llu were refused %s",
+                 static_cast<unsigned long long>(n), what);
+}
+
+void CTcpListener::refuse(const std::shared_ptr<CTcpConnection>& connection) {
+    try {
+        connection->close();
+    } catch (const std::exception& e) {
+        LOG_DEBUG(SS_TCP_IO, 4, "%s", e.what());
+    }
+}
+
+CTcpListener::shed_t CTcpListener::shed() {
+    if (_spare < 0)
+        return shed_t::failed;
+    release_spare();
+    boost::asio::ip::tcp::socket peer(get_io_service());
+    boost::system::error_code ec;
+    _acceptor.accept(peer, ec);
+    boost::system::error_code ignored;
+    peer.close(ignored);
+    reserve_spare();
+    if (ec == boost::asio::error::would_block || ec == boost::asio::error::try_again)
+        return shed_t::none_waiting;
+    // Another thread may have taken the descriptor first: then wait for one to free up.
+    if (ec == boost::asio::error::no_descriptors || ec.value() == ENFILE)
+        return shed_t::failed;
+    // Closed, or gone by itself (aborted): either way it is off the backlog.
+    return shed_t::refused;
+}
+
+void CTcpListener::accept_when_waiting() {
+    auto self = std::static_pointer_cast<CTcpListener>(shared_from_this());
+    _acceptor.async_wait(boost::asio::ip::tcp::acceptor::wait_read,
+                         [self](const boost::system::error_code& e) {
+                             if (e || !self->_acceptor.is_open())
+                                 return;
+                             self->accept();
+                         });
+}
+
+void CTcpListener::retry_later() {
+    auto self = std::static_pointer_cast<CTcpListener>(shared_from_this());
+    _retry.expires_after(std::chrono::milliseconds(100));
+    _retry.async_wait([self](const boost::system::error_code& e) {
+        if (e || !self->_acceptor.is_open())
+            return;
+        self->reserve_spare();
+        self->accept();
+    });
+}
+
+void CTcpListener::reserve_spare() {
+    if (_spare < 0)
+        _spare = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+}
+
+void CTcpListener::release_spare() {
+    if (_spare >= 0)
+        ::close(_spare);
+    _spare = -1;
 }

@@ -1,6 +1,8 @@
 #include "modbus/config/modbus_settings.h"
 #include "util/log.h"
 
+#include <boost/asio/ip/address.hpp>
+
 #include <algorithm>
 #include <cmath>
 #include <string>
@@ -22,6 +24,8 @@ const char* const log_name = "CModbusSettings";
 // A response time-out above an hour is a typing error, not a wish.
 const uint32_t max_timeout_ms = 3600000;
 const uint32_t max_baud_rate = 4000000;
+// A connection silent for longer than a day is as good as never closed.
+const uint32_t max_idle_s = 86400;
 
 tk_string unit_node(const tk_string& idstr) {
     return tk_string(tcp_node) + "/Mappings/" + idstr;
@@ -225,11 +229,57 @@ CModbusTcpSettings::CModbusTcpSettings(CCdsHandle& cds) {
     _timeout = read_number(cds, tk_string(tcp_node) + "/Timeout", _timeout, 0, max_timeout_ms,
                            absent_t::warn);
     LOG_DEBUG(SS_SETTINGS, 3, "TCP timeout: %u", _timeout);
+    read_listener(cds);
     for (const tk_string& idstr : children(cds, tk_string(tcp_node) + "/Mappings")) {
         CModbusTcpUnitSettings unit(cds, idstr);
         if (unit.valid())
             _units.push_back(std::move(unit));
     }
+}
+
+void CModbusTcpSettings::read_listener(CCdsHandle& cds) {
+    const tk_string tcp = tcp_node;
+    const tk_string bind_node = tcp + "/Bind Address";
+    const auto bind = read_setting(cds, bind_node);
+    boost::system::error_code ec;
+    // An empty text is a cleared setting: every address, as when it is missing.
+    if (bind && bind->is_string() && !bind->str().empty())
+        boost::asio::ip::make_address(bind->str(), ec);
+    if (bind && bind->is_string() && !ec)
+        _listener.bind_address = bind->str();
+    else
+        fall_back(bind_node, bind, "an IPv4 or IPv6 address", "every address", absent_t::info);
+    LOG_DEBUG(SS_SETTINGS, 3, "TCP bind address: '%s'", _listener.bind_address.c_str());
+
+    _listener.max_connections = read_number(cds, tcp + "/Max Connections",
+                                            _listener.max_connections, 1, 0xFFFF, absent_t::info);
+    LOG_DEBUG(SS_SETTINGS, 3, "TCP max connections: %u", _listener.max_connections);
+    _listener.idle_timeout_s = read_number(cds, tcp + "/Idle Timeout", _listener.idle_timeout_s, 0,
+                                           max_idle_s, absent_t::info);
+    LOG_DEBUG(SS_SETTINGS, 3, "TCP idle timeout: %u s", _listener.idle_timeout_s);
+
+    // Whatever its type, the value is read as text: a list that was meant to restrict and
+    // cannot be read must not let everyone in.
+    const tk_string allow_node = tcp + "/Allow";
+    const auto allow = read_setting(cds, allow_node);
+    if (allow) {
+        std::vector<std::string> bad;
+        _listener.allow = CTcpAllowList::parse(allow->str(), bad);
+        tk_string list;
+        for (const std::string& entry : bad)
+            list += (list.empty() ? "\"" : ", \"") + entry + "\"";
+        if (!bad.empty())
+            MB_LOG_CALL(warn, SS_SETTINGS, 0, log_name,
+                        "'%s' has entries that are not networks (address/prefix): %s; they are "
+                        "left out%s",
+                        value_path(allow_node).c_str(), list.c_str(),
+                        _listener.allow.nobody() ? ", and as no entry is left, every "
+                                                   "client is refused"
+                                                 : "");
+    } else {
+        fall_back(allow_node, allow, "", "everyone", absent_t::info);
+    }
+    LOG_DEBUG(SS_SETTINGS, 3, "TCP allowed clients: %s", _listener.allow.str().c_str());
 }
 
 CModbusTcpUnitSettings::CModbusTcpUnitSettings(CCdsHandle& cds, const tk_string& idstr) {

@@ -12,6 +12,7 @@
 // Plain values, copyable and movable. The handle is not const because reading through it
 // is not; the objects keep no reference to it.
 #include "cds/cds_handle.h"
+#include "io/tcp/tcp_listener_options.h"
 #include "modbus/modbus_types.h"
 
 #include <cstdint>
@@ -38,7 +39,9 @@ private:
 };
 
 // Port 502 (1 to 65535) and time-out 1000 ms (0, no limit, to an hour) unless the store says
-// otherwise; units in the order of their node names.
+// otherwise; units in the order of their node names. Who may connect: every address, 64
+// connections (1 to 65535), no idle time-out (0 to a day, in seconds) and everyone allowed
+// unless the store says otherwise; these are optional, so a missing one is narration.
 class CModbusTcpSettings {
 public:
     explicit CModbusTcpSettings(CCdsHandle& cds);
@@ -46,11 +49,15 @@ public:
     uint32_t port() const { return _port; }
     const std::vector<CModbusTcpUnitSettings>& units() const { return _units; }
     uint32_t timeout() const { return _timeout; }
+    const CTcpListenerOptions& listener() const { return _listener; }
 
 private:
+    void read_listener(CCdsHandle& cds);
+
     uint32_t _port = 502;
     std::vector<CModbusTcpUnitSettings> _units;
     uint32_t _timeout = 1000;
+    CTcpListenerOptions _listener;
 };
 
 // One slave on a serial interface: a node under the interface node's "/Mappings".
