@@ -7,7 +7,7 @@ packages=(
     cmake ninja-build g++ make pkg-config
     libboost1.74-dev libboost-system1.74-dev libboost-thread1.74-dev
     libboost-test1.74-dev libboost-random1.74-dev libboost-date-time1.74-dev
-    libsqlite3-dev sqlite3 nlohmann-json3-dev libinih-dev
+    libsqlite3-dev sqlite3 nlohmann-json3-dev libinih-dev libssl-dev openssl
     libbenchmark-dev libmodbus-dev socat mbpoll python3-pymodbus
     "$@"
 )

@@ -7,6 +7,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <string>
 
 class CIoMessenger;
 
@@ -35,6 +36,10 @@ public:
     static constexpr size_t no_frame = static_cast<size_t>(-1);
     virtual size_t frame_length(const uint8_t* /*frame*/, size_t /*n*/) const { return no_frame; }
     virtual bool parse_request() = 0;
+    // The peer's identity as a secure transport established it (for TLS, the text its
+    // listener reads from the client certificate; empty when the certificate has none).
+    // Called once, before started(); never on a plain transport.
+    virtual void set_peer_identity(const std::string& /*identity*/) {}
     // The counters of the transport this handler serves, for the framing to count into;
     // null when nobody counts.
     virtual CTransportCounters* counters() const { return nullptr; }

@@ -6,6 +6,7 @@
 #include "io/io_sighandler.h"
 #include "io/serial/serial_connection.h"
 #include "io/tcp/tcp_listener.h"
+#include "io/tls/tls_context.h"
 #include "io/watchdog_timer.h"
 #include "modbus/config/modbus_config.h"
 #include "modbus/config/modbus_settings.h"
@@ -33,6 +34,8 @@
 namespace {
 
 const char* const ups_status_path = "/Software/Device Handlers/UPS/Status/Value";
+// The certificate extension that names a secure client's role.
+const char* const role_oid = "1.3.6.1.4.1.50316.802.1";
 // The waiting server says so at most this often.
 const std::chrono::seconds ups_report_interval(60);
 
@@ -291,16 +294,40 @@ tk_string CServerCore::add_transports(CIoManager& manager) {
     _services.tcp_counters = &_tcp_counters;
     _serial_counters.assign(_settings->serial().interfaces().size(), CTransportCounters());
     _services.serial_counters = &_serial_counters;
+    const CModbusTcpSecuritySettings& security = _settings->tcp().security();
+    _roles = security.roles();
+    _services.roles = &_roles;
     const CModbusTcpProtocolHandler tcp_prototype(nullptr, _services);
     const CTcpListenerOptions& access = _settings->tcp().listener();
-    auto listener =
-        CTcpListener::create(manager, tcp_prototype, static_cast<uint16_t>(port), access);
-    manager.add(listener);
-    _tcp_port = listener->port();
     const tk_string where = access.bind_address.empty() ? "" : " of " + access.bind_address;
-    tk_string summary = "Serving Modbus TCP on port " + std::to_string(port) + where + " (units " +
-                        id_list(_cfg->tcp_units(), [](const auto& unit) { return unit.first; }) +
-                        ")";
+    const tk_string units =
+        " (units " + id_list(_cfg->tcp_units(), [](const auto& unit) { return unit.first; }) + ")";
+    std::vector<tk_string> served;
+    if (security.plain_port_open()) {
+        auto listener =
+            CTcpListener::create(manager, tcp_prototype, static_cast<uint16_t>(port), access);
+        manager.add(listener);
+        _tcp_port = listener->port();
+        served.push_back("Modbus TCP on port " + std::to_string(port) + where + units);
+    }
+    if (security.port() != 0) {
+        CTcpListenerOptions secure = access;
+        try {
+            secure.tls = CTlsContext::create(security.certificate(), security.private_key(),
+                                             security.ca_bundle());
+        } catch (const CTlsContext::error& e) {
+            LOG_ERR(SS_DEFAULT, 0, "Couldn't open the secure Modbus TCP port %u: %s",
+                    security.port(), e.what());
+            throw init_err();
+        }
+        secure.identity_oid = role_oid;
+        secure.handshake_timeout_s = security.handshake_timeout();
+        auto listener = CTcpListener::create(manager, tcp_prototype,
+                                             static_cast<uint16_t>(security.port()), secure);
+        manager.add(listener);
+        served.push_back("Modbus TCP over TLS on port " + std::to_string(security.port()) + where +
+                         units);
+    }
 
     using C = CSerialConnection;
     const CModbusSerialProtocolHandler serial_prototype(nullptr, _services);
@@ -322,11 +349,15 @@ tk_string CServerCore::add_transports(CIoManager& manager) {
         for (const auto& slave : _cfg->serial_units())
             if (slave.first.first == iface.number())
                 slaves.push_back(slave.first.second);
-        summary += ", RTU on '" + iface.serial_port() + "' at " +
-                   std::to_string(iface.baud_rate()) + " baud (slaves " +
-                   id_list(slaves, [](unsigned a) { return a; }) + ")";
+        served.push_back("RTU on '" + iface.serial_port() + "' at " +
+                         std::to_string(iface.baud_rate()) + " baud (slaves " +
+                         id_list(slaves, [](unsigned a) { return a; }) + ")");
     }
-    return summary;
+    tk_string summary = "Serving";
+    for (size_t i = 0; i < served.size(); ++i)
+        summary += (i == 0 ? " " : ", ") + served[i];
+    return served.empty() ? tk_string("Serving nothing: no TCP port is open and no serial line")
+                          : summary;
 }
 
 tk_string CServerCore::attach(CIoManager& manager) {

@@ -9,6 +9,7 @@
 // - main() makes the loop, attaches, and serves until a terminating signal; shutdown() stops
 //   the CDS thread.
 // Tests call start_up() and attach() on a loop of their own.
+#include "modbus/config/modbus_roles.h"
 #include "modbus/protocol/modbus_services.h"
 #include "threads/commands/thread_command.h"
 #include "toolkit/tk_string.h"
@@ -82,6 +83,8 @@ private:
     CTransportCounters _tcp_counters;
     std::vector<CTransportCounters> _serial_counters;
     std::unique_ptr<CModbusSettings> _settings;
+    // The secure clients' rights, kept for the handlers after the settings are gone.
+    CModbusRoles _roles;
     std::shared_ptr<CModbusConfig> _cfg;
     std::unique_ptr<CEventQueue> _ev_queue;
     std::unique_ptr<CDaemonLaunch> _launch; // with -d, until start-up has been reported

@@ -1,18 +1,26 @@
 #include "io/tcp/tcp_connection.h"
 
+#include "io/protocol_handler.h"
+#include "io/tls/tls_context.h"
 #include "util/log.h"
 
 #include <boost/asio/write.hpp>
 
 #include <cassert>
 
-std::shared_ptr<CTcpConnection> CTcpConnection::create(CIoManager& manager,
-                                                       const CProtocolHandler& prototype) {
-    return std::shared_ptr<CTcpConnection>(new CTcpConnection(manager, prototype));
+std::shared_ptr<CTcpConnection>
+CTcpConnection::create(CIoManager& manager, const CProtocolHandler& prototype,
+                       const std::shared_ptr<boost::asio::ssl::context>& tls) {
+    return std::shared_ptr<CTcpConnection>(new CTcpConnection(manager, prototype, tls));
 }
 
-CTcpConnection::CTcpConnection(CIoManager& manager, const CProtocolHandler& prototype)
-    : CIoMessenger(manager, prototype), _sock(get_io_service()), _idle(get_io_service()) {}
+CTcpConnection::CTcpConnection(CIoManager& manager, const CProtocolHandler& prototype,
+                               const std::shared_ptr<boost::asio::ssl::context>& tls)
+    : CIoMessenger(manager, prototype), _sock(get_io_service()), _tls_context(tls),
+      _idle(get_io_service()) {
+    if (_tls_context)
+        _tls.reset(new tls_stream_t(_sock, *_tls_context));
+}
 
 CTcpConnection::~CTcpConnection() {
     try {
@@ -43,6 +51,63 @@ void CTcpConnection::watch_idle(std::chrono::seconds timeout) {
     _last_heard = std::chrono::steady_clock::now();
     if (timeout.count() > 0)
         wait_idle(_last_heard + timeout);
+}
+
+void CTcpConnection::serve(const CTcpListenerOptions& options) {
+    if (!_tls) {
+        watch_idle(std::chrono::seconds(options.idle_timeout_s));
+        start();
+        return;
+    }
+    _serve_idle = std::chrono::seconds(options.idle_timeout_s);
+    _identity_oid = options.identity_oid;
+    _handshake_timeout = std::chrono::seconds(options.handshake_timeout_s);
+    // The idle timer is free until the handshake is over: it bounds the handshake.
+    std::weak_ptr<CTcpConnection> weak = self();
+    _idle.expires_after(_handshake_timeout);
+    _idle.async_wait([weak](const boost::system::error_code& error) {
+        if (auto me = weak.lock())
+            me->handshake_timed_out(error);
+    });
+    auto me = self();
+    _tls->async_handshake(
+        boost::asio::ssl::stream_base::server,
+        [me](const boost::system::error_code& error) { me->handle_handshake(error); });
+}
+
+void CTcpConnection::handshake_timed_out(const boost::system::error_code& error) {
+    LOG_STACK();
+    if (error || _handshake_done || !_sock.is_open())
+        return;
+    LOG_WARN(SS_TCP_IO, 1, "TLS handshake with '%s' failed: not completed within %lld s",
+             peer_name().c_str(), static_cast<long long>(_handshake_timeout.count()));
+    remove();
+}
+
+void CTcpConnection::handle_handshake(const boost::system::error_code& error) {
+    LOG_STACK();
+    if (!_sock.is_open())
+        return; // timed out or closed, and told so already
+    if (error) {
+        std::string reason = error.message();
+        const long verify = SSL_get_verify_result(_tls->native_handle());
+        if (verify != X509_V_OK)
+            reason += std::string(" (") + X509_verify_cert_error_string(verify) + ")";
+        LOG_WARN(SS_TCP_IO, 1, "TLS handshake with '%s' failed: %s", peer_name().c_str(),
+                 reason.c_str());
+        remove();
+        return;
+    }
+    _handshake_done = true;
+    _idle.cancel();
+    if (!_identity_oid.empty()) {
+        const auto identity = CTlsContext::peer_extension(_tls->native_handle(), _identity_oid);
+        LOG_INFO(SS_TCP_IO, 2, "TLS client '%s' identifies as '%s'", peer_name().c_str(),
+                 identity ? identity->c_str() : "");
+        protocol().set_peer_identity(identity ? *identity : std::string());
+    }
+    watch_idle(_serve_idle);
+    start();
 }
 
 void CTcpConnection::wait_idle(std::chrono::steady_clock::time_point until) {
@@ -100,10 +165,14 @@ void CTcpConnection::read_more() {
     assert(_offset < _rbuf.size());
     auto me = self();
     _reading = true;
-    _sock.async_read_some(boost::asio::buffer(_rbuf.data() + _offset, _rbuf.size() - _offset),
-                          [me](const boost::system::error_code& error, size_t count) {
-                              me->handle_read(error, count);
-                          });
+    const auto buffer = boost::asio::buffer(_rbuf.data() + _offset, _rbuf.size() - _offset);
+    const auto done = [me](const boost::system::error_code& error, size_t count) {
+        me->handle_read(error, count);
+    };
+    if (_tls)
+        _tls->async_read_some(buffer, done);
+    else
+        _sock.async_read_some(buffer, done);
 }
 
 void CTcpConnection::handle_read(const boost::system::error_code& error, size_t count) {
@@ -130,9 +199,13 @@ void CTcpConnection::write() {
     assert(_sock.is_open());
     assert(!_wbuf.empty());
     auto me = self();
-    boost::asio::async_write(
-        _sock, boost::asio::buffer(_wbuf),
-        [me](const boost::system::error_code& error, size_t) { me->handle_write(error); });
+    const auto done = [me](const boost::system::error_code& error, size_t) {
+        me->handle_write(error);
+    };
+    if (_tls)
+        boost::asio::async_write(*_tls, boost::asio::buffer(_wbuf), done);
+    else
+        boost::asio::async_write(_sock, boost::asio::buffer(_wbuf), done);
 }
 
 void CTcpConnection::handle_write(const boost::system::error_code& error) {

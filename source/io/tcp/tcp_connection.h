@@ -5,9 +5,15 @@
 // ends only this connection. With an idle time-out, a connection that sends nothing for that
 // long while it waits for a request is closed; the clock is a time stamp taken when bytes
 // arrive or an answer leaves, checked by one coarse timer, so a request costs no timer call.
+//
+// With a TLS context the connection first completes the server side of a handshake, within a
+// time-out, then hands the peer's identity to its handler and reads and writes through the
+// TLS stream; a failed or silent handshake is logged once and ends the connection.
 #include "io/io_messenger.h"
+#include "io/tcp/tcp_listener_options.h"
 
 #include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/ssl/stream.hpp>
 #include <boost/asio/steady_timer.hpp>
 
 #include <chrono>
@@ -16,8 +22,10 @@
 
 class CTcpConnection : public CIoMessenger {
 public:
-    static std::shared_ptr<CTcpConnection> create(CIoManager& manager,
-                                                  const CProtocolHandler& prototype);
+    // tls: null for a plain connection.
+    static std::shared_ptr<CTcpConnection>
+    create(CIoManager& manager, const CProtocolHandler& prototype,
+           const std::shared_ptr<boost::asio::ssl::context>& tls = nullptr);
     ~CTcpConnection() override;
 
     boost::asio::ip::tcp::socket& socket() { return _sock; }
@@ -28,6 +36,9 @@ public:
     // Starts the idle clock of an accepted connection; 0 leaves it open however long it is
     // silent.
     void watch_idle(std::chrono::seconds timeout);
+    // Serves an accepted connection as options say: the handshake first when it has TLS,
+    // then the idle clock and the first read.
+    void serve(const CTcpListenerOptions& options);
 
     void close() override;
     void read_more() override;
@@ -38,12 +49,25 @@ public:
     void parse() override;
 
 private:
-    CTcpConnection(CIoManager& manager, const CProtocolHandler& prototype);
+    using tls_stream_t = boost::asio::ssl::stream<boost::asio::ip::tcp::socket&>;
+
+    CTcpConnection(CIoManager& manager, const CProtocolHandler& prototype,
+                   const std::shared_ptr<boost::asio::ssl::context>& tls);
     std::shared_ptr<CTcpConnection> self();
+    void handle_handshake(const boost::system::error_code& error);
+    void handshake_timed_out(const boost::system::error_code& error);
     void wait_idle(std::chrono::steady_clock::time_point until);
     void handle_idle(const boost::system::error_code& error);
 
     boost::asio::ip::tcp::socket _sock;
+    // Keeps the context alive as long as the stream that uses it.
+    std::shared_ptr<boost::asio::ssl::context> _tls_context;
+    std::unique_ptr<tls_stream_t> _tls;
+    // What serve() was given, for after the handshake.
+    std::chrono::seconds _serve_idle{0};
+    std::chrono::seconds _handshake_timeout{0};
+    std::string _identity_oid;
+    bool _handshake_done = false;
     std::function<void()> _on_close;
     boost::asio::steady_timer _idle;
     std::chrono::seconds _idle_timeout{0};

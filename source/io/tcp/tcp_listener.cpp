@@ -27,8 +27,8 @@ CTcpListener::CTcpListener(CIoManager& manager, const CProtocolHandler& prototyp
     assert(_prot);
     assert(_options.max_connections > 0);
     const std::string where = _options.bind_address.empty() ? "" : " on " + _options.bind_address;
-    LOG_INFO(SS_TCP_IO, 2, "Listening for incoming TCP connections on port %u%s", port,
-             where.c_str());
+    LOG_INFO(SS_TCP_IO, 2, "Listening for incoming %s connections on port %u%s",
+             _options.tls ? "TLS" : "TCP", port, where.c_str());
     try {
         bind(port);
     } catch (const boost::system::system_error& e) {
@@ -86,7 +86,7 @@ void CTcpListener::close() {
 
 void CTcpListener::accept() {
     assert(_prot);
-    auto connection = CTcpConnection::create(get_manager(), *_prot);
+    auto connection = CTcpConnection::create(get_manager(), *_prot, _options.tls);
     auto self = std::static_pointer_cast<CTcpListener>(shared_from_this());
     _acceptor.async_accept(connection->socket(),
                            [self, connection](const boost::system::error_code& error) {
@@ -165,8 +165,7 @@ void CTcpListener::admit(const std::shared_ptr<CTcpConnection>& connection) {
             --listener->_open;
     });
     get_manager().add(connection);
-    connection->watch_idle(std::chrono::seconds(_options.idle_timeout_s));
-    connection->start();
+    connection->serve(_options);
 }
 
 void CTcpListener::report_end(CBurstCounter& burst, const char* what) {

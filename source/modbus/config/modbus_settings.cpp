@@ -26,6 +26,8 @@ const uint32_t max_timeout_ms = 3600000;
 const uint32_t max_baud_rate = 4000000;
 // A connection silent for longer than a day is as good as never closed.
 const uint32_t max_idle_s = 86400;
+// A TLS handshake takes a round trip or two; a client that needs minutes is not one.
+const uint32_t max_handshake_s = 600;
 
 tk_string unit_node(const tk_string& idstr) {
     return tk_string(tcp_node) + "/Mappings/" + idstr;
@@ -190,9 +192,9 @@ bool read_address(CCdsHandle& cds, const tk_string& node, const tk_string& who, 
 }
 
 // A bool, or the texts and numbers people write for one; false when absent.
-bool read_switch(CCdsHandle& cds, const char* node, const char* label) {
+bool read_switch(CCdsHandle& cds, const tk_string& node, const char* label, bool def = false) {
     const auto el = read_setting(cds, node);
-    bool on = false;
+    bool on = def;
     uint64_t n = 0;
     if (el && el->is_bool())
         on = el->to_bool();
@@ -201,7 +203,7 @@ bool read_switch(CCdsHandle& cds, const char* node, const char* label) {
     else if (el && whole_number(*el, 0, 1, n))
         on = n == 1;
     else
-        fall_back(node, el, "true or false", "false", absent_t::info);
+        fall_back(node, el, "true or false", def ? "true" : "false", absent_t::info);
     LOG_DEBUG(SS_SETTINGS, 3, "%s: %u", label, on ? 1u : 0u);
     return on;
 }
@@ -221,7 +223,7 @@ CModbusSettings::CModbusSettings(CCdsHandle& cds)
                  tcp_node, serial_node);
 }
 
-CModbusTcpSettings::CModbusTcpSettings(CCdsHandle& cds) {
+CModbusTcpSettings::CModbusTcpSettings(CCdsHandle& cds) : _security(cds) {
     LOG_STACK();
     _port = read_number(cds, port_node, _port, 1, 0xFFFF, absent_t::warn);
     LOG_DEBUG(SS_SETTINGS, 3, "TCP listening port: %u", _port);
@@ -280,6 +282,73 @@ void CModbusTcpSettings::read_listener(CCdsHandle& cds) {
         fall_back(allow_node, allow, "", "everyone", absent_t::info);
     }
     LOG_DEBUG(SS_SETTINGS, 3, "TCP allowed clients: %s", _listener.allow.str().c_str());
+}
+
+CModbusTcpSecuritySettings::CModbusTcpSecuritySettings(CCdsHandle& cds) {
+    LOG_STACK();
+    const tk_string node = tk_string(tcp_node) + "/Security";
+    _port = read_number(cds, node + "/Port", _port, 0, 0xFFFF, absent_t::info);
+    struct file_t {
+        const char* leaf;
+        tk_string* path;
+    };
+    for (const file_t& file :
+         {file_t{"/Certificate", &_certificate}, file_t{"/Private Key", &_private_key},
+          file_t{"/CA Bundle", &_ca_bundle}}) {
+        const auto el = read_setting(cds, node + file.leaf);
+        if (el && el->is_string() && !el->str().empty())
+            *file.path = el->str();
+        else if (_port != 0 || el)
+            fall_back(node + file.leaf, el, "a file path", "no secure port",
+                      _port != 0 ? absent_t::warn : absent_t::info);
+    }
+    if (_certificate.empty() || _private_key.empty() || _ca_bundle.empty())
+        _port = 0;
+    _handshake_timeout_s = read_number(cds, node + "/Handshake Timeout", _handshake_timeout_s, 1,
+                                       max_handshake_s, absent_t::info);
+    LOG_DEBUG(SS_SETTINGS, 3, "TCP secure port: %u", _port);
+    _plain_port_open =
+        read_switch(cds, node + "/Plain Port Open", "TCP plain port open", _port == 0);
+    if (!_plain_port_open && _port == 0)
+        MB_LOG_CALL(warn, SS_SETTINGS, 0, log_name,
+                    "'%s' is false and there is no secure port: nobody can reach the server over "
+                    "TCP",
+                    value_path(node + "/Plain Port Open").c_str());
+    read_roles(cds);
+}
+
+void CModbusTcpSecuritySettings::read_roles(CCdsHandle& cds) {
+    const tk_string node = tk_string(tcp_node) + "/Security";
+    for (const tk_string& role : children(cds, node + "/Roles")) {
+        const tk_string role_node = node + "/Roles/" + role;
+        CModbusRoles::rule_t rule;
+        const tk_string functions_node = role_node + "/Function Codes";
+        const auto functions = read_setting(cds, functions_node);
+        if (!functions || !CModbusRoles::parse_list(functions->str(), rule.functions)) {
+            rule.functions.reset();
+            fall_back(functions_node, functions, "a list such as \"1-6,15,16\"", "no function",
+                      absent_t::warn);
+        }
+        const tk_string units_node = role_node + "/Unit IDs";
+        const auto units = read_setting(cds, units_node);
+        if (units && !CModbusRoles::parse_list(units->str(), rule.units)) {
+            rule.units.reset();
+            fall_back(units_node, units, "a list such as \"1,2\"", "no unit", absent_t::warn);
+        }
+        rule.any_unit = !units;
+        _roles.add(role, rule);
+        LOG_DEBUG(SS_SETTINGS, 3, "TCP role '%s': %zu function codes, %s", role.c_str(),
+                  rule.functions.count(),
+                  rule.any_unit ? "every unit"
+                                : (std::to_string(rule.units.count()) + " units").c_str());
+    }
+    const tk_string default_node = node + "/Default Role";
+    const auto def = read_setting(cds, default_node);
+    if (def && def->is_string() && _roles.has(def->str()))
+        _roles.set_default_role(def->str());
+    else
+        fall_back(default_node, def, "a role under Roles", "none (refuse everything)",
+                  absent_t::info);
 }
 
 CModbusTcpUnitSettings::CModbusTcpUnitSettings(CCdsHandle& cds, const tk_string& idstr) {

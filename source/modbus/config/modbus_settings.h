@@ -13,6 +13,7 @@
 // is not; the objects keep no reference to it.
 #include "cds/cds_handle.h"
 #include "io/tcp/tcp_listener_options.h"
+#include "modbus/config/modbus_roles.h"
 #include "modbus/modbus_types.h"
 
 #include <cstdint>
@@ -38,6 +39,38 @@ private:
     bool _valid = false;
 };
 
+// The secure (TLS) listener: ".../Interface Type/TCP/Security". Off (port 0) unless a port is
+// set, and then only with the certificate, key and CA bundle paths all present; whether the
+// files are usable is found out when the listener is made. The plain port stays open while
+// no secure one is set, and closes by default once one is. Roles: ".../Security/Roles/<role>/"
+// with "Function Codes" ("1-6,15,16") and optional "Unit IDs"; a role whose lists cannot be
+// read is kept with no rights, so that a typing error never widens access.
+class CModbusTcpSecuritySettings {
+public:
+    explicit CModbusTcpSecuritySettings(CCdsHandle& cds);
+
+    // 0: no secure listener.
+    uint32_t port() const { return _port; }
+    const tk_string& certificate() const { return _certificate; }
+    const tk_string& private_key() const { return _private_key; }
+    const tk_string& ca_bundle() const { return _ca_bundle; }
+    bool plain_port_open() const { return _plain_port_open; }
+    // Seconds a client has for its handshake, 1 to 600; 10 by default.
+    uint32_t handshake_timeout() const { return _handshake_timeout_s; }
+    const CModbusRoles& roles() const { return _roles; }
+
+private:
+    void read_roles(CCdsHandle& cds);
+
+    uint32_t _port = 0;
+    tk_string _certificate;
+    tk_string _private_key;
+    tk_string _ca_bundle;
+    bool _plain_port_open = true;
+    uint32_t _handshake_timeout_s = 10;
+    CModbusRoles _roles;
+};
+
 // Port 502 (1 to 65535) and time-out 1000 ms (0, no limit, to an hour) unless the store says
 // otherwise; units in the order of their node names. Who may connect: every address, 64
 // connections (1 to 65535), no idle time-out (0 to a day, in seconds) and everyone allowed
@@ -50,6 +83,7 @@ public:
     const std::vector<CModbusTcpUnitSettings>& units() const { return _units; }
     uint32_t timeout() const { return _timeout; }
     const CTcpListenerOptions& listener() const { return _listener; }
+    const CModbusTcpSecuritySettings& security() const { return _security; }
 
 private:
     void read_listener(CCdsHandle& cds);
@@ -58,6 +92,7 @@ private:
     std::vector<CModbusTcpUnitSettings> _units;
     uint32_t _timeout = 1000;
     CTcpListenerOptions _listener;
+    CModbusTcpSecuritySettings _security;
 };
 
 // One slave on a serial interface: a node under the interface node's "/Mappings".

@@ -42,6 +42,10 @@ void CModbusProtocolHandler::handle_request(CModbusPdu& pdu, const CModbusDevice
         drop();
         return;
     }
+    if (!permitted(pdu.function, unit_id)) {
+        fail(MB_ILLEGAL_FUNCTION);
+        return;
+    }
     _function = CModbusFunction::find(pdu.function);
     if (_function == nullptr) {
         fail(MB_ILLEGAL_FUNCTION);

@@ -55,6 +55,9 @@ protected:
     virtual bool answered() const { return true; }
     // Goes on without answering the request under way.
     virtual void drop() = 0;
+    // Whether the peer may send function to unit_id; a request it may not send is answered
+    // with exception 1 and counted as one.
+    virtual bool permitted(uint8_t /*function*/, uint8_t /*unit_id*/) const { return true; }
     // Serializes the frame into the messenger's write buffer.
     void serialize_response();
     void cancel_timer();

@@ -12,6 +12,7 @@
 class CCdsHandle;
 class CEventQueue;
 class CModbusConfig;
+class CModbusRoles;
 
 struct CModbusServices {
     CModbusConfig* config = nullptr;
@@ -27,4 +28,6 @@ struct CModbusServices {
     // before any handler is made). Null: not counted.
     CTransportCounters* tcp_counters = nullptr;
     std::vector<CTransportCounters>* serial_counters = nullptr;
+    // What each role of a secure TCP client may ask. Null: secure clients may ask nothing.
+    const CModbusRoles* roles = nullptr;
 };

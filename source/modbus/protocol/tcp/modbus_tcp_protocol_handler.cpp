@@ -2,6 +2,7 @@
 
 #include "io/io_messenger.h"
 #include "modbus/config/modbus_config.h"
+#include "modbus/config/modbus_roles.h"
 #include "modbus/protocol/tcp/modbus_tcp_adu.h"
 #include "util/cast.h"
 #include "util/log.h"
@@ -25,6 +26,21 @@ void CModbusTcpProtocolHandler::started() {
     _counted = true;
     ++counters()->open;
     ++counters()->total;
+}
+
+void CModbusTcpProtocolHandler::set_peer_identity(const std::string& role) {
+    _secure = true;
+    _role = role;
+}
+
+bool CModbusTcpProtocolHandler::permitted(uint8_t function, uint8_t unit_id) const {
+    if (!_secure)
+        return true;
+    const bool ok = _services.roles != nullptr && _services.roles->allows(_role, function, unit_id);
+    if (!ok)
+        LOG_DEBUG(SS_TCP_PROTOCOL, 2, "Role '%s' may not send function %u to unit %u",
+                  _role.c_str(), static_cast<unsigned>(function), static_cast<unsigned>(unit_id));
+    return ok;
 }
 
 CModbusTcpAdu& CModbusTcpProtocolHandler::adu() {

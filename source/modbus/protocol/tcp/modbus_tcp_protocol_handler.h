@@ -1,8 +1,11 @@
 #pragma once
 // The protocol handler of one Modbus TCP connection: MBAP framing, requests with another
 // protocol id than 0 dropped silently, the device chosen by unit id, responses echoing
-// the request's header.
+// the request's header. A client of the secure port has a role (from its certificate) that
+// limits the functions and units it may ask for.
 #include "modbus/protocol/modbus_protocol_handler.h"
+
+#include <string>
 
 class CModbusTcpAdu;
 
@@ -16,6 +19,7 @@ public:
     // A connection counts as open from its start until its handler goes.
     ~CModbusTcpProtocolHandler() override;
     void started() override;
+    void set_peer_identity(const std::string& role) override;
 
     bool parse() override;
     bool validate(unsigned char) override { return false; }
@@ -29,10 +33,14 @@ public:
 protected:
     unsigned int response_timeout() const override;
     void drop() override { parse_again(); }
+    bool permitted(uint8_t function, uint8_t unit_id) const override;
 
 private:
     CModbusTcpAdu& adu();
     void parse_again();
 
     bool _counted = false;
+    // Set once a secure transport named the peer's role (empty: none).
+    bool _secure = false;
+    std::string _role;
 };

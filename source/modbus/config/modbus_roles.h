@@ -1,0 +1,38 @@
+#pragma once
+// What each role of a secure Modbus TCP client may ask: the function codes and, optionally,
+// the unit ids its requests may carry. A client whose certificate names no role, or a role
+// the table lacks, gets the default role's rights; without a default role it may ask nothing.
+#include <bitset>
+#include <cstdint>
+#include <map>
+#include <string>
+
+class CModbusRoles {
+public:
+    // A set of numbers from 0 to 255.
+    using set_t = std::bitset<256>;
+    struct rule_t {
+        set_t functions;
+        // Unset: every unit.
+        bool any_unit = true;
+        set_t units;
+    };
+
+    // "1-6,15,16": numbers and ranges from 0 to 255, separated by ',', ';' or blanks. False
+    // when an entry is none of these (out is then unspecified) or there is no entry.
+    static bool parse_list(const std::string& text, set_t& out);
+
+    void add(const std::string& role, const rule_t& rule) { _rules[role] = rule; }
+    // Empty: no default, so clients without a known role are refused everything.
+    void set_default_role(const std::string& role) { _default = role; }
+    const std::string& default_role() const { return _default; }
+    bool has(const std::string& role) const { return _rules.count(role) != 0; }
+    size_t size() const { return _rules.size(); }
+
+    // Whether a client with role (empty: none) may send function to unit.
+    bool allows(const std::string& role, uint8_t function, uint8_t unit) const;
+
+private:
+    std::map<std::string, rule_t> _rules;
+    std::string _default;
+};
