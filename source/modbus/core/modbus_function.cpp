@@ -800,21 +800,24 @@ modbus_err_t answer_event_counter(CModbusRequest& req) {
 }
 
 const CModbusFunction functions[] = {
-    {0x01, 4, 0, max_read_bits, plan_read_bits, nullptr, nullptr, answer_read_bits},
-    {0x02, 4, 0, max_read_bits, plan_read_bits, nullptr, nullptr, answer_read_bits},
-    {0x03, 4, 0, max_read_registers, plan_read_registers, nullptr, nullptr, answer_read_registers},
-    {0x04, 4, 0, max_read_registers, plan_read_registers, nullptr, nullptr, answer_read_registers},
-    {0x05, 4, 0, 1, plan_write_bits, write_bits, nullptr, answer_write},
-    {0x06, 4, 0, 1, plan_write_registers, write_registers, nullptr, answer_write},
-    {0x0F, 5, 5, max_write_bits, plan_write_bits, write_bits, nullptr, answer_write},
-    {0x10, 5, 5, max_write_registers, plan_write_registers, write_registers, nullptr, answer_write},
-    {0x16, 6, 0, 1, plan_mask_write, mask_write, nullptr, answer_write},
+    {0x01, 4, 0, max_read_bits, plan_read_bits, nullptr, nullptr, answer_read_bits, true},
+    {0x02, 4, 0, max_read_bits, plan_read_bits, nullptr, nullptr, answer_read_bits, true},
+    {0x03, 4, 0, max_read_registers, plan_read_registers, nullptr, nullptr, answer_read_registers,
+     true},
+    {0x04, 4, 0, max_read_registers, plan_read_registers, nullptr, nullptr, answer_read_registers,
+     true},
+    {0x05, 4, 0, 1, plan_write_bits, write_bits, nullptr, answer_write, true},
+    {0x06, 4, 0, 1, plan_write_registers, write_registers, nullptr, answer_write, true},
+    {0x0F, 5, 5, max_write_bits, plan_write_bits, write_bits, nullptr, answer_write, true},
+    {0x10, 5, 5, max_write_registers, plan_write_registers, write_registers, nullptr, answer_write,
+     true},
+    {0x16, 6, 0, 1, plan_mask_write, mask_write, nullptr, answer_write, true},
     {0x17, 9, 9, max_read_write_registers, plan_read_write, write_registers, reread_registers,
-     answer_read_registers},
-    {0x11, 0, 0, 0, plan_identity, nullptr, nullptr, answer_report_server_id},
-    {0x2B, 3, 0, 0, plan_identity, nullptr, nullptr, answer_device_id},
-    {0x08, 4, 0, 0, plan_diagnostics, nullptr, nullptr, answer_diagnostics},
-    {0x0B, 0, 0, 0, plan_event_counter, nullptr, nullptr, answer_event_counter},
+     answer_read_registers, true},
+    {0x11, 0, 0, 0, plan_identity, nullptr, nullptr, answer_report_server_id, true},
+    {0x2B, 3, 0, 0, plan_identity, nullptr, nullptr, answer_device_id, true},
+    {0x08, 4, 0, 0, plan_diagnostics, nullptr, nullptr, answer_diagnostics, true},
+    {0x0B, 0, 0, 0, plan_event_counter, nullptr, nullptr, answer_event_counter, false},
 };
 
 } // namespace
@@ -840,6 +843,10 @@ size_t CModbusFunction::rtu_length(const uint8_t* frame, size_t n) {
         return no_frame;
     const size_t pdu = f->request_length(frame + 1, n - 1);
     return pdu == 0 ? 0 : 1 + pdu + 2;
+}
+
+bool CModbusFunction::is_restart(const CModbusPdu& pdu) {
+    return pdu.function == 0x08 && pdu.data.size() >= 2 && read_u16(pdu.data, 0) == DIAG_RESTART;
 }
 
 const CModbusFunction* CModbusFunction::find(uint8_t code) {

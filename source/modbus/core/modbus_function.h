@@ -33,6 +33,8 @@ struct CModbusFunction {
     step_t write;  // null for reads
     step_t reread; // null but for a read after a write
     step_t answer;
+    // Carrying it out counts as a communication event (function 11 counts all but itself).
+    bool event;
 
     // The length of the request whose PDU (function code first) starts with the n bytes
     // given, or 0 while they do not tell yet: RTU frames carry no length of their own.
@@ -42,6 +44,9 @@ struct CModbusFunction {
 
     // The entry of code; null for a function the server does not answer (exception 1).
     static const CModbusFunction* find(uint8_t code);
+    // Whether pdu restarts communications (diagnostics, sub-function 1): the one request a
+    // slave that listens only still carries out.
+    static bool is_restart(const CModbusPdu& pdu);
     // The whole length of the RTU request frame (address, PDU, CRC) that starts with the
     // n >= 2 bytes given; 0 while they do not tell yet, no_frame for a function not served.
     static constexpr size_t no_frame = static_cast<size_t>(-1);

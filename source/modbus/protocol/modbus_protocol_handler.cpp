@@ -24,20 +24,13 @@ CModbusProtocolHandler::~CModbusProtocolHandler() {
     }
 }
 
-namespace {
-// The one request a slave that listens only still carries out: a restart of communications.
-bool is_restart(const CModbusPdu& pdu) {
-    return pdu.function == 0x08 && pdu.data.size() >= 2 && pdu.data[0] == 0 && pdu.data[1] == 1;
-}
-} // namespace
-
 void CModbusProtocolHandler::handle_request(CModbusPdu& pdu, const CModbusDeviceConfig& device,
                                             uint8_t unit_id) {
     _request.clear();
     CUnitCounters& unit = device.counters();
     ++unit.requests;
     _request.counters = &unit;
-    if (unit.listen_only && !is_restart(pdu)) {
+    if (unit.listen_only && !CModbusFunction::is_restart(pdu)) {
         ++unit.unanswered;
         drop();
         return;
@@ -140,10 +133,10 @@ void CModbusProtocolHandler::finish() {
         read_planned();
         return;
     }
-    // The event counter counts what was carried out, but not its own requests. It counts
-    // before the answer is made, so that a request clearing the counters leaves them at 0.
+    // Events count before the answer is made, so that a request clearing the counters
+    // leaves them at 0.
     CUnitCounters& unit = *_request.counters;
-    const bool event = _function->code != 0x0B;
+    const bool event = _function->event;
     if (event)
         ++unit.events;
     const modbus_err_t e = _function->answer(_request);
