@@ -4,14 +4,14 @@
 #   s390x    64-bit big-endian, a second opinion on byte order
 # Usage: scripts/cross.sh [powerpc|s390x]   (no argument: both)
 #
-# Everything comes from Debian's archive: the cross compilers and qemu as packages, SQLite
-# and libmodbus built from Debian's source packages (no powerpc binaries exist), Boost as
+# Everything comes from Debian's archive: the cross compilers and qemu as packages, SQLite,
+# OpenSSL and libmodbus built from Debian's source packages (no powerpc binaries exist), Boost as
 # the host's header-only parts. Dependencies go to build-deps/, builds to build-<arch>/.
 # Quick when the dependencies are there; never asks questions. Environment:
 #   CROSS_OPT         optimisation of the cross trees (default -O1: the CI time budget;
 #                     -O2 or -Os for a release package)
 #   CROSS_TESTS=0     build only, run no tests
-# The programs link SQLite, libstdc++ and libgcc statically (MB_STATIC), so the powerpc
+# The programs link SQLite, OpenSSL, libstdc++ and libgcc statically (MB_STATIC), so the powerpc
 # package needs only the C library; it is built into build-ppc/ and checked with dpkg-deb.
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -55,6 +55,10 @@ apt_private() {
         -o Dir::Etc::SourceParts=/dev/null -o Dir::State::Lists="$deps/apt/lists" \
         -o Dir::Cache="$deps/apt/cache" -o APT::Sandbox::User=root "$@"
 }
+apt_private_cache() {
+    apt-cache -o Dir::Etc::SourceList="$deps/apt/sources.list" -o Dir::Etc::SourceParts=/dev/null \
+        -o Dir::State::Lists="$deps/apt/lists" -o Dir::Cache="$deps/apt/cache" "$@"
+}
 fetch_source() { # package: unpacked into build-deps/src/<package>-<version>
     local pkg=$1
     if [ ! -f "$deps/apt/updated" ]; then
@@ -85,8 +89,16 @@ fetch_source() { # package: unpacked into build-deps/src/<package>-<version>
     fi
     step="downloading the $pkg source package"
     mkdir -p "$deps/src"
-    (cd "$deps/src" && apt_private source -qq "$pkg" </dev/null >/dev/null 2>"$deps/src/$pkg.log") ||
-        die "could not fetch Debian's $pkg source package: $(tail -3 "$deps/src/$pkg.log")"
+    # Newest first; a mirror sometimes lists a security update whose files it lacks, and
+    # then the next version down is taken.
+    local v
+    for v in $(apt_private_cache showsrc "$pkg" 2>/dev/null | sed -n 's/^Version: //p' |
+        sort -r -V -u); do
+        (cd "$deps/src" && apt_private source -qq "$pkg=$v" </dev/null >/dev/null \
+            2>"$deps/src/$pkg.log") && return 0
+        echo "cross: Debian's $pkg $v could not be fetched, trying an older one" >&2
+    done
+    die "could not fetch Debian's $pkg source package: $(tail -3 "$deps/src/$pkg.log")"
 }
 
 amalgamation=$deps/src/sqlite-amalgamation
@@ -109,9 +121,13 @@ if ! ls -d "$deps"/src/libmodbus-*/configure >/dev/null 2>&1; then
         die "autoreconf of libmodbus's source failed"
 fi
 modbus_src=$(dirname "$(ls -d "$deps"/src/libmodbus-*/configure | head -1)")
+if ! ls -d "$deps"/src/openssl-*/Configure >/dev/null 2>&1; then
+    fetch_source openssl
+fi
+openssl_src=$(dirname "$(ls -d "$deps"/src/openssl-*/Configure | head -1)")
 
 # --- per-target dependencies -----------------------------------------------------------
-build_deps() { # arch: static SQLite and libmodbus with pkg-config files in build-deps/<arch>
+build_deps() { # arch: static SQLite, libmodbus and OpenSSL with pkg-config files in build-deps/<arch>
     local a=$1 t prefix cflags
     t=$(triplet "$a")
     prefix=$deps/$a
@@ -120,7 +136,7 @@ build_deps() { # arch: static SQLite and libmodbus with pkg-config files in buil
     # SQLite is linked into the programs: optimised for size, as they are for the device.
     local sqlite_flags="-Os -ffunction-sections -fdata-sections $cflags -DSQLITE_THREADSAFE=1"
     sqlite_flags="$sqlite_flags -DSQLITE_OMIT_LOAD_EXTENSION -DSQLITE_ENABLE_COLUMN_METADATA"
-    local stamp="$sqlite_flags / $cflags"
+    local stamp="$sqlite_flags / $cflags / openssl"
     [ -f "$prefix/.done" ] && [ "$(cat "$prefix/.done")" = "$stamp" ] && return 0
     rm -rf "$prefix" && mkdir -p "$prefix/lib/pkgconfig" "$prefix/include"
 
@@ -148,6 +164,25 @@ EOF
         --disable-tests >/dev/null && make -s -j 2 install >/dev/null 2>&1) ||
         die "building libmodbus for $a failed (log: build-deps/src/modbus-$a/config.log)"
     rm -rf "$deps/src/modbus-$a"
+
+    step="building OpenSSL for $a"
+    say "OpenSSL for $a (static, TLS 1.2 and 1.3 with today's algorithms only)"
+    local target=linux-ppc
+    [ "$a" = s390x ] && target=linux64-s390x
+    # What the secure port and its tests need, and nothing else: no engines, no loadable
+    # modules, no protocols or ciphers older than TLS 1.2 allows, no command-line programs.
+    local off="no-shared no-tests no-legacy no-engine no-dso no-module no-comp no-dtls no-ssl3"
+    off="$off no-tls1 no-tls1_1 no-srp no-psk no-idea no-camellia no-seed no-md4 no-rc2 no-rc4"
+    off="$off no-des no-dsa no-cast no-bf no-mdc2 no-rmd160 no-whirlpool no-sm2 no-sm3 no-sm4"
+    off="$off no-aria no-siphash no-scrypt no-ocsp no-cms no-ts no-ct no-srtp no-gost"
+    off="$off no-ui-console no-async no-sctp no-nextprotoneg no-blake2 no-ocb no-ec2m"
+    rm -rf "$deps/src/openssl-$a" && mkdir -p "$deps/src/openssl-$a"
+    # shellcheck disable=SC2086  # $off and $cflags are lists of options
+    (cd "$deps/src/openssl-$a" && "$openssl_src/Configure" "$target" --cross-compile-prefix="$t-" \
+        --prefix="$prefix" --libdir=lib -Os $cflags $off >config.log 2>&1 &&
+        make -s -j 2 install_dev >make.log 2>&1) ||
+        die "building OpenSSL for $a failed (logs: build-deps/src/openssl-$a/*.log)"
+    rm -rf "$deps/src/openssl-$a"
     echo "$stamp" >"$prefix/.done"
 }
 
