@@ -8,12 +8,12 @@ usage: diagnostics_e2e.py BUILD_DIR SOURCE_DIR
 import logging
 import os
 import shutil
-import socket
 import subprocess
 import sys
 import tempfile
 import time
 
+from e2e_rig import STATS, Rig, check, failures, wait_for
 from pymodbus.client import ModbusSerialClient, ModbusTcpClient
 from pymodbus.diag_message import (ClearCountersRequest, ForceListenOnlyModeRequest,
                                    RestartCommunicationsOptionRequest,
@@ -27,92 +27,26 @@ from pymodbus.other_message import GetCommEventCounterRequest
 
 logging.basicConfig(level=logging.CRITICAL)
 
-STATS = "/Software/Data Servers/Modbus/Statistics"
-failures = []
 
-
-def check(what, got, want):
-    if got != want:
-        failures.append(f"{what}: got {got!r}, want {want!r}")
-        print(f"FAIL {what}: got {got!r}, want {want!r}")
-    else:
-        print(f"ok   {what}")
-
-
-def free_port():
-    with socket.socket() as s:
-        s.bind(("127.0.0.1", 0))
-        return s.getsockname()[1]
-
-
-class Rig:
-    """A scratch store made from the demo's, a pty pair, and the server on them."""
+class SerialRig(Rig):
+    """The demo store with its serial line on one end of a socat pty pair; masters use
+    the other end, self.tty."""
 
     def __init__(self, build, source):
-        self.dir = tempfile.mkdtemp(prefix="diag-e2e.")
-        self.env = dict(os.environ, CDS_STORE=os.path.join(self.dir, "store.db"))
-        self.cdsctl = os.path.join(build, "cdsctl")
-        self.procs = []
-        tty = os.path.join(self.dir, "ttyServer")
-        self.tty = os.path.join(self.dir, "ttyClient")
-        self.procs.append(subprocess.Popen(
-            ["socat", f"pty,raw,echo=0,link={tty}", f"pty,raw,echo=0,link={self.tty}"]))
-        self.wait_for(lambda: os.path.exists(self.tty), "the pty pair")
-        with open(os.path.join(source, "demo", "store.json")) as f:
-            store = f.read().replace("@DEMO@", os.path.join(source, "demo"))
-        self.port = free_port()
-        store = store.replace("@SERIAL_PORT@", tty).replace('"$value": 5020', f'"$value": {self.port}')
-        with open(os.path.join(self.dir, "store.json"), "w") as f:
-            f.write(store)
-        self.ctl("init")
-        self.ctl("load", os.path.join(self.dir, "store.json"))
-        server = os.path.join(build, "modbus_server")
-        # The integrator defines the statistics leaves; the server only fills them.
-        leaves = subprocess.run([server, "-Ns", "--statistics-leaves"], env=self.env, check=True,
-                                capture_output=True, text=True).stdout
-        with open(os.path.join(self.dir, "statistics.json"), "w") as f:
-            f.write(leaves)
-        self.ctl("load", os.path.join(self.dir, "statistics.json"))
-        self.procs.append(subprocess.Popen([server, "-Ns"], env=self.env))
-        self.wait_for(self.listening, "the server")
-
-    def ctl(self, *args):
-        return subprocess.run([self.cdsctl, *args], env=self.env, check=True,
-                              capture_output=True, text=True).stdout
-
-    def leaf(self, path):
-        out = self.ctl("get", path).strip()
-        return int(out.split()[-1]) if out else None
-
-    def listening(self):
-        try:
-            socket.create_connection(("127.0.0.1", self.port), timeout=0.2).close()
-            return True
-        except OSError:
-            return False
-
-    @staticmethod
-    def wait_for(ready, what, seconds=10):
-        end = time.monotonic() + seconds
-        while not ready():
-            if time.monotonic() > end:
-                raise SystemExit(f"diagnostics_e2e: {what} never came up")
-            time.sleep(0.05)
-
-    def leaf_becomes(self, path, want):
-        """The statistics are written at most once a second: wait up to 5 s for want."""
-        end = time.monotonic() + 5
-        got = self.leaf(path)
-        while got != want and time.monotonic() < end:
-            time.sleep(0.1)
-            got = self.leaf(path)
-        check(path[len(STATS) + 1:], got, want)
+        self.pty_dir = tempfile.mkdtemp(prefix="diag-e2e-pty.")
+        tty = os.path.join(self.pty_dir, "ttyServer")
+        self.tty = os.path.join(self.pty_dir, "ttyClient")
+        self.socat = subprocess.Popen(
+            ["socat", f"pty,raw,echo=0,link={tty}", f"pty,raw,echo=0,link={self.tty}"])
+        wait_for(lambda: os.path.exists(self.tty), "the pty pair")
+        super().__init__(build, source, serial_port=tty, prefix="diag-e2e.")
+        self.start()
 
     def close(self):
-        for p in reversed(self.procs):
-            p.terminate()
-            p.wait(timeout=10)
-        shutil.rmtree(self.dir)
+        super().close()
+        self.socat.terminate()
+        self.socat.wait(timeout=10)
+        shutil.rmtree(self.pty_dir, ignore_errors=True)
 
 
 def diag(client, request_class, unit, data=0):
@@ -205,7 +139,7 @@ def main():
     if len(sys.argv) != 3:
         print(__doc__)
         return 2
-    rig = Rig(sys.argv[1], sys.argv[2])
+    rig = SerialRig(sys.argv[1], sys.argv[2])
     try:
         tcp(rig)
         serial(rig)
