@@ -1,7 +1,9 @@
 #!/usr/bin/env bash
 # Installs what is missing, builds, creates the demo store in a scratch folder and runs
 # modbus_server on it in the foreground (Ctrl-C stops it). With DEMO_SERIAL=1 the demo also
-# serves Modbus RTU on a pseudo-terminal pair made by socat. The scratch folder goes when the
+# serves Modbus RTU on a pseudo-terminal pair made by socat. With DEMO_TLS=1 it makes test
+# certificates (scripts/tls-certs.sh) and serves the secure port, 802 (DEMO_TLS_PORT; 8802
+# when not run as root), with roles Operator and Viewer. The scratch folder goes when the
 # demo ends, unless DEMO_DIR named it. Arguments are passed on to modbus_server.
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -46,6 +48,27 @@ sed -e "s|@DEMO@|$root/demo|g" -e "s|@SERIAL_PORT@|$serial_port|g" demo/store.js
 if [ "${DEMO_SERIAL:-0}" != 1 ]; then
     "$cdsctl" rm "/Software/Data Servers/Modbus/Interface Type/Serial/Interface" -r >/dev/null
 fi
+if [ "${DEMO_TLS:-0}" = 1 ]; then
+    tls_port=${DEMO_TLS_PORT:-802}
+    [ "$(id -u)" = 0 ] || [ "$tls_port" -ge 1024 ] || tls_port=8802
+    bash scripts/tls-certs.sh "$dir/tls" >/dev/null
+    # The plain port stays open beside the secure one, for the examples below; without
+    # "Plain Port Open" it would close.
+    cat >"$dir/tls.json" <<EOF
+{ "Software": { "Data Servers": { "Modbus": { "Interface Type": { "TCP": { "Security": {
+  "Port": { "Value": { "\$type": "uint", "\$value": $tls_port } },
+  "Certificate": { "Value": "$dir/tls/server.crt" },
+  "Private Key": { "Value": "$dir/tls/server.key" },
+  "CA Bundle": { "Value": "$dir/tls/ca.crt" },
+  "Plain Port Open": { "Value": "true" },
+  "Roles": {
+    "Operator": { "Function Codes": { "Value": "1-6,15,16" } },
+    "Viewer": { "Function Codes": { "Value": "1-4" } }
+  }
+} } } } } } }
+EOF
+    "$cdsctl" load "$dir/tls.json" >/dev/null
+fi
 # The statistics leaves of the units configured (the server fills but never creates leaves).
 "$root/build/modbus_server" -Ns --statistics-leaves >"$dir/statistics.json"
 "$cdsctl" load "$dir/statistics.json" >/dev/null
@@ -70,6 +93,11 @@ MSG
 if [ "${DEMO_SERIAL:-0}" = 1 ]; then
     echo "Modbus RTU slave 1 at 19200 8E1 on $dir/ttyClient:"
     echo "  mbpoll -m rtu -b 19200 -P even -a 1 -r 9 -c 3 -t 4 $dir/ttyClient"
+fi
+if [ "${DEMO_TLS:-0}" = 1 ]; then
+    echo "Modbus TCP over TLS on port $tls_port, certificates in $dir/tls:"
+    echo "  scripts/modbus_tls_client.py $dir/tls client-Operator --port $tls_port write 27 2351"
+    echo "  scripts/modbus_tls_client.py $dir/tls client-Viewer --port $tls_port read 27   # writes: exception 1"
 fi
 echo "Stop the server with Ctrl-C."
 "$root/build/modbus_server" -Ns -D 2 -e "$CDS_STORE" "$@"

@@ -107,7 +107,8 @@ const CCerts& certs() {
 // The server with a secure port (and no plain one) and roles Operator (functions 1 to 6, 15,
 // 16) and Viewer (reads only); key_mode: the server key file's mode.
 struct CTlsServer {
-    explicit CTlsServer(mode_t key_mode = 0600, bool wait_serving = true) {
+    explicit CTlsServer(mode_t key_mode = 0600, bool wait_serving = true,
+                        const char* log_level = "1") {
         const tk_string dir = certs().dir.path();
         load_sample_store(store, "/dev/null");
         port = free_port();
@@ -131,7 +132,7 @@ struct CTlsServer {
         const tk_string copy = "cp " + dir + "/server.key " + key_file();
         BOOST_REQUIRE_EQUAL(std::system(copy.c_str()), 0);
         BOOST_REQUIRE_EQUAL(::chmod(key_file().c_str(), key_mode), 0);
-        server.reset(new CServerProcess(store.dir(), {"-Ns", "-D", "1"}));
+        server.reset(new CServerProcess(store.dir(), {"-Ns", "-D", log_level}));
         if (!wait_serving)
             return;
         for (int i = 0; i < 500 && !has_text(server->log(), "Serving Modbus TCP"); ++i)
@@ -210,6 +211,22 @@ BOOST_AUTO_TEST_CASE(silent_client_is_dropped_while_others_are_served) {
     BOOST_TEST(silent.peer_closed());
     BOOST_TEST((std::chrono::steady_clock::now() - start < std::chrono::seconds(3)));
     BOOST_TEST(s.handshake_failed("not completed within 1 s"));
+}
+
+BOOST_AUTO_TEST_CASE(failed_handshakes_are_logged_once_per_burst_by_default) {
+    CTlsServer s(0600, true, "0");
+    for (int i = 0; i < 3; ++i)
+        BOOST_TEST(s.client("client-foreign").ask(read_request, 11).empty());
+    BOOST_TEST(s.client("client-Operator").ask(read_request, 11).size() == 11u);
+    BOOST_TEST(s.client("").ask(read_request, 11).empty());
+    BOOST_TEST(s.handshake_failed("peer did not return a certificate"));
+    const tk_string log = s.server->log();
+    size_t told = 0;
+    for (size_t at = log.find("failed: "); at != tk_string::npos; at = log.find("failed: ", at + 1))
+        ++told;
+    // The first failure of each burst; the end of the first burst with its count.
+    BOOST_TEST(told == 2u, log);
+    BOOST_TEST(has_text(log, "A TLS handshake succeeded again; 3 had failed before"), log);
 }
 
 BOOST_AUTO_TEST_CASE(key_readable_by_others_stops_start_up) {

@@ -79,8 +79,15 @@ void CTcpConnection::handshake_timed_out(const boost::system::error_code& error)
     LOG_STACK();
     if (error || _handshake_done || !_sock.is_open())
         return;
-    LOG_WARN(SS_TCP_IO, 1, "TLS handshake with '%s' failed: not completed within %lld s",
-             peer_name().c_str(), static_cast<long long>(_handshake_timeout.count()));
+    handshake_failed("not completed within " + std::to_string(_handshake_timeout.count()) + " s");
+}
+
+void CTcpConnection::handshake_failed(const std::string& reason) {
+    if (_on_handshake)
+        _on_handshake(reason);
+    else
+        LOG_WARN(SS_TCP_IO, 1, "TLS handshake with '%s' failed: %s", peer_name().c_str(),
+                 reason.c_str());
     remove();
 }
 
@@ -93,12 +100,12 @@ void CTcpConnection::handle_handshake(const boost::system::error_code& error) {
         const long verify = SSL_get_verify_result(_tls->native_handle());
         if (verify != X509_V_OK)
             reason += std::string(" (") + X509_verify_cert_error_string(verify) + ")";
-        LOG_WARN(SS_TCP_IO, 1, "TLS handshake with '%s' failed: %s", peer_name().c_str(),
-                 reason.c_str());
-        remove();
+        handshake_failed(reason);
         return;
     }
     _handshake_done = true;
+    if (_on_handshake)
+        _on_handshake(std::string());
     _idle.cancel();
     if (!_identity_oid.empty()) {
         const auto identity = CTlsContext::peer_extension(_tls->native_handle(), _identity_oid);

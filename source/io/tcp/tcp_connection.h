@@ -8,7 +8,7 @@
 //
 // With a TLS context the connection first completes the server side of a handshake, within a
 // time-out, then hands the peer's identity to its handler and reads and writes through the
-// TLS stream; a failed or silent handshake is logged once and ends the connection.
+// TLS stream; a failed or silent handshake is reported once and ends the connection.
 #include "io/io_messenger.h"
 #include "io/tcp/tcp_listener_options.h"
 
@@ -33,6 +33,10 @@ public:
     std::string peer_name() const;
     // Called once, when the socket is closed.
     void set_on_close(std::function<void()> on_close) { _on_close = std::move(on_close); }
+    // Told once how the TLS handshake ended: an empty text when it succeeded, else why it
+    // failed. Without it, failures are logged at level 1.
+    using handshake_report_t = std::function<void(const std::string& failure)>;
+    void set_on_handshake(handshake_report_t report) { _on_handshake = std::move(report); }
     // Starts the idle clock of an accepted connection; 0 leaves it open however long it is
     // silent.
     void watch_idle(std::chrono::seconds timeout);
@@ -55,6 +59,7 @@ private:
                    const std::shared_ptr<boost::asio::ssl::context>& tls);
     std::shared_ptr<CTcpConnection> self();
     void handle_handshake(const boost::system::error_code& error);
+    void handshake_failed(const std::string& reason);
     void handshake_timed_out(const boost::system::error_code& error);
     void wait_idle(std::chrono::steady_clock::time_point until);
     void handle_idle(const boost::system::error_code& error);
@@ -69,6 +74,7 @@ private:
     std::string _identity_oid;
     bool _handshake_done = false;
     std::function<void()> _on_close;
+    handshake_report_t _on_handshake;
     boost::asio::steady_timer _idle;
     std::chrono::seconds _idle_timeout{0};
     // When a byte arrived or an answer left last.

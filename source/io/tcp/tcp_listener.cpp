@@ -164,8 +164,32 @@ void CTcpListener::admit(const std::shared_ptr<CTcpConnection>& connection) {
         if (auto listener = weak.lock())
             --listener->_open;
     });
+    if (_options.tls)
+        connection->set_on_handshake(
+            [weak, peer = connection->peer_name()](const std::string& failure) {
+                if (auto listener = weak.lock())
+                    listener->handshake_done(peer, failure);
+            });
     get_manager().add(connection);
     connection->serve(_options);
+}
+
+void CTcpListener::handshake_done(const std::string& peer, const std::string& failure) {
+    if (failure.empty()) {
+        const uint64_t n = _bad_handshakes.end();
+        if (n > 1)
+            LOG_INFO(SS_TCP_IO, 0, "A TLS handshake succeeded again; %llu had failed before",
+                     static_cast<unsigned long long>(n));
+        return;
+    }
+    // A scanner or a misconfigured master may try many times a second.
+    if (_bad_handshakes.hit())
+        LOG_WARN(SS_TCP_IO, 0,
+                 "TLS handshake with '%s' failed: %s; further failures are counted until one "
+                 "succeeds (each is logged at level 1)",
+                 peer.c_str(), failure.c_str());
+    else
+        LOG_WARN(SS_TCP_IO, 1, "TLS handshake with '%s' failed: %s", peer.c_str(), failure.c_str());
 }
 
 void CTcpListener::report_end(CBurstCounter& burst, const char* what) {

@@ -7,7 +7,8 @@
 // is accepted and closed at once. So is a peer that comes while the process is out of file
 // descriptors: the listener keeps one spare descriptor and gives it up for the moment it
 // takes to accept and close the peer, which drains the backlog instead of spinning on it.
-// Each of these refusals is logged once per burst, with a count when the burst ends.
+// Each of these refusals is logged once per burst, with a count when the burst ends. So are
+// failed TLS handshakes, at level 0; at level 1 every one of them is logged.
 #include "io/io_actor.h"
 #include "io/tcp/burst_counter.h"
 #include "io/tcp/tcp_listener_options.h"
@@ -43,6 +44,8 @@ private:
     void admit(const std::shared_ptr<CTcpConnection>& connection);
     // Tells how many refusals a burst had once it is over; its first was told already.
     static void report_end(CBurstCounter& burst, const char* what);
+    // Logs how a TLS handshake with peer ended (failure empty: it succeeded).
+    void handshake_done(const std::string& peer, const std::string& failure);
     // Closes a peer that may not be served.
     static void refuse(const std::shared_ptr<CTcpConnection>& connection);
     enum class shed_t { refused, none_waiting, failed };
@@ -65,4 +68,5 @@ private:
     CBurstCounter _over_limit;
     CBurstCounter _not_allowed;
     CBurstCounter _no_descriptors;
+    CBurstCounter _bad_handshakes;
 };
