@@ -9,7 +9,9 @@
 # and 127.0.0.1), and client-<ROLE>.crt and .key for each role, the role in the extension
 # 1.3.6.1.4.1.50316.802.1 (a UTF8String). Also client-none.* (no role), client-expired.*
 # (expired in 2020) and, from a second CA, client-foreign.*, for trying refusals. Keys are
-# made readable by their owner only; certificates are valid for 10 years.
+# made readable by their owner only; certificates are valid for 10 years. Keys are ECDSA
+# P-256 unless TLS_KEY_TYPE=rsa asks for RSA 2048 (the TLS 1.2 suites without ECDHE, such as
+# AES128-SHA256, need an RSA server key).
 set -euo pipefail
 [ $# -ge 1 ] || { sed -n 2,13p "$0"; exit 2; }
 dir=$1
@@ -22,9 +24,14 @@ cd "$dir"
 umask 077
 days=3650
 role_oid=1.3.6.1.4.1.50316.802.1
+case "${TLS_KEY_TYPE:-ec}" in
+    ec) newkey=("${newkey[@]}") ;;
+    rsa) newkey=(-newkey rsa:2048) ;;
+    *) echo "tls-certs: FAILED: TLS_KEY_TYPE is '$TLS_KEY_TYPE': use ec or rsa" >&2; exit 1 ;;
+esac
 
 ca() { # name subject
-    openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -days $days \
+    openssl req -x509 "${newkey[@]}" -nodes -days $days \
         -subj "/CN=$2" -keyout "$1.key" -out "$1.crt" \
         -addext basicConstraints=critical,CA:true -addext keyUsage=critical,keyCertSign,cRLSign \
         2>/dev/null
@@ -34,7 +41,7 @@ ca() { # name subject
 issue() {
     local name=$1 subject=$2 issuer=$3 ext=$4
     shift 4
-    openssl req -new -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -subj "/CN=$subject" \
+    openssl req -new "${newkey[@]}" -nodes -subj "/CN=$subject" \
         -keyout "$name.key" -out "$name.csr" 2>/dev/null
     openssl x509 -req -in "$name.csr" -CA "$issuer.crt" -CAkey "$issuer.key" -CAcreateserial \
         -extfile "$ext" -out "$name.crt" "$@" 2>/dev/null
@@ -82,7 +89,7 @@ default_md = sha256
 commonName = supplied
 EOF
 echo 1000 >expired.db/serial
-openssl req -new -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -subj "/CN=client expired" \
+openssl req -new "${newkey[@]}" -nodes -subj "/CN=client expired" \
     -keyout client-expired.key -out client-expired.csr 2>/dev/null
 openssl ca -batch -config expired.cnf -cert ca.crt -keyfile ca.key -in client-expired.csr \
     -out client-expired.crt -extfile client.ext -startdate 20200101000000Z \

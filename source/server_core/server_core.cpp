@@ -314,7 +314,7 @@ tk_string CServerCore::add_transports(CIoManager& manager) {
         CTcpListenerOptions secure = access;
         try {
             secure.tls = CTlsContext::create(security.certificate(), security.private_key(),
-                                             security.ca_bundle());
+                                             security.ca_bundle(), security.tls12_ciphers());
         } catch (const CTlsContext::error& e) {
             LOG_ERR(SS_DEFAULT, 0, "Couldn't open the secure Modbus TCP port %u: %s",
                     security.port(), e.what());

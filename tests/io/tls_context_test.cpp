@@ -10,9 +10,10 @@
 namespace {
 
 // The message create() fails with, or "" when it succeeds.
-std::string failure(const tk_string& cert, const tk_string& key, const tk_string& ca) {
+std::string failure(const tk_string& cert, const tk_string& key, const tk_string& ca,
+                    const tk_string& ciphers = "") {
     try {
-        CTlsContext::create(cert, key, ca);
+        CTlsContext::create(cert, key, ca, ciphers);
     } catch (const CTlsContext::error& e) {
         return e.what();
     }
@@ -46,6 +47,12 @@ BOOST_AUTO_TEST_CASE(unusable_files_are_named) {
     // A certificate where the key belongs, and a key where the CA bundle belongs.
     const std::string swapped = failure(cert, key, key);
     BOOST_TEST(swapped.find("CA bundle '" + key + "' holds no usable certificate") == 0u, swapped);
+
+    // A cipher list of nothing OpenSSL knows; one it knows in part is taken.
+    const std::string ciphers = failure(cert, key, ca, "NO-SUCH-CIPHER");
+    BOOST_TEST(ciphers.find("the TLS 1.2 cipher list 'NO-SUCH-CIPHER' names no suite") == 0u,
+               ciphers);
+    BOOST_TEST(failure(cert, key, ca, "NO-SUCH-CIPHER:AES128-SHA256") == "");
 
     BOOST_REQUIRE_EQUAL(::chmod(key.c_str(), 0640), 0);
     BOOST_TEST(failure(cert, key, ca) ==

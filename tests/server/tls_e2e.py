@@ -28,13 +28,15 @@ READ_8 = bytes([0, 1, 0, 0, 0, 6, 1, 3, 0, 8, 0, 1])
 
 class TlsRig(Rig):
     """The demo store with a secure port only, roles Operator (functions 1 to 6, 15 and 16)
-    and Viewer (1 to 4), a handshake time-out of 1 s, and the certificates in self.certs."""
+    and Viewer (1 to 4), a handshake time-out of 1 s, and the certificates in self.certs,
+    with keys of key_type; more: further security settings."""
 
-    def __init__(self, build, source):
+    def __init__(self, build, source, key_type="ec", more=None):
         super().__init__(build, source, prefix="tls-e2e.")
         self.certs = os.path.join(self.dir, "certs")
         subprocess.run(["bash", os.path.join(source, "scripts", "tls-certs.sh"), self.certs],
-                       check=True, stdout=subprocess.DEVNULL)
+                       check=True, stdout=subprocess.DEVNULL,
+                       env=dict(os.environ, TLS_KEY_TYPE=key_type))
         self.tls_port = free_port()
 
         def leaf(value):
@@ -44,7 +46,7 @@ class TlsRig(Rig):
         settings = {
             "Port": self.tls_port, "Certificate": self.cert("server.crt"),
             "Private Key": self.cert("server.key"), "CA Bundle": self.cert("ca.crt"),
-            "Handshake Timeout": 1,
+            "Handshake Timeout": 1, **(more or {}),
         }
         roles = {"Operator": "1-6,15,16", "Viewer": "1-4"}
         body = ", ".join(f'"{k}": {leaf(v)}' for k, v in settings.items())
@@ -193,6 +195,34 @@ def closed_within(sock, seconds):
     return False
 
 
+def cipher_suites(rig, build, source):
+    """The suites every secure Modbus master may rely on: AES128-SHA256 by default, and the
+    integrity-only NULL-SHA256 when the integrator lists it. Both need an RSA server key."""
+    answer = bytes([0, 1, 0, 0, 0, 5, 1, 3, 2])
+    proc = s_client(rig, "client-Operator", "-quiet", "-tls1_2", "-cipher",
+                    "NULL-SHA256:@SECLEVEL=0")
+    proc.stdin.write(READ_8)
+    proc.stdin.flush()
+    check("NULL-SHA256 not offered by default", answer in read_for(proc.stdout, 2), False)
+    check("NULL-SHA256: logged", rig.handshake_failed("no shared cipher"), True)
+    proc.kill()
+    proc.wait()
+
+    rsa = TlsRig(build, source, "rsa",
+                 {"TLS 1.2 Ciphers": "ECDHE-RSA-AES128-GCM-SHA256:AES128-SHA256:NULL-SHA256:"
+                                     "@SECLEVEL=0"})
+    try:
+        for cipher in ("AES128-SHA256", "NULL-SHA256:@SECLEVEL=0"):
+            proc = s_client(rsa, "client-Operator", "-quiet", "-tls1_2", "-cipher", cipher)
+            proc.stdin.write(READ_8)
+            proc.stdin.flush()
+            check(f"RSA key, {cipher}: an answer", read_for(proc.stdout, 2)[-11:-2], answer)
+            proc.kill()
+            proc.wait()
+    finally:
+        rsa.close()
+
+
 def bad_handshakes(rig):
     # Garbage: a plain-text request on the secure port is dropped at once.
     with socket.create_connection(("127.0.0.1", rig.tls_port), timeout=3) as s:
@@ -231,6 +261,7 @@ def main():
     try:
         pymodbus_roles(rig)
         openssl_clients(rig)
+        cipher_suites(rig, sys.argv[1], sys.argv[2])
         bad_handshakes(rig)
     finally:
         rig.close()

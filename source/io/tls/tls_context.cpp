@@ -11,11 +11,6 @@
 
 namespace {
 
-const char* const tls12_ciphers = "ECDHE-ECDSA-AES128-GCM-SHA256:ECDHE-RSA-AES128-GCM-SHA256:"
-                                  "ECDHE-ECDSA-AES256-GCM-SHA384:ECDHE-RSA-AES256-GCM-SHA384:"
-                                  "ECDHE-ECDSA-CHACHA20-POLY1305:ECDHE-RSA-CHACHA20-POLY1305:"
-                                  "AES128-SHA256";
-
 // OpenSSL's reason for the latest failure, for the message, with its queue emptied.
 std::string openssl_reason() {
     std::string reason;
@@ -28,6 +23,14 @@ std::string openssl_reason() {
 }
 
 } // namespace
+
+// Forward-secret AEAD suites first; AES128-SHA256 (RSA key exchange) is the suite secure
+// Modbus masters must all have.
+const char* const CTlsContext::default_tls12_ciphers =
+    "ECDHE-ECDSA-AES128-GCM-SHA256:ECDHE-RSA-AES128-GCM-SHA256:"
+    "ECDHE-ECDSA-AES256-GCM-SHA384:ECDHE-RSA-AES256-GCM-SHA384:"
+    "ECDHE-ECDSA-CHACHA20-POLY1305:ECDHE-RSA-CHACHA20-POLY1305:"
+    "AES128-SHA256";
 
 void CTlsContext::check_readable(const std::string& what, const std::string& path) {
     std::FILE* file = std::fopen(path.c_str(), "rb");
@@ -50,7 +53,8 @@ void CTlsContext::check_private(const std::string& path) {
 
 std::shared_ptr<boost::asio::ssl::context> CTlsContext::create(const std::string& certificate,
                                                                const std::string& private_key,
-                                                               const std::string& ca_bundle) {
+                                                               const std::string& ca_bundle,
+                                                               const std::string& tls12_ciphers) {
     namespace ssl = boost::asio::ssl;
     check_readable("certificate", certificate);
     check_readable("private key", private_key);
@@ -65,8 +69,10 @@ std::shared_ptr<boost::asio::ssl::context> CTlsContext::create(const std::string
         throw error("TLS versions 1.2 to 1.3 cannot be set: " + openssl_reason());
     SSL_CTX_set_options(ctx, SSL_OP_NO_RENEGOTIATION | SSL_OP_NO_COMPRESSION |
                                  SSL_OP_CIPHER_SERVER_PREFERENCE);
-    if (SSL_CTX_set_cipher_list(ctx, tls12_ciphers) != 1)
-        throw error("the TLS 1.2 cipher list is not accepted: " + openssl_reason());
+    const std::string ciphers = tls12_ciphers.empty() ? default_tls12_ciphers : tls12_ciphers;
+    if (SSL_CTX_set_cipher_list(ctx, ciphers.c_str()) != 1)
+        throw error("the TLS 1.2 cipher list '" + ciphers +
+                    "' names no suite this OpenSSL offers: " + openssl_reason());
     if (SSL_CTX_load_verify_locations(ctx, ca_bundle.c_str(), nullptr) != 1)
         throw error("CA bundle '" + ca_bundle +
                     "' holds no usable certificate: " + openssl_reason());

@@ -2,7 +2,7 @@
 // The server side of TLS: a context that speaks TLS 1.2 and 1.3 only, without renegotiation
 // or compression, and that admits only clients whose certificate chains to the CA bundle.
 // TLS 1.2 offers ECDHE with AEAD ciphers, and AES128-SHA256 for clients that need exactly
-// that suite; TLS 1.3 keeps OpenSSL's suites.
+// that suite, unless given another list; TLS 1.3 keeps OpenSSL's suites.
 #include <boost/asio/ssl/context.hpp>
 #include <boost/optional.hpp>
 
@@ -19,10 +19,13 @@ public:
         using std::runtime_error::runtime_error;
     };
 
-    // Throws error.
-    static std::shared_ptr<boost::asio::ssl::context> create(const std::string& certificate,
-                                                             const std::string& private_key,
-                                                             const std::string& ca_bundle);
+    // The TLS 1.2 cipher suites offered unless the caller names others.
+    static const char* const default_tls12_ciphers;
+
+    // tls12_ciphers: an OpenSSL cipher list; empty for the default. Throws error.
+    static std::shared_ptr<boost::asio::ssl::context>
+    create(const std::string& certificate, const std::string& private_key,
+           const std::string& ca_bundle, const std::string& tls12_ciphers = std::string());
 
     // The UTF8String held in the peer certificate's extension oid (dotted text); none when
     // there is no peer certificate, no such extension, or it holds no UTF8String.

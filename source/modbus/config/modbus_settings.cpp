@@ -306,6 +306,12 @@ CModbusTcpSecuritySettings::CModbusTcpSecuritySettings(CCdsHandle& cds) {
         _port = 0;
     _handshake_timeout_s = read_number(cds, node + "/Handshake Timeout", _handshake_timeout_s, 1,
                                        max_handshake_s, absent_t::info);
+    const auto ciphers = read_setting(cds, node + "/TLS 1.2 Ciphers");
+    if (ciphers && ciphers->is_string() && !ciphers->str().empty())
+        _tls12_ciphers = ciphers->str();
+    else
+        fall_back(node + "/TLS 1.2 Ciphers", ciphers, "an OpenSSL cipher list", "the built-in list",
+                  absent_t::info);
     LOG_DEBUG(SS_SETTINGS, 3, "TCP secure port: %u", _port);
     _plain_port_open =
         read_switch(cds, node + "/Plain Port Open", "TCP plain port open", _port == 0);

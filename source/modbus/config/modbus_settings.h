@@ -57,6 +57,8 @@ public:
     bool plain_port_open() const { return _plain_port_open; }
     // Seconds a client has for its handshake, 1 to 600; 10 by default.
     uint32_t handshake_timeout() const { return _handshake_timeout_s; }
+    // The TLS 1.2 cipher suites as an OpenSSL cipher list; empty for the built-in list.
+    const tk_string& tls12_ciphers() const { return _tls12_ciphers; }
     const CModbusRoles& roles() const { return _roles; }
 
 private:
@@ -68,6 +70,7 @@ private:
     tk_string _ca_bundle;
     bool _plain_port_open = true;
     uint32_t _handshake_timeout_s = 10;
+    tk_string _tls12_ciphers;
     CModbusRoles _roles;
 };
 
