@@ -29,9 +29,9 @@ set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
 set(ENV{PKG_CONFIG_LIBDIR} "${MB_CROSS_DEPS}/lib/pkgconfig")
 set(ENV{PKG_CONFIG_PATH} "")
 
-# OpenSSL is the static one that scripts/cross.sh builds into the same prefix.
+# OpenSSL is the one scripts/cross.sh builds into the same prefix; the programs link its
+# shared libraries, as they will the device's.
 set(OPENSSL_ROOT_DIR "${MB_CROSS_DEPS}")
-set(OPENSSL_USE_STATIC_LIBS TRUE)
 
 # Boost and nlohmann-json are header-only here and their headers do not depend on the
 # architecture; the cross g++ searches /usr/include after its own libc headers.

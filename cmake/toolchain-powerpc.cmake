@@ -10,7 +10,3 @@ set(MB_CROSS_EMULATOR qemu-ppc-static)
 set(CMAKE_C_FLAGS_INIT "-D_TIME_BITS=64 -D_FILE_OFFSET_BITS=64")
 set(CMAKE_CXX_FLAGS_INIT "-D_TIME_BITS=64 -D_FILE_OFFSET_BITS=64")
 include(${CMAKE_CURRENT_LIST_DIR}/cross-common.cmake)
-# OpenSSL's 64-bit atomics are library calls on 32-bit PowerPC; libatomic goes in statically
-# so that the package still needs nothing but the C library.
-set(CMAKE_CXX_STANDARD_LIBRARIES "-Wl,--push-state,-Bstatic -latomic -Wl,--pop-state")
-set(CMAKE_C_STANDARD_LIBRARIES "-Wl,--push-state,-Bstatic -latomic -Wl,--pop-state")

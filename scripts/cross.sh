@@ -11,8 +11,10 @@
 #   CROSS_OPT         optimisation of the cross trees (default -O1: the CI time budget;
 #                     -O2 or -Os for a release package)
 #   CROSS_TESTS=0     build only, run no tests
-# The programs link SQLite, OpenSSL, libstdc++ and libgcc statically (MB_STATIC), so the powerpc
-# package needs only the C library; it is built into build-ppc/ and checked with dpkg-deb.
+# The programs link SQLite, libstdc++ and libgcc statically (MB_STATIC), so the powerpc
+# package needs only the C library and OpenSSL's libssl3, which a device shares with its ssh
+# and takes security updates for from its distribution; the package is built into build-ppc/
+# and checked with dpkg-deb.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 root=$PWD
@@ -127,7 +129,7 @@ fi
 openssl_src=$(dirname "$(ls -d "$deps"/src/openssl-*/Configure | head -1)")
 
 # --- per-target dependencies -----------------------------------------------------------
-build_deps() { # arch: static SQLite, libmodbus and OpenSSL with pkg-config files in build-deps/<arch>
+build_deps() { # arch: static SQLite and libmodbus, and OpenSSL, with pkg-config files in build-deps/<arch>
     local a=$1 t prefix cflags
     t=$(triplet "$a")
     prefix=$deps/$a
@@ -136,7 +138,7 @@ build_deps() { # arch: static SQLite, libmodbus and OpenSSL with pkg-config file
     # SQLite is linked into the programs: optimised for size, as they are for the device.
     local sqlite_flags="-Os -ffunction-sections -fdata-sections $cflags -DSQLITE_THREADSAFE=1"
     sqlite_flags="$sqlite_flags -DSQLITE_OMIT_LOAD_EXTENSION -DSQLITE_ENABLE_COLUMN_METADATA"
-    local stamp="$sqlite_flags / $cflags / openssl"
+    local stamp="$sqlite_flags / $cflags / shared openssl"
     [ -f "$prefix/.done" ] && [ "$(cat "$prefix/.done")" = "$stamp" ] && return 0
     rm -rf "$prefix" && mkdir -p "$prefix/lib/pkgconfig" "$prefix/include"
 
@@ -166,12 +168,14 @@ EOF
     rm -rf "$deps/src/modbus-$a"
 
     step="building OpenSSL for $a"
-    say "OpenSSL for $a (static, TLS 1.2 and 1.3 with today's algorithms only)"
-    local target=linux-ppc
-    [ "$a" = s390x ] && target=linux64-s390x
+    say "OpenSSL for $a (TLS 1.2 and 1.3 with today's algorithms only)"
+    # The device has its own libssl3; this one is for building against and for the tests
+    # under qemu. 32-bit PowerPC has its 64-bit atomics in libatomic.
+    local target=linux-ppc extra=-latomic
+    [ "$a" = s390x ] && target=linux64-s390x extra=""
     # What the secure port and its tests need, and nothing else: no engines, no loadable
     # modules, no protocols or ciphers older than TLS 1.2 allows, no command-line programs.
-    local off="no-shared no-tests no-legacy no-engine no-dso no-module no-comp no-dtls no-ssl3"
+    local off="no-tests no-legacy no-engine no-dso no-module no-comp no-dtls no-ssl3"
     off="$off no-tls1 no-tls1_1 no-srp no-psk no-idea no-camellia no-seed no-md4 no-rc2 no-rc4"
     off="$off no-des no-dsa no-cast no-bf no-mdc2 no-rmd160 no-whirlpool no-sm2 no-sm3 no-sm4"
     off="$off no-aria no-siphash no-scrypt no-ocsp no-cms no-ts no-ct no-srtp no-gost"
@@ -179,7 +183,7 @@ EOF
     rm -rf "$deps/src/openssl-$a" && mkdir -p "$deps/src/openssl-$a"
     # shellcheck disable=SC2086  # $off and $cflags are lists of options
     (cd "$deps/src/openssl-$a" && "$openssl_src/Configure" "$target" --cross-compile-prefix="$t-" \
-        --prefix="$prefix" --libdir=lib -Os $cflags $off >config.log 2>&1 &&
+        --prefix="$prefix" --libdir=lib -Os $cflags $off $extra >config.log 2>&1 &&
         make -s -j 2 install_dev >make.log 2>&1) ||
         die "building OpenSSL for $a failed (logs: build-deps/src/openssl-$a/*.log)"
     rm -rf "$deps/src/openssl-$a"
@@ -194,6 +198,8 @@ for a in "${arches[@]}"; do
     [ "$a" = powerpc ] && dir=build-ppc
     step="configuring $dir"
     say "configuring $dir"
+    # Dependencies built anew may differ in kind (static or shared): find them again.
+    if [ "$deps/$a/.done" -nt "$dir/CMakeCache.txt" ]; then rm -f "$dir/CMakeCache.txt"; fi
     cmake -S . -B "$dir" -G Ninja -DCMAKE_TOOLCHAIN_FILE="$root/cmake/toolchain-$a.cmake" \
         -DCMAKE_BUILD_TYPE=Release -DCMAKE_CXX_FLAGS_RELEASE="$opt" \
         -DCMAKE_C_FLAGS_RELEASE="$opt" -DMB_BENCH=OFF -DMB_STATIC=ON \
