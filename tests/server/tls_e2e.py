@@ -197,7 +197,8 @@ def closed_within(sock, seconds):
 
 def cipher_suites(rig, build, source):
     """The suites every secure Modbus master may rely on: AES128-SHA256 by default, and the
-    integrity-only NULL-SHA256 when the integrator lists it. Both need an RSA server key."""
+    integrity-only NULL-SHA256 when the integrator lists it. Both need an RSA server key,
+    so they run on a second server, which also has a default role."""
     answer = bytes([0, 1, 0, 0, 0, 5, 1, 3, 2])
     proc = s_client(rig, "client-Operator", "-quiet", "-tls1_2", "-cipher",
                     "NULL-SHA256:@SECLEVEL=0")
@@ -210,8 +211,15 @@ def cipher_suites(rig, build, source):
 
     rsa = TlsRig(build, source, "rsa",
                  {"TLS 1.2 Ciphers": "ECDHE-RSA-AES128-GCM-SHA256:AES128-SHA256:NULL-SHA256:"
-                                     "@SECLEVEL=0"})
+                                     "@SECLEVEL=0", "Default Role": "Viewer"})
     try:
+        # And a default role: a certificate without a role gets Viewer's rights.
+        nobody = modbus_tls_client.connect("127.0.0.1", rsa.tls_port, rsa.certs, "client-none")
+        check("default role: reads", nobody.read_holding_registers(8, 2, slave=1).isError(),
+              False)
+        check("default role: no writes", exception_code(nobody.write_register(27, 2300, slave=1)),
+              1)
+        nobody.close()
         for cipher in ("AES128-SHA256", "NULL-SHA256:@SECLEVEL=0"):
             proc = s_client(rsa, "client-Operator", "-quiet", "-tls1_2", "-cipher", cipher)
             proc.stdin.write(READ_8)
