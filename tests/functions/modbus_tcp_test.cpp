@@ -205,6 +205,9 @@ BOOST_AUTO_TEST_CASE(request_checks) {
         {tcp_frame(1, 0x10, {0, 8, 0, 1, 3, 0, 1, 2}), 3, 0},
         {tcp_frame(1, 0x10, {0xFF, 0xFF, 0, 2, 4, 0, 1, 0, 2}), 2, 0},
         {tcp_frame(1, 0x0F, {0xFF, 0xFF, 0, 9, 2, 0xFF, 1}), 2, 0},
+        // The echo of code 8 at the longest PDU, and one byte over it.
+        {tcp_frame(1, 0x08, std::vector<uint8_t>(252, 0)), 0, 7 + 253},
+        {tcp_frame(1, 0x08, std::vector<uint8_t>(253, 0)), 3, 0},
     };
     std::vector<uint8_t> regs121 = {0, 0, 0, 121, 242};
     regs121.resize(regs121.size() + 242, 0);

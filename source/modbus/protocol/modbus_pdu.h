@@ -5,6 +5,10 @@
 
 class CModbusPdu : public CProtocolObject {
 public:
+    // The longest PDU there is: an RTU frame of 256 bytes less address and CRC. TCP's length
+    // field could say more, but no answer may be longer either.
+    static constexpr size_t max_length = 253;
+
     uint8_t function = 0;
     iobuf_t data;
 

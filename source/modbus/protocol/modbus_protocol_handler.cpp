@@ -44,6 +44,11 @@ void CModbusProtocolHandler::handle_request(CModbusPdu& pdu, const CModbusDevice
         fail(MB_ILLEGAL_FUNCTION);
         return;
     }
+    // A code whose data has no fixed length (the echo of code 8) would answer as long.
+    if (pdu.length() > CModbusPdu::max_length) {
+        fail(MB_ILLEGAL_DATA_VALUE);
+        return;
+    }
     _request.pdu = &pdu;
     _request.unit = &device.unit();
     _request.zero_fill = device.zero_fill();
