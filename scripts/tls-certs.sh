@@ -25,7 +25,7 @@ umask 077
 days=3650
 role_oid=1.3.6.1.4.1.50316.802.1
 case "${TLS_KEY_TYPE:-ec}" in
-    ec) newkey=("${newkey[@]}") ;;
+    ec) newkey=(-newkey ec -pkeyopt ec_paramgen_curve:P-256) ;;
     rsa) newkey=(-newkey rsa:2048) ;;
     *) echo "tls-certs: FAILED: TLS_KEY_TYPE is '$TLS_KEY_TYPE': use ec or rsa" >&2; exit 1 ;;
 esac

@@ -200,14 +200,16 @@ def cipher_suites(rig, build, source):
     integrity-only NULL-SHA256 when the integrator lists it. Both need an RSA server key,
     so they run on a second server, which also has a default role."""
     answer = bytes([0, 1, 0, 0, 0, 5, 1, 3, 2])
-    proc = s_client(rig, "client-Operator", "-quiet", "-tls1_2", "-cipher",
-                    "NULL-SHA256:@SECLEVEL=0")
-    proc.stdin.write(READ_8)
-    proc.stdin.flush()
-    check("NULL-SHA256 not offered by default", answer in read_for(proc.stdout, 2), False)
-    check("NULL-SHA256: logged", rig.handshake_failed("no shared cipher"), True)
-    proc.kill()
-    proc.wait()
+    # On the first server, whose key is ECDSA: NULL-SHA256 is not offered, and AES128-SHA256
+    # cannot be agreed without an RSA key.
+    for cipher in ("NULL-SHA256:@SECLEVEL=0", "AES128-SHA256"):
+        proc = s_client(rig, "client-Operator", "-quiet", "-tls1_2", "-cipher", cipher)
+        proc.stdin.write(READ_8)
+        proc.stdin.flush()
+        check(f"ECDSA key, {cipher}: refused", answer in read_for(proc.stdout, 2), False)
+        check(f"ECDSA key, {cipher}: logged", rig.handshake_failed("no shared cipher"), True)
+        proc.kill()
+        proc.wait()
 
     rsa = TlsRig(build, source, "rsa",
                  {"TLS 1.2 Ciphers": "ECDHE-RSA-AES128-GCM-SHA256:AES128-SHA256:NULL-SHA256:"
