@@ -14,7 +14,7 @@ import subprocess
 import sys
 import time
 
-from e2e_rig import STATS, Rig, check, failures, free_port
+from e2e_rig import STATS, Rig, check, failures, free_port, listening
 
 sys.path.insert(0, os.path.join(sys.argv[2] if len(sys.argv) > 2 else ".", "scripts"))
 import modbus_tls_client  # noqa: E402  (pymodbus's TLS client made to read reliably)
@@ -87,6 +87,7 @@ def exception_code(rsp):
 
 
 def pymodbus_roles(rig):
+    check("the plain port is closed once a secure one is set", listening(rig.port), False)
     operator = pymodbus_client(rig, "client-Operator")
     rsp = operator.read_holding_registers(8, 2, slave=1)
     check("Operator reads", rsp.isError(), False)

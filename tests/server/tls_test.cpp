@@ -1,5 +1,6 @@
 // The secure Modbus TCP port of the real server: certificates made by scripts/tls-certs.sh,
-// clients speaking TLS over loopback, roles deciding what each client may ask.
+// clients speaking TLS over loopback, roles deciding what each client may ask. These run under
+// qemu too; tls_e2e.py tries the refusals and broken handshakes with pymodbus and openssl.
 #include "data/sample_store.h"
 #include "server_process.h"
 #include "support/test_client.h"
@@ -187,30 +188,6 @@ BOOST_AUTO_TEST_CASE(roles_decide_what_clients_may_ask) {
     // No role and no default role: nothing at all, yet the connection is served.
     CTlsClient nobody = s.client("client-none");
     BOOST_TEST(nobody.ask(read_request, 9) == exception(1, 3, 1));
-}
-
-BOOST_AUTO_TEST_CASE(untrusted_clients_are_refused) {
-    CTlsServer s;
-    BOOST_TEST(s.client("").ask(read_request, 11).empty());
-    BOOST_TEST(s.handshake_failed("certificate"));
-    BOOST_TEST(s.client("client-foreign").ask(read_request, 11).empty());
-    BOOST_TEST(s.handshake_failed("unable to get local issuer certificate"));
-    BOOST_TEST(s.client("client-expired").ask(read_request, 11).empty());
-    BOOST_TEST(s.handshake_failed("certificate has expired"));
-    // The plain port is closed once a secure one is set.
-    BOOST_TEST(!has_text(s.server->log(), "Serving Modbus TCP on port"), s.server->log());
-}
-
-BOOST_AUTO_TEST_CASE(silent_client_is_dropped_while_others_are_served) {
-    CTlsServer s;
-    CTestClient silent("127.0.0.1", s.port, nullptr, 4000);
-    BOOST_REQUIRE(silent.fd() >= 0);
-    CTlsClient operator_client = s.client("client-Operator");
-    BOOST_TEST(operator_client.ask(read_request, 11).size() == 11u);
-    const auto start = std::chrono::steady_clock::now();
-    BOOST_TEST(silent.peer_closed());
-    BOOST_TEST((std::chrono::steady_clock::now() - start < std::chrono::seconds(3)));
-    BOOST_TEST(s.handshake_failed("not completed within 1 s"));
 }
 
 BOOST_AUTO_TEST_CASE(failed_handshakes_are_logged_once_per_burst_by_default) {
