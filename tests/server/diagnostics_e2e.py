@@ -13,7 +13,8 @@ import sys
 import tempfile
 import time
 
-from e2e_rig import STATS, Rig, check, failures, wait_for
+import e2e_rig
+from e2e_rig import STATS, Rig, check, wait_for
 from pymodbus.client import ModbusSerialClient, ModbusTcpClient
 from pymodbus.diag_message import (ClearCountersRequest, ForceListenOnlyModeRequest,
                                    RestartCommunicationsOptionRequest,
@@ -135,19 +136,5 @@ def serial(rig):
     client.close()
 
 
-def main():
-    if len(sys.argv) != 3:
-        print(__doc__)
-        return 2
-    rig = SerialRig(sys.argv[1], sys.argv[2])
-    try:
-        tcp(rig)
-        serial(rig)
-    finally:
-        rig.close()
-    print(f"{len(failures)} failures")
-    return 1 if failures else 0
-
-
 if __name__ == "__main__":
-    sys.exit(main())
+    sys.exit(e2e_rig.main(__doc__, SerialRig, tcp, serial))

@@ -4,6 +4,7 @@ import os
 import shutil
 import socket
 import subprocess
+import sys
 import tempfile
 import time
 
@@ -109,3 +110,19 @@ class Rig:
             p.terminate()
             p.wait(timeout=10)
         shutil.rmtree(self.dir)
+
+
+def main(usage, make_rig, *steps):
+    """Runs each step on the rig that make_rig(BUILD_DIR, SOURCE_DIR) makes from the command
+    line, then closes it; the exit status for the failures counted."""
+    if len(sys.argv) != 3:
+        print(usage)
+        return 2
+    rig = make_rig(sys.argv[1], sys.argv[2])
+    try:
+        for step in steps:
+            step(rig)
+    finally:
+        rig.close()
+    print(f"{len(failures)} failures")
+    return 1 if failures else 0

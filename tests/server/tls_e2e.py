@@ -14,7 +14,8 @@ import subprocess
 import sys
 import time
 
-from e2e_rig import STATS, Rig, check, failures, free_port, listening
+import e2e_rig
+from e2e_rig import STATS, Rig, check, free_port, listening
 
 sys.path.insert(0, os.path.join(sys.argv[2] if len(sys.argv) > 2 else ".", "scripts"))
 import modbus_tls_client  # noqa: E402  (pymodbus's TLS client made to read reliably)
@@ -264,21 +265,7 @@ def bad_handshakes(rig):
     stalled.close()
 
 
-def main():
-    if len(sys.argv) != 3:
-        print(__doc__)
-        return 2
-    rig = TlsRig(sys.argv[1], sys.argv[2])
-    try:
-        pymodbus_roles(rig)
-        openssl_clients(rig)
-        cipher_suites(rig, sys.argv[1], sys.argv[2])
-        bad_handshakes(rig)
-    finally:
-        rig.close()
-    print(f"{len(failures)} failures")
-    return 1 if failures else 0
-
-
 if __name__ == "__main__":
-    sys.exit(main())
+    sys.exit(e2e_rig.main(__doc__, TlsRig, pymodbus_roles, openssl_clients,
+                          lambda rig: cipher_suites(rig, sys.argv[1], sys.argv[2]),
+                          bad_handshakes))
