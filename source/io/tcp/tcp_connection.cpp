@@ -85,9 +85,6 @@ void CTcpConnection::handshake_timed_out(const boost::system::error_code& error)
 void CTcpConnection::handshake_failed(const std::string& reason) {
     if (_on_handshake)
         _on_handshake(reason);
-    else
-        LOG_WARN(SS_TCP_IO, 1, "TLS handshake with '%s' failed: %s", peer_name().c_str(),
-                 reason.c_str());
     remove();
 }
 

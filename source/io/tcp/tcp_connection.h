@@ -34,7 +34,7 @@ public:
     // Called once, when the socket is closed.
     void set_on_close(std::function<void()> on_close) { _on_close = std::move(on_close); }
     // Told once how the TLS handshake ended: an empty text when it succeeded, else why it
-    // failed. Without it, failures are logged at level 1.
+    // failed. The listener decides what to log.
     using handshake_report_t = std::function<void(const std::string& failure)>;
     void set_on_handshake(handshake_report_t report) { _on_handshake = std::move(report); }
     // Starts the idle clock of an accepted connection; 0 leaves it open however long it is

@@ -11,6 +11,14 @@
 
 namespace {
 
+// Forward-secret AEAD suites first; AES128-SHA256 (RSA key exchange) is the suite secure
+// Modbus masters must all have.
+const char* const default_tls12_ciphers =
+    "ECDHE-ECDSA-AES128-GCM-SHA256:ECDHE-RSA-AES128-GCM-SHA256:"
+    "ECDHE-ECDSA-AES256-GCM-SHA384:ECDHE-RSA-AES256-GCM-SHA384:"
+    "ECDHE-ECDSA-CHACHA20-POLY1305:ECDHE-RSA-CHACHA20-POLY1305:"
+    "AES128-SHA256";
+
 // OpenSSL's reason for the latest failure, for the message, with its queue emptied.
 std::string openssl_reason() {
     std::string reason;
@@ -23,14 +31,6 @@ std::string openssl_reason() {
 }
 
 } // namespace
-
-// Forward-secret AEAD suites first; AES128-SHA256 (RSA key exchange) is the suite secure
-// Modbus masters must all have.
-const char* const CTlsContext::default_tls12_ciphers =
-    "ECDHE-ECDSA-AES128-GCM-SHA256:ECDHE-RSA-AES128-GCM-SHA256:"
-    "ECDHE-ECDSA-AES256-GCM-SHA384:ECDHE-RSA-AES256-GCM-SHA384:"
-    "ECDHE-ECDSA-CHACHA20-POLY1305:ECDHE-RSA-CHACHA20-POLY1305:"
-    "AES128-SHA256";
 
 void CTlsContext::check_readable(const std::string& what, const std::string& path) {
     std::FILE* file = std::fopen(path.c_str(), "rb");

@@ -19,9 +19,6 @@ public:
         using std::runtime_error::runtime_error;
     };
 
-    // The TLS 1.2 cipher suites offered unless the caller names others.
-    static const char* const default_tls12_ciphers;
-
     // tls12_ciphers: an OpenSSL cipher list; empty for the default. Throws error.
     static std::shared_ptr<boost::asio::ssl::context>
     create(const std::string& certificate, const std::string& private_key,
