@@ -30,8 +30,8 @@ CEventQueue::CEventQueue(unsigned int length, const tk_string& log_path) : _queu
 }
 
 const toolkit::CEvent& CEventQueue::get(size_t index) const {
-    assert(index < _queue.size());
-    return _queue[index];
+    static const toolkit::CEvent empty{};
+    return index < _queue.size() ? _queue[index] : empty;
 }
 
 void CEventQueue::add(const toolkit::CEvent& event) {

@@ -14,7 +14,7 @@ public:
     // An empty log_path leaves every slot empty.
     CEventQueue(unsigned int length, const tk_string& log_path);
 
-    // index must be below the length.
+    // The event in slot index; an empty event for an index beyond the slots.
     const toolkit::CEvent& get(size_t index) const;
     size_t size() const { return _queue.size(); }
 

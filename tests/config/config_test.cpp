@@ -127,13 +127,13 @@ BOOST_FIXTURE_TEST_CASE(unparsable_files_stop_the_configuration, CRegistryStore)
     const tk_string good = eds("good.eds", uint_node("A", 1));
     const tk_string broken = eds("broken.eds", "[p]\nthis is not a key\n");
     const tk_string missing = store.dir().file("missing.eds");
-    const tk_string bad_index =
-        eds("index.eds", "[e]\nEventIndex = 70000\nEventProperty = ID\nAddress = 0\n"
-                         "ExternalValueType = DATATYPE_UINT\nSize = 4\n");
+    const tk_string bad_size =
+        eds("size.eds", "[e]\nName = /A/Value\nAddress = 0\nExternalValueType = DATATYPE_UINT\n"
+                        "Size = 8\n");
     const struct {
         tk_string path;
         const char* reason;
-    } cases[] = {{broken, "malformed line"}, {missing, "cannot open"}, {bad_index, "70000"}};
+    } cases[] = {{broken, "malformed line"}, {missing, "cannot open"}, {bad_size, "Size = 8"}};
     for (const auto& c : cases) {
         unit("u", 1, good + ";" + c.path);
         const CModbusSettings settings = read_settings();

@@ -139,58 +139,72 @@ BOOST_FIXTURE_TEST_CASE(global_values, CSettingsStore) {
     BOOST_TEST(!has_text(log.text(), "WARN"));
 }
 
-// Each wrong value falls back to its default with one warning at level 0 that names the
-// leaf, the value found and the value used.
-BOOST_FIXTURE_TEST_CASE(wrong_global_values_fall_back_with_a_warning, CSettingsStore) {
+// A value that has no use falls back to its default; one that has a use but is likely a
+// mistake is taken; either way with one warning at level 0 that names the leaf, the value
+// found and the value used. Values a bool is written as are taken silently.
+BOOST_FIXTURE_TEST_CASE(wrong_global_values_warn, CSettingsStore) {
     const tk_string tcp_timeout = "/Software/Data Servers/Modbus/Interface Type/TCP/Timeout";
     const tk_string serial_timeout = "/Software/Data Servers/Modbus/Interface Type/Serial/Timeout";
     const tk_string zero_fill = "/Software/Data Servers/Modbus/Zero Fill Default";
     put(interfaces + "ttyS0/Serial Port", "/dev/ttyS0");
     unit("u", CElement::from_uint(1));
+    enum which_t { PORT, TCP_TIMEOUT, SERIAL_TIMEOUT, ZERO_FILL };
     const struct {
-        CElement port, serial_timeout, tcp_timeout, zero_fill;
-        const char* port_text;
-        const char* serial_text;
-        const char* tcp_text;
-        const char* zero_text;
+        which_t which;
+        CElement value;
+        uint32_t used;
+        const char* text; // after the leaf; null: no warning
     } cases[] = {
-        {CElement::from_string("abc"), CElement::from_uint(0), CElement::from_int(-5),
-         CElement::from_string("abc"), "is \"abc\", not a whole number from 1 to 65535; using 502",
-         "is 0, not a whole number from 1 to 3600000; using 1000",
-         "is -5, not a whole number from 0 to 3600000; using 1000",
-         "is \"abc\", not true or false; using false"},
-        {CElement::from_int(-1), CElement::from_int(-1), CElement::from_uint(3600001),
-         CElement::from_uint(2), "is -1, not", "is -1, not", "is 3600001, not", "is 2, not"},
-        {CElement::from_bool(true), CElement::from_string("500"), CElement::from_float(0.5),
-         CElement::from_float(0.5), "is true, not", "is \"500\", not", "is 0.5, not",
-         "is 0.5, not"},
-        {CElement::from_float(502.5), CElement::from_bool(true), CElement::from_float(-1.0),
-         CElement::from_string("yes"), "is 502.5, not", "is true, not", "is -1, not",
-         "is \"yes\", not"},
-        {CElement::from_uint(65536), CElement::from_float(1e30), CElement::from_string(""),
-         CElement::from_float(std::numeric_limits<double>::infinity()), "is 65536, not",
-         "is 1e+30, not", "is \"\", not", "is inf, not"},
-        {CElement::from_uint(0), CElement::from_uint(5000000), CElement::from_uint(1u << 31),
-         CElement::from_int(-1), "is 0, not", "is 5000000, not", "is 2147483648, not",
-         "is -1, not"},
+        {PORT, CElement::from_string("abc"), 502,
+         "is \"abc\", not a whole number from 1 to 65535; using 502"},
+        {PORT, CElement::from_int(-1), 502, "is -1, not"},
+        {PORT, CElement::from_bool(true), 502, "is true, not"},
+        {PORT, CElement::from_uint(65536), 502, "is 65536, not"},
+        {PORT, CElement::from_uint(0), 502, "is 0, not"},
+        {PORT, CElement::from_float(5020.5), 5020, "is 5020.5, which has a fraction; taken as 5020"},
+        {SERIAL_TIMEOUT, CElement::from_uint(0), 1000,
+         "is 0, not a whole number from 1 up; using 1000"},
+        {SERIAL_TIMEOUT, CElement::from_int(-1), 1000, "is -1, not"},
+        {SERIAL_TIMEOUT, CElement::from_string("500"), 1000, "is \"500\", not"},
+        {SERIAL_TIMEOUT, CElement::from_float(1e30), 1000, "is 1e+30, not"},
+        {SERIAL_TIMEOUT, CElement::from_uint(5000000), 5000000,
+         "is 5000000, more than 3600000; taken as it is"},
+        {TCP_TIMEOUT, CElement::from_int(-5), 1000, "is -5, not"},
+        {TCP_TIMEOUT, CElement::from_string(""), 1000, "is \"\", not"},
+        {TCP_TIMEOUT, CElement::from_float(0.5), 0, "is 0.5, which has a fraction; taken as 0"},
+        {TCP_TIMEOUT, CElement::from_uint(1u << 31), 1u << 31, "is 2147483648, more than"},
+        {ZERO_FILL, CElement::from_string("abc"), 0, "is \"abc\", not true or false; taken as false"},
+        {ZERO_FILL, CElement::from_string("yes"), 1, nullptr},
+        {ZERO_FILL, CElement::from_string("True"), 1, nullptr},
+        {ZERO_FILL, CElement::from_string("off"), 0, nullptr},
+        {ZERO_FILL, CElement::from_uint(2), 1, nullptr},
+        {ZERO_FILL, CElement::from_int(-1), 1, nullptr},
+        {ZERO_FILL, CElement::from_float(0.5), 1, nullptr},
     };
     for (const auto& c : cases) {
-        store.define(port_path, c.port.type(), c.port);
-        put(serial_timeout, c.serial_timeout);
-        put(tcp_timeout, c.tcp_timeout);
-        put(zero_fill, c.zero_fill);
+        store.define(port_path, CElement::TYPE_UINT, CElement::from_uint(502));
+        put(serial_timeout, CElement::from_uint(1000));
+        put(tcp_timeout, CElement::from_uint(1000));
+        put(zero_fill, CElement::from_bool(false));
+        const tk_string leaf = c.which == PORT             ? tk_string(port_path)
+                               : c.which == TCP_TIMEOUT    ? tcp_timeout + "/Value"
+                               : c.which == SERIAL_TIMEOUT ? serial_timeout + "/Value"
+                                                           : zero_fill + "/Value";
+        if (c.which == PORT)
+            store.define(port_path, c.value.type(), c.value);
+        else
+            put(leaf.substr(0, leaf.size() - 6), c.value);
         CSubsystemLog log(SS_SETTINGS, 0);
         const CModbusSettings s = read_settings();
         const std::string text = log.text();
-        BOOST_TEST(s.tcp().port() == 502u, c.port_text);
-        BOOST_TEST(s.tcp().timeout() == 1000u, c.tcp_text);
-        BOOST_TEST(s.serial().timeout() == 1000u, c.serial_text);
-        BOOST_TEST(!s.zero_fill(), c.zero_text);
-        BOOST_TEST(count_of(text, "WARN [0] CModbusSettings: ") == 4u, text);
-        BOOST_TEST(has_text(text, "'" + tk_string(port_path) + "' " + c.port_text), text);
-        BOOST_TEST(has_text(text, "'" + serial_timeout + "/Value' " + c.serial_text), text);
-        BOOST_TEST(has_text(text, "'" + tcp_timeout + "/Value' " + c.tcp_text), text);
-        BOOST_TEST(has_text(text, "'" + zero_fill + "/Value' " + c.zero_text), text);
+        const uint32_t used = c.which == PORT             ? s.tcp().port()
+                              : c.which == TCP_TIMEOUT    ? s.tcp().timeout()
+                              : c.which == SERIAL_TIMEOUT ? s.serial().timeout()
+                                                          : uint32_t(s.zero_fill());
+        BOOST_TEST(used == c.used, leaf << " " << c.value.str());
+        BOOST_TEST(count_of(text, "WARN [0] CModbusSettings: ") == (c.text ? 1u : 0u), text);
+        if (c.text)
+            BOOST_TEST(has_text(text, "'" + leaf + "' " + c.text), text);
     }
 }
 
@@ -247,16 +261,31 @@ BOOST_FIXTURE_TEST_CASE(tcp_units, CSettingsStore) {
     unit("h_empty_eds", CElement::from_uint(8), "/Dev", "");
     unit("i_only_separators", CElement::from_uint(9), "/Dev", ";;");
     put(units_node + "j_no_id/Device Path", "/Dev");
+    // Taken, each with a warning.
+    unit("k_text_id", CElement::from_string("12"));
+    unit("l_fraction", CElement::from_float(13.7));
+    unit("m_relative", CElement::from_uint(14), "Dev");
 
     CSubsystemLog log(SS_SETTINGS, 0);
     const CModbusSettings s = read_settings();
     const std::string text = log.text();
 
-    BOOST_REQUIRE(s.tcp().units().size() == 2u);
+    BOOST_REQUIRE(s.tcp().units().size() == 5u);
     BOOST_TEST(s.tcp().units()[0].unit_id() == 0u);
     const CModbusTcpUnitSettings& u = s.tcp().units()[1];
     BOOST_TEST(u.unit_id() == 255u);
     BOOST_TEST((u.eds_paths() == std::vector<tk_string>{"a.eds", "b.eds"}));
+    BOOST_TEST(s.tcp().units()[2].unit_id() == 12u);
+    BOOST_TEST(s.tcp().units()[3].unit_id() == 13u);
+    BOOST_TEST(s.tcp().units()[4].device_path() == "Dev");
+    for (const tk_string& line :
+         {tk_string("k_text_id/Slave ID/Value' is \"12\", a number stored as text; taken as 12"),
+          tk_string("l_fraction/Slave ID/Value' is 13.7, which has a fraction; taken as 13")})
+        BOOST_TEST(has_text(text, "WARN [0] CModbusSettings: '" + units_node + line), text);
+    BOOST_TEST(has_text(text, "WARN [0] CModbusSettings: TCP unit 'm_relative': '" + units_node +
+                                  "m_relative/Device Path/Value' is \"Dev\", not an absolute "
+                                  "store path"),
+               text);
     // Each unit left out is an error at level 0 naming the leaf at fault.
     const tk_string range = ", not a whole number from 0 to 255";
     for (const tk_string& line :

@@ -76,10 +76,16 @@ BOOST_AUTO_TEST_CASE(common_register_keys) {
     bad("Size", "2x");
     bad("BitOffset", "16");
     bad("BitOffset", "-1");
-    // The swaps are switches: anything but 0 or 1 is a typing error, not "on".
-    for (const char* value : {"", "big", "7", "true"}) {
-        bad("Endianness", value);
-        bad("WordOrder", value);
+    // The swaps are on for any text but "" and "0".
+    for (const char* value : {"", "0", "big", "7", "true", "1"}) {
+        const bool on = *value != '\0' && std::string(value) != "0";
+        for (const char* key : {"Endianness", "WordOrder"}) {
+            toolkit::node_map_t node =
+                make_node({{"ExternalValueType", "DATATYPE_UINT"}, {"Size", "4"}});
+            node.emplace(key, value);
+            const auto m = CRegisterMapping::create(node);
+            BOOST_TEST((key[0] == 'E' ? m->swap_bytes() : m->swap_words()) == on, key << value);
+        }
     }
 
     BOOST_TEST(CRegisterMapping::create(

@@ -362,8 +362,8 @@ BOOST_AUTO_TEST_CASE(serial_time_out_zero_still_serves) {
                    CElement::TYPE_UINT, CElement::from_uint(0));
     CServerProcess server(s.store.dir(), {"-Ns"});
     BOOST_TEST(wait_for_voltage(s.port) == 2300);
-    BOOST_TEST(has_text(server.log(), "Serial/Timeout/Value' is 0, not a whole number from 1 to "
-                                      "3600000; using 1000"),
+    BOOST_TEST(has_text(server.log(), "Serial/Timeout/Value' is 0, not a whole number from 1 up; "
+                                      "using 1000"),
                server.log());
     BOOST_TEST(has_text(server.log(), "Serving Modbus TCP on port " + std::to_string(s.port) +
                                           " (units 1, 2), RTU on '" + line.end_a() +
@@ -414,7 +414,105 @@ BOOST_AUTO_TEST_CASE(check_exit_statuses) {
     }
 }
 
-// Every setting that falls back to its default says so at the default level.
+// Spellings that mapping files have always been allowed: they load, each with its old
+// meaning and a warning naming its line; the strict setting refuses the file.
+BOOST_AUTO_TEST_CASE(old_spellings_load_with_their_meaning) {
+    const char* const eds_text =
+        "[Coil]\nName = /C/Value\nAddress = 0\nDiscrete = true\nNegateValue = True\n" // 1-5
+        "[TRUE]\nName = /R0/Value\nAddress = 0\nDiscrete = TRUE\n"                      // 6-9
+        "ExternalValueType = DATATYPE_UINT\nSize = 2\n"                                   // 10-11
+        "[One]\nName = /R1/Value\nAddress = 1\nDiscrete = 1\n"                          // 12-15
+        "ExternalValueType = DATATYPE_UINT\nSize = 2\n"                                   // 16-17
+        "[Big]\nName = /R2/Value\nAddress = 2\nExternalValueType = DATATYPE_UINT\n"     // 18-21
+        "Size = 2\nEndianness = big\n"                                                   // 22-23
+        "[Seven]\nName = /R3/Value\nAddress = 3\nExternalValueType = DATATYPE_UINT\n"   // 24-27
+        "Size = 4\nWordOrder = 7\n"                                                      // 28-29
+        "[Stamp]\nName = /R5/Value\nAddress = 5\nExternalValueType = DATATYPE_TIME\n"   // 30-33
+        "DateSpec = YY\nTimestamp = yes\n"                                               // 34-35
+        "[Minus]\nName = /R6/Value\nAddress = 6\nExternalValueType = DATATYPE_INT\n"    // 36-39
+        "Size = 2\nMultiplier = -10\n"                                                   // 40-41
+        "[Wraps]\nName = /R7/Value\nAddress = 7\nExternalValueType = DATATYPE_UINT\n"   // 42-45
+        "Size = 2\nMultiplier = -1\n";                                                   // 46-47
+    CServerStore s;
+    size_t removed = 0;
+    BOOST_REQUIRE(s.store.store().remove("/Software/Data Servers", true, removed) == 0);
+    clean_store(s);
+    const tk_string eds = s.store.dir().file("spell.eds");
+    write_text(eds, eds_text);
+    CTestStore& st = s.store;
+    st.define("/Software/Data Servers/Modbus/Interface Type/TCP/Mappings/U/EDS Paths/Value",
+              CElement::TYPE_STRING, CElement::from_string(eds));
+    const timeval stamp{981158400, 0}; // 2001-02-03 00:00:00 UTC
+    st.define({{"/D/C/Value", CElement::TYPE_BOOL, CElement::from_bool(true), 0},
+               {"/D/R0/Value", CElement::TYPE_UINT, CElement::from_uint(10), 0},
+               {"/D/R1/Value", CElement::TYPE_UINT, CElement::from_uint(11), 0},
+               {"/D/R2/Value", CElement::TYPE_UINT, CElement::from_uint(0x1234), 0},
+               {"/D/R3/Value", CElement::TYPE_UINT, CElement::from_uint(0x00010002), 0},
+               {"/D/R5/Value", CElement::TYPE_UINT, CElement::from_uint(7, stamp), 0},
+               {"/D/R6/Value", CElement::TYPE_INT, CElement::from_int(12), 0},
+               {"/D/R7/Value", CElement::TYPE_UINT, CElement::from_uint(5), 0}});
+
+    const CRunResult check = run_server(s, {"--check"});
+    BOOST_TEST(check.status == 2, check.err);
+    const std::vector<tk_string> warnings = {
+        eds + ":5: [Coil] NegateValue = True: only \"true\" negates; not negated",
+        eds + ":9: [TRUE] Discrete = TRUE: only \"true\" makes a coil or discrete input; a "
+              "register mapping",
+        eds + ":15: [One] Discrete = 1: only \"true\" makes a coil or discrete input; a "
+              "register mapping",
+        eds + ":23: [Big] Endianness = big: neither 0 nor 1; taken as 1: the bytes of each "
+              "register swapped",
+        eds + ":29: [Seven] WordOrder = 7: neither 0 nor 1; taken as 1: registers in reverse "
+              "order",
+        eds + ":35: [Stamp] Timestamp = yes: neither 0 nor 1; taken as 1: the value's time stamp "
+              "is mapped",
+        eds + ":47: [Wraps] Multiplier = -1: negative on an unsigned value, which wraps around; "
+              "taken as written",
+    };
+    for (const tk_string& w : warnings)
+        BOOST_TEST(has_text(check.err, w + "\n"), w << "\n" << check.err);
+    BOOST_TEST(std::count(check.err.begin(), check.err.end(), '\n') == long(warnings.size()),
+               check.err);
+
+    {
+        CServerProcess server(s.store.dir(), {"-Ns"});
+        modbus_t* ctx = modbus_new_tcp("127.0.0.1", s.port);
+        modbus_set_slave(ctx, 5);
+        modbus_set_response_timeout(ctx, 1, 0);
+        bool up = false;
+        for (int i = 0; i < 100 && !up; ++i) {
+            up = modbus_connect(ctx) == 0;
+            if (!up)
+                std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        }
+        BOOST_REQUIRE_MESSAGE(up, server.log());
+        uint8_t coil = 0;
+        BOOST_TEST(modbus_read_bits(ctx, 0, 1, &coil) == 1);
+        BOOST_TEST(coil == 1); // not negated
+        uint16_t regs[8] = {};
+        BOOST_TEST(modbus_read_registers(ctx, 0, 8, regs) == 8, modbus_strerror(errno));
+        const std::vector<uint16_t> got(regs, regs + 8);
+        const std::vector<uint16_t> expected = {10, 11, 0x3412, 0x0002, 0x0001, 2001, 0xff88,
+                                                0xfffb};
+        BOOST_TEST(got == expected, boost::test_tools::per_element());
+        modbus_close(ctx);
+        modbus_free(ctx);
+    }
+
+    // Strict: the first likely mistake stops the start.
+    st.define("/Software/Data Servers/Modbus/Strict Mapping Files/Value", CElement::TYPE_BOOL,
+              CElement::from_bool(true));
+    CServerProcess strict(s.store.dir(), {"-Ns"});
+    BOOST_TEST(strict.wait(5000) == 1, strict.log());
+    BOOST_TEST(has_text(strict.log(), "Error parsing EDS file: '" + eds + "': " + eds +
+                                          ":5: [Coil] NegateValue = True: only \"true\" "
+                                          "negates (mapping files are strict)"),
+               strict.log());
+    BOOST_TEST(!has_text(strict.log(), ":9: [TRUE]"), strict.log());
+}
+
+// Every setting that falls back to its default, or is taken though likely a mistake, says so
+// at the default level.
 BOOST_AUTO_TEST_CASE(wrong_settings_are_warned_about) {
     const tk_string modbus = "/Software/Data Servers/Modbus/";
     const struct {
@@ -426,7 +524,7 @@ BOOST_AUTO_TEST_CASE(wrong_settings_are_warned_about) {
          "is \"abc\", not a whole number from 1 to 65535; using 502"},
         {port_path, CElement::from_int(-1), "is -1, not"},
         {port_path, CElement::from_bool(true), "is true, not"},
-        {port_path, CElement::from_float(502.5), "is 502.5, not"},
+        {port_path, CElement::from_float(502.5), "is 502.5, which has a fraction; taken as 502"},
         {serial_iface + "/Parity/Value", CElement::from_string("X"),
          "is \"X\", not one of None, Odd, Even; using None"},
         {serial_iface + "/Parity/Value", CElement::from_string("odd"), "is \"odd\", not"},
@@ -439,7 +537,7 @@ BOOST_AUTO_TEST_CASE(wrong_settings_are_warned_about) {
         {modbus + "Interface Type/Serial/Timeout/Value", CElement::from_int(-1), "is -1, not"},
         {modbus + "Interface Type/Serial/Timeout/Value", CElement::from_uint(0), "is 0, not"},
         {modbus + "Zero Fill Default/Value", CElement::from_string("abc"),
-         "is \"abc\", not true or false; using false"},
+         "is \"abc\", not true or false; taken as false"},
     };
     for (const auto& c : cases) {
         CServerStore s(false);

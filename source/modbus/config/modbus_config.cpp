@@ -83,7 +83,7 @@ void CModbusConfig::parse(const CModbusSettings& settings, eds_map_t& eds_map) {
         assert(!eds_map.count(edspath));
         std::shared_ptr<const CEdsMapping> eds;
         try {
-            eds = std::make_shared<const CEdsMapping>(edspath);
+            eds = std::make_shared<const CEdsMapping>(edspath, settings.strict_mapping_files());
         } catch (...) { // whatever a broken file throws, the start-up reports it the same way
             LOG_ERR(SS_CONFIG, 0, "Error parsing EDS file: '%s'", edspath.c_str());
             failed = true;

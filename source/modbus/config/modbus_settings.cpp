@@ -4,7 +4,9 @@
 #include <boost/asio/ip/address.hpp>
 
 #include <algorithm>
+#include <cctype>
 #include <cmath>
+#include <cstdlib>
 #include <string>
 
 using toolkit::CElement;
@@ -13,6 +15,7 @@ namespace {
 
 const char* const zero_fill_node = "/Software/Data Servers/Modbus/Zero Fill Default";
 const char* const block_writes_node = "/Software/Data Servers/Modbus/Block Writes";
+const char* const strict_node = "/Software/Data Servers/Modbus/Strict Mapping Files";
 const char* const port_node =
     "/Software/System Settings/Network/Firewall Settings/Protocol/Modbus/Port/Value";
 const char* const tcp_node = "/Software/Data Servers/Modbus/Interface Type/TCP";
@@ -21,8 +24,8 @@ const char* const serial_node = "/Software/Data Servers/Modbus/Interface Type/Se
 // The name the settings' diagnostics carry, whichever helper finds the problem.
 const char* const log_name = "CModbusSettings";
 
-// A response time-out above an hour is a typing error, not a wish.
-const uint32_t max_timeout_ms = 3600000;
+// A response time-out above an hour is more likely a typing error than a wish.
+const uint32_t likely_timeout_ms = 3600000;
 const uint32_t max_baud_rate = 4000000;
 // A connection silent for longer than a day is as good as never closed.
 const uint32_t max_idle_s = 86400;
@@ -73,9 +76,11 @@ void fall_back(const tk_string& node, const boost::optional<CElement>& el, const
                     used.c_str());
 }
 
-// A whole number within [min, max]: an integer, or a float without a fraction. Texts and
-// bools are not numbers here, so that "abc" or true never becomes a port.
-bool whole_number(const CElement& el, uint64_t min, uint64_t max, uint64_t& out) {
+// A number within [min, max]: an integer, or a float, whose fraction is cut off as the store
+// converts it (`cut` tells that it had one). Texts and bools are not numbers here, so that
+// "abc" or true never becomes a port.
+bool whole_number(const CElement& el, uint64_t min, uint64_t max, uint64_t& out,
+                  bool* cut = nullptr) {
     switch (el.type()) {
     case CElement::TYPE_UINT:
         out = el.to_uint();
@@ -88,9 +93,11 @@ bool whole_number(const CElement& el, uint64_t min, uint64_t max, uint64_t& out)
     case CElement::TYPE_FLOAT: {
         const double d = el.to_float();
         // 2^64: every double below it converts without overflow.
-        if (!(d >= 0 && d < 18446744073709551616.0) || d != std::floor(d))
+        if (!(d >= 0 && d < 18446744073709551616.0))
             return false;
         out = static_cast<uint64_t>(d);
+        if (cut != nullptr)
+            *cut = d != std::floor(d);
         break;
     }
     default:
@@ -99,15 +106,27 @@ bool whole_number(const CElement& el, uint64_t min, uint64_t max, uint64_t& out)
     return out >= min && out <= max;
 }
 
-// A numeric setting within [min, max], or def after saying why.
+// A numeric setting within [min, max], or def after saying why. Above `likely` (and within
+// max) the value is taken, with a warning that it looks like a mistake.
 uint32_t read_number(CCdsHandle& cds, const tk_string& node, uint32_t def, uint32_t min,
-                     uint32_t max, absent_t absent) {
+                     uint32_t max, absent_t absent, uint32_t likely = UINT32_MAX) {
     const auto el = read_setting(cds, node);
     uint64_t v = 0;
-    if (el && whole_number(*el, min, max, v))
+    bool cut = false;
+    if (el && whole_number(*el, min, max, v, &cut)) {
+        if (cut)
+            MB_LOG_CALL(warn, SS_SETTINGS, 0, log_name,
+                        "'%s' is %s, which has a fraction; taken as %llu",
+                        value_path(node).c_str(), shown(*el).c_str(),
+                        static_cast<unsigned long long>(v));
+        if (v > likely)
+            MB_LOG_CALL(warn, SS_SETTINGS, 0, log_name,
+                        "'%s' is %s, more than %u; taken as it is", value_path(node).c_str(),
+                        shown(*el).c_str(), likely);
         return static_cast<uint32_t>(v);
-    const tk_string expected =
-        "a whole number from " + std::to_string(min) + " to " + std::to_string(max);
+    }
+    const tk_string expected = "a whole number from " + std::to_string(min) +
+                               (max == UINT32_MAX ? " up" : " to " + std::to_string(max));
     fall_back(node, el, expected.c_str(), std::to_string(def), absent);
     return def;
 }
@@ -173,6 +192,12 @@ bool read_device_path(CCdsHandle& cds, const tk_string& node, const tk_string& w
     path = el->str();
     if (path.empty())
         return leave_out(who, leaf, "is empty");
+    // Store paths are absolute: a relative one names leaves nobody can have.
+    if (path[0] != '/')
+        MB_LOG_CALL(warn, SS_SETTINGS, 0, log_name,
+                    "%s: '%s' is \"%s\", not an absolute store path (such as /Devices/Power); "
+                    "its mappings name leaves that cannot exist",
+                    who.c_str(), value_path(leaf).c_str(), path.c_str());
     return true;
 }
 
@@ -183,7 +208,21 @@ bool read_address(CCdsHandle& cds, const tk_string& node, const tk_string& who, 
     const auto el = read_setting(cds, leaf);
     if (!el)
         return leave_out(who, leaf, "is missing");
-    if (!whole_number(*el, min, max, out)) {
+    // A number stored as text ("3") is the number, as the store converts it.
+    char* end = nullptr;
+    const tk_string text = el->is_string() ? el->str() : tk_string();
+    const double d = std::strtod(text.c_str(), &end);
+    const bool numeric_text = !text.empty() && *end == '\0' && d == d;
+    const CElement number = numeric_text ? CElement::from_float(d) : *el;
+    bool cut = false;
+    if (whole_number(number, min, max, out, &cut) && (numeric_text || cut)) {
+        MB_LOG_CALL(warn, SS_SETTINGS, 0, log_name, "'%s' is %s%s; taken as %llu",
+                    value_path(leaf).c_str(), shown(*el).c_str(),
+                    numeric_text ? ", a number stored as text" : ", which has a fraction",
+                    static_cast<unsigned long long>(out));
+        return true;
+    }
+    if (!whole_number(number, min, max, out)) {
         const tk_string expected =
             "a whole number from " + std::to_string(min) + " to " + std::to_string(max);
         return leave_out(who, leaf, *el, expected.c_str());
@@ -191,19 +230,34 @@ bool read_address(CCdsHandle& cds, const tk_string& node, const tk_string& who, 
     return true;
 }
 
-// A bool, or the texts and numbers people write for one; false when absent.
+// Whether a text that the store reads as false says so ("false", "No", " off", "0", "0.0"),
+// rather than being something else that is not true either.
+bool says_false(const tk_string& text) {
+    tk_string t;
+    for (char c : text)
+        if (c != ' ' && c != '\t')
+            t += static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    if (t == "false" || t == "no" || t == "off")
+        return true;
+    char* end = nullptr;
+    const double d = std::strtod(t.c_str(), &end);
+    return !t.empty() && *end == '\0' && d == 0.0;
+}
+
+// A switch as the store reads a bool (CElement::to_bool): a number is on unless 0; a text
+// such as "true", "Yes", "on" or "1" is on, "false", "no", "off" or "0" off. A text that is
+// none of these is off, with a warning; absent, it is def.
 bool read_switch(CCdsHandle& cds, const tk_string& node, const char* label, bool def = false) {
     const auto el = read_setting(cds, node);
     bool on = def;
-    uint64_t n = 0;
-    if (el && el->is_bool())
-        on = el->to_bool();
-    else if (el && el->is_string() && (el->str() == "true" || el->str() == "false"))
-        on = el->str() == "true";
-    else if (el && whole_number(*el, 0, 1, n))
-        on = n == 1;
-    else
+    if (!el) {
         fall_back(node, el, "true or false", def ? "true" : "false", absent_t::info);
+    } else {
+        on = el->to_bool();
+        if (el->is_string() && !on && !says_false(el->str()))
+            MB_LOG_CALL(warn, SS_SETTINGS, 0, log_name, "'%s' is %s, not true or false; taken as "
+                        "false", value_path(node).c_str(), shown(*el).c_str());
+    }
     LOG_DEBUG(SS_SETTINGS, 3, "%s: %u", label, on ? 1u : 0u);
     return on;
 }
@@ -212,7 +266,9 @@ bool read_switch(CCdsHandle& cds, const tk_string& node, const char* label, bool
 
 CModbusSettings::CModbusSettings(CCdsHandle& cds)
     : _zero_fill(read_switch(cds, zero_fill_node, "Zero fill default")),
-      _block_writes(read_switch(cds, block_writes_node, "Block writes")), _tcp(cds), _serial(cds) {
+      _block_writes(read_switch(cds, block_writes_node, "Block writes")),
+      _strict_mapping_files(read_switch(cds, strict_node, "Strict mapping files")), _tcp(cds),
+      _serial(cds) {
     bool any = !_tcp.units().empty();
     for (const CModbusSerialInterfaceSettings& iface : _serial.interfaces())
         any = any || !iface.slaves().empty();
@@ -228,8 +284,8 @@ CModbusTcpSettings::CModbusTcpSettings(CCdsHandle& cds) : _security(cds) {
     _port = read_number(cds, port_node, _port, 1, 0xFFFF, absent_t::warn);
     LOG_DEBUG(SS_SETTINGS, 3, "TCP listening port: %u", _port);
     // 0 is legal: requests then wait for the store without limit.
-    _timeout = read_number(cds, tk_string(tcp_node) + "/Timeout", _timeout, 0, max_timeout_ms,
-                           absent_t::warn);
+    _timeout = read_number(cds, tk_string(tcp_node) + "/Timeout", _timeout, 0, UINT32_MAX,
+                           absent_t::warn, likely_timeout_ms);
     LOG_DEBUG(SS_SETTINGS, 3, "TCP timeout: %u", _timeout);
     read_listener(cds);
     for (const tk_string& idstr : children(cds, tk_string(tcp_node) + "/Mappings")) {
@@ -392,8 +448,9 @@ CModbusSerialSettings::CModbusSerialSettings(CCdsHandle& cds) {
     }
     // A time-out of 0 would leave a line with a request stuck for good; without interfaces
     // the value does not matter.
-    _timeout = read_number(cds, tk_string(serial_node) + "/Timeout", _timeout, 1, max_timeout_ms,
-                           _interfaces.empty() ? absent_t::info : absent_t::warn);
+    _timeout = read_number(cds, tk_string(serial_node) + "/Timeout", _timeout, 1, UINT32_MAX,
+                           _interfaces.empty() ? absent_t::info : absent_t::warn,
+                           likely_timeout_ms);
     LOG_DEBUG(SS_SETTINGS, 3, "Serial timeout: %u", _timeout);
 }
 

@@ -181,12 +181,15 @@ public:
     bool zero_fill() const { return _zero_fill; }
     // Function 16 (and 23's write) may span several parameters, all written or none.
     bool block_writes() const { return _block_writes; }
+    // Likely mistakes in mapping files are errors rather than warnings; false by default.
+    bool strict_mapping_files() const { return _strict_mapping_files; }
     const CModbusTcpSettings& tcp() const { return _tcp; }
     const CModbusSerialSettings& serial() const { return _serial; }
 
 private:
     bool _zero_fill;
     bool _block_writes;
+    bool _strict_mapping_files;
     CModbusTcpSettings _tcp;
     CModbusSerialSettings _serial;
 };

@@ -5,7 +5,9 @@
 
 #include <algorithm>
 #include <cassert>
+#include <cerrno>
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
 #include <memory>
 
@@ -25,9 +27,87 @@ bool known_key(const tk_string& key) {
     return false;
 }
 
+// A likely mistake found at a key: what is wrong, and the meaning the value is given.
+struct mistake_t {
+    unsigned line;
+    const char* key;
+    tk_string why;
+    tk_string taken;
+};
+
+// "true"/"false" keys: anything but "true" is false.
+void check_yes_no(const toolkit::node_map_t& node, const char* key, const char* does,
+                  const char* taken, std::vector<mistake_t>& out) {
+    const auto it = node.find(key);
+    if (it != node.end() && it->second != "true" && it->second != "false")
+        out.push_back({node.line_of(key), key, tk_string("only \"true\" ") + does, taken});
+}
+
+// "0"/"1" keys: any other non-empty text is on, an empty one off.
+void check_switch(const toolkit::node_map_t& node, const char* key, const char* on,
+                  const char* off, std::vector<mistake_t>& out) {
+    const auto it = node.find(key);
+    if (it == node.end() || it->second == "0" || it->second == "1")
+        return;
+    const bool set = !it->second.empty();
+    out.push_back({node.line_of(key), key, set ? "neither 0 nor 1" : "empty",
+                   tk_string(set ? "taken as 1: " : "taken as 0: ") + (set ? on : off)});
+}
+
+// A number as the mapping files write it, or false.
+bool parse_index(const tk_string& text, unsigned long long& out) {
+    char* end = nullptr;
+    errno = 0;
+    out = std::strtoull(text.c_str(), &end, 0);
+    return !text.empty() && text[0] != '-' && *end == '\0' && errno == 0;
+}
+
 } // namespace
 
-CEdsMapping::CEdsMapping(const tk_string& path) {
+void CEdsMapping::check_spellings(const toolkit::node_map_t& node, bool strict) {
+    std::vector<mistake_t> found;
+    for (const auto& kv : node)
+        if (!known_key(kv.first))
+            found.push_back({node.line_of(kv.first), kv.first.c_str(), "unknown key", "ignored"});
+    const bool event = node.count("EventIndex") != 0;
+    if (!event)
+        check_yes_no(node, "Discrete", "makes a coil or discrete input", "a register mapping",
+                     found);
+    if (!event && CMapUtil::boolean(node, "Discrete"))
+        check_yes_no(node, "NegateValue", "negates", "not negated", found);
+    check_switch(node, "Endianness", "the bytes of each register swapped", "bytes not swapped",
+                 found);
+    check_switch(node, "WordOrder", "registers in reverse order", "registers in order", found);
+    check_switch(node, "Timestamp", "the value's time stamp is mapped", "the value is mapped",
+                 found);
+    const auto type = node.find("ExternalValueType");
+    if (!event && type != node.end() && type->second == "DATATYPE_UINT") {
+        for (const char* key : {"Multiplier", "Divider"}) {
+            const auto it = node.find(key);
+            if (it != node.end() && !it->second.empty() && it->second[0] == '-')
+                found.push_back({node.line_of(key), key,
+                                 "negative on an unsigned value, which wraps around",
+                                 "taken as written"});
+        }
+    }
+    unsigned long long index = 0;
+    if (event && parse_index(node.find("EventIndex")->second, index) &&
+        index >= CEventMapping::max_events)
+        found.push_back({node.line_of("EventIndex"), "EventIndex",
+                         "older than the " + std::to_string(CEventMapping::max_events) +
+                             " newest events the server keeps",
+                         "reads as an empty slot"});
+    // In file order, whatever order the hash gives.
+    std::stable_sort(found.begin(), found.end(),
+                     [](const mistake_t& a, const mistake_t& b) { return a.line < b.line; });
+    for (const mistake_t& m : found) {
+        if (strict)
+            CMapUtil::fail(node, m.key, m.why + " (mapping files are strict)");
+        CMapUtil::warn(node, m.key, m.why + "; " + m.taken);
+    }
+}
+
+CEdsMapping::CEdsMapping(const tk_string& path, bool strict) {
     LOG_STACK();
     toolkit::CEds eds;
     if (eds.open(path) != 0) {
@@ -49,7 +129,7 @@ CEdsMapping::CEdsMapping(const tk_string& path) {
                     eds.error().c_str());
             throw generic_err();
         }
-        warn_unknown_keys(node);
+        check_spellings(node, strict);
         const bool discrete = CMapUtil::boolean(node, "Discrete");
         if (node.count("EventIndex"))
             add_event_mapping(node, events);
@@ -61,17 +141,6 @@ CEdsMapping::CEdsMapping(const tk_string& path) {
     _registers = index(path, "registers", registers);
     _discretes = index(path, "discretes", discretes);
     _events = index(path, nullptr, events);
-}
-
-void CEdsMapping::warn_unknown_keys(const toolkit::node_map_t& node) {
-    std::vector<std::pair<unsigned, const char*>> unknown;
-    for (const auto& kv : node)
-        if (!known_key(kv.first))
-            unknown.emplace_back(node.line_of(kv.first), kv.first.c_str());
-    // In file order, whatever order the hash gives.
-    std::sort(unknown.begin(), unknown.end());
-    for (const auto& u : unknown)
-        CMapUtil::warn(node, u.second, "unknown key, ignored");
 }
 
 template <class T>
@@ -167,5 +236,5 @@ size_t CEdsMapping::max_event_index() const {
         if (ev.second->index() > max)
             max = ev.second->index();
     }
-    return max;
+    return std::min(max, CEventMapping::max_events - 1);
 }

@@ -9,9 +9,16 @@
 // A lookup returns every mapping that shares an address with the range asked for, in
 // first-address order (CIntervalIndex). Overlapping mappings of one kind are legal:
 // where they overlap the lower id (the earlier node) wins, which the result sets decide;
-// warn_overlaps() names each pair. Keys no mapping reads are warned about while the file
-// loads. The object is complete after construction and never changes; it
-// may be shared read-only.
+// warn_overlaps() names each pair.
+//
+// Every value that has a meaning loads with that meaning. While the file loads, the
+// spellings that are likely mistakes are warned about, with the meaning taken: a key no
+// mapping reads (a misspelt "Multipler"), a yes/no key that is neither "true" nor "false"
+// ("NegateValue = True" does not negate), a switch that is neither "0" nor "1"
+// ("Endianness = big" swaps), a negative scale on an unsigned value, an event older than
+// the queue keeps. With `strict` each of them is an error instead.
+//
+// The object is complete after construction and never changes; it may be shared read-only.
 #include "modbus/address_range/interval_index.h"
 #include "modbus/map/event_mapping.h"
 #include "modbus/map/param_discrete_mapping.h"
@@ -35,8 +42,9 @@ public:
 
     // Parses the file; throws generic_err, after one error line that starts with "Error
     // parsing EDS file: '<path>'" and names the line, section, key and reason, when it
-    // cannot be opened or read, or when any node is not a valid mapping.
-    explicit CEdsMapping(const tk_string& path);
+    // cannot be opened or read, when any node is not a valid mapping, and with `strict`
+    // at the first likely mistake.
+    explicit CEdsMapping(const tk_string& path, bool strict = false);
 
     // r must have first <= second.
     register_iterrange_t get_register_mappings(CAddressRange r) const;
@@ -48,7 +56,8 @@ public:
     // it once per file; a tool that only reads the map need not.
     size_t warn_overlaps() const;
 
-    // The largest "EventIndex" of the file; 0 without event mappings.
+    // The largest "EventIndex" of the file, at most CEventMapping::max_events - 1; 0
+    // without event mappings.
     size_t max_event_index() const;
 
     // The node's "Address" extended to naddrs consecutive addresses; fails
@@ -70,8 +79,8 @@ private:
                                      pendvec_t<CParamDiscreteMapping>& out);
     static void add_register_mapping(const toolkit::node_map_t& node, size_t id,
                                      pendvec_t<CParamRegisterMapping>& out);
-    // Warns about the keys of node that no mapping reads.
-    static void warn_unknown_keys(const toolkit::node_map_t& node);
+    // Warns about (strict: fails at) the likely mistakes of node, in file order.
+    static void check_spellings(const toolkit::node_map_t& node, bool strict);
     // Notes each pair of overlapping items for warn_overlaps (`what`: "registers",
     // "discretes"; nullptr: none), then builds the index.
     template <class T>

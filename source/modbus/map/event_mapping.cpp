@@ -3,6 +3,7 @@
 #include "util/log.h"
 
 #include <cassert>
+#include <limits>
 #include <string_view>
 
 namespace {
@@ -31,8 +32,11 @@ CEventMapping::CEventMapping(const toolkit::node_map_t& node) {
             _property = p;
     if (_property == 0)
         CMapUtil::fail(node, "EventProperty", "not one of ID, Time, Cause, Param, WaveformID");
-    // The event queue holds max index + 1 slots: keep it to what a register address can name.
-    _index = static_cast<size_t>(CMapUtil::num(node, "EventIndex", 0, 65535));
+    const auto iindex = node.find("EventIndex");
+    if (iindex != node.end() && !iindex->second.empty() && iindex->second[0] == '-')
+        CMapUtil::fail(node, "EventIndex", "negative (0 is the newest event)");
+    _index = static_cast<size_t>(
+        CMapUtil::num(node, "EventIndex", 0, std::numeric_limits<long>::max()));
     LOG_DEBUG(SS_MAPPING, 9, "Creating event mapping (%zu:%s)", _index, iprop->second.c_str());
     _mapping = CRegisterMapping::create(node);
 }

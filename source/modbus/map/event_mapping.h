@@ -19,14 +19,19 @@ class CEventMapping {
 public:
     enum property_t : unsigned { ID = 1, TIME, CAUSE, PARAM, WAVEFORM_ID };
 
-    // Fails (CMapUtil::fail) for a missing or unknown "EventProperty", a missing, negative
-    // or above 65535 "EventIndex", and when the translator cannot be built.
+    // The event queue keeps this many events at most; a mapping of an older one reads as
+    // an empty slot.
+    static constexpr size_t max_events = 65536;
+
+    // Fails (CMapUtil::fail) for a missing or unknown "EventProperty", a missing or negative
+    // "EventIndex", and when the translator cannot be built.
     explicit CEventMapping(const toolkit::node_map_t& node);
     virtual ~CEventMapping() = default;
 
     size_t reg_count() const;
     // The property of the indexed event, laid out without units conversion in reg_count()
-    // registers at out. The queue must have a slot at index(). Allocates nothing.
+    // registers at out; an index beyond the queue's slots reads as an empty slot. Allocates
+    // nothing.
     void to_registers(const CEventQueue& events, mbreg_t* out) const;
     toolkit::CElement get_mapped_data(const CEventQueue& events) const;
 

@@ -53,26 +53,23 @@ long CMapUtil::num(const toolkit::node_map_t& node, const char* key, long min, l
 
 bool CMapUtil::flag(const toolkit::node_map_t& node, const char* key) {
     const auto it = node.find(key);
-    if (it == node.end())
-        return false;
-    if (it->second != "0" && it->second != "1")
-        fail(node, key, "must be 0 or 1");
-    return it->second == "1";
+    return it != node.end() && !it->second.empty() && it->second != "0";
 }
 
 bool CMapUtil::boolean(const toolkit::node_map_t& node, const char* key) {
     const auto it = node.find(key);
-    if (it == node.end())
-        return false;
-    if (it->second != "true" && it->second != "false")
-        fail(node, key, "must be true or false");
-    return it->second == "true";
+    return it != node.end() && it->second == "true";
 }
 
 int32_t CMapUtil::scale(const toolkit::node_map_t& node, const char* key) {
     if (node.find(key) == node.end())
         return 0;
-    return static_cast<int32_t>(num(node, key, 1, std::numeric_limits<int32_t>::max()));
+    const long v = num(node, key, std::numeric_limits<int32_t>::min(),
+                       std::numeric_limits<int32_t>::max());
+    // 0 would mean "no scaling" in one place and a division by zero in another.
+    if (v == 0)
+        fail(node, key, "must not be 0 (leave the key out for no scaling)");
+    return static_cast<int32_t>(v);
 }
 
 int CMapUtil::units(const toolkit::node_map_t& node, tk_string& text) {

@@ -3,8 +3,10 @@
 // reordering registers. The register helpers work on caller-owned buffers, so that a
 // translation allocates nothing.
 //
-// A mapping file is user input: every value it can get wrong is refused through fail(),
-// which logs one error naming the file, line, section and key, then throws generic_err.
+// A mapping file is user input. A value that no meaning can be given is refused through
+// fail(), which logs one error naming the file, line, section and key, then throws
+// generic_err. The readers below give every other value the meaning it has always had;
+// CEdsMapping warns about the spellings that are likely mistakes.
 #include "modbus/modbus_types.h"
 
 #include "toolkit/eds.h"
@@ -28,12 +30,13 @@ public:
     // range.
     static long num(const toolkit::node_map_t& node, const char* key, long min, long max);
 
-    // A switch key: false when absent; present, it must be "0" or "1".
+    // A switch key: on when present with a value other than "" and "0" ("1", but also
+    // "big" or "7").
     static bool flag(const toolkit::node_map_t& node, const char* key);
-    // A yes/no key: false when absent; present, it must be "true" or "false".
+    // A yes/no key: on only when its value is exactly "true" ("True" and "1" are off).
     static bool boolean(const toolkit::node_map_t& node, const char* key);
 
-    // "Multiplier" or "Divider": 0 (none) when absent; present, 1 to 2^31 - 1.
+    // "Multiplier" or "Divider": 0 (none) when absent; present, any 32-bit integer but 0.
     static int32_t scale(const toolkit::node_map_t& node, const char* key);
 
     // "Units": KVR_UNITS_NONE when absent; a text the store does not know fails.
