@@ -8,7 +8,9 @@ packages=(
     libboost1.74-dev libboost-system1.74-dev libboost-thread1.74-dev
     libboost-test1.74-dev libboost-random1.74-dev libboost-date-time1.74-dev
     libsqlite3-dev sqlite3 nlohmann-json3-dev libinih-dev libssl-dev openssl
-    libbenchmark-dev libmodbus-dev socat mbpoll python3-pymodbus
+    libbenchmark-dev libmodbus-dev socat mbpoll iproute2
+    # pymodbus's client imports serial_asyncio, which its package only recommends
+    python3-pymodbus python3-serial-asyncio
     "$@"
 )
 
