@@ -12,10 +12,16 @@ CIoManager::~CIoManager() {
         close(actor);
 }
 
-void CIoManager::run() {
+bool CIoManager::run() {
     LOG_STACK();
     _service.restart();
-    _service.run();
+    try {
+        _service.run();
+    } catch (const std::exception& e) {
+        LOG_ERR(SS_IO_SYSTEM, 0, "The event loop ended: %s", e.what());
+        return false;
+    }
+    return true;
 }
 
 void CIoManager::add(const std::shared_ptr<CIoActor>& actor) {

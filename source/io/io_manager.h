@@ -15,8 +15,10 @@ public:
     CIoManager(const CIoManager&) = delete;
     CIoManager& operator=(const CIoManager&) = delete;
 
-    // Runs the loop until quit() or until no work is left.
-    void run();
+    // Runs the loop until quit() or until no work is left: true. False, after logging it,
+    // when a handler failed with an exception, which ends the loop: the process cannot know
+    // what the handler left half done and must end with a failure.
+    bool run();
     void add(const std::shared_ptr<CIoActor>& actor);
     // Closes the actor and drops it. An actor whose close fails is dropped all the same.
     void close(const std::shared_ptr<CIoActor>& actor);

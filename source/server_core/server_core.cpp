@@ -23,6 +23,8 @@
 #include "util/systemd_notify.h"
 #include "util/util.h"
 
+#include "toolkit/kvr.h"
+
 #include <algorithm>
 #include <cassert>
 #include <chrono>
@@ -172,7 +174,7 @@ void CServerCore::start(int argc, const char* const* argv) {
     }
     try {
         _ev_queue.reset(new CEventQueue(static_cast<unsigned>(_cfg->max_event_index() + 1),
-                                        _options->event_log()));
+                                        event_log_path()));
     } catch (const generic_err&) {
         LOG_ERR(SS_DEFAULT, 0, "Couldn't read the event log");
         throw init_err();
@@ -390,9 +392,9 @@ tk_string CServerCore::attach(CIoManager& manager) {
     }
     _cds_thread->create_actor(manager);
     // The event registers follow the event log while the server runs.
-    if (_ev_queue && _cfg->has_events() && _options && !_options->event_log().empty()) {
+    if (_ev_queue && _cfg->has_events() && _options) {
         manager.add(
-            CEventRefresher::create(manager, *_ev_queue, _options->event_log(),
+            CEventRefresher::create(manager, *_ev_queue, event_log_path(),
                                     [this](cmd_ptr_t cmd) { add_cds_cmd(std::move(cmd), false); }));
     }
     tk_string summary;
@@ -438,13 +440,21 @@ bool CServerCore::main() {
         if (_launch)
             _launch->ready();
         _systemd.notify("READY=1");
-        manager.run();
+        // A loop that ended without a signal is a failure, so that a service manager
+        // restarts the server.
+        const bool served = manager.run();
         _systemd.notify("STOPPING=1");
+        return served;
     } catch (const boost::system::system_error& e) {
-        LOG_THREAD(err, 0, "System error encountered in I/O manager");
-        LOG_THREAD(err, 0, "%s", e.what());
+        LOG_THREAD(err, 0, "Couldn't set up the event loop: %s", e.what());
+        return false;
     }
-    return true;
+}
+
+tk_string CServerCore::event_log_path() const {
+    // The store file holds the event log unless the command line names another, as for
+    // cdsctl and the device's other programs.
+    return _options && !_options->event_log().empty() ? _options->event_log() : kvr_store_path();
 }
 
 void CServerCore::shutdown() {

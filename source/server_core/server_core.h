@@ -49,7 +49,7 @@ public:
     // The TCP port listened on, once attached.
     uint16_t tcp_port() const { return _tcp_port; }
     // Serves until a terminating signal (at once when one came during start-up); false when
-    // the transports could not be set up.
+    // the transports could not be set up or the event loop failed.
     bool main();
     // Stops the CDS thread (5 seconds at most) and lets go of the store.
     void shutdown();
@@ -69,6 +69,8 @@ private:
     int check();
     int print_statistics_leaves();
     tk_string add_transports(CIoManager& manager);
+    // The event log: -e's file, else the store's.
+    tk_string event_log_path() const;
 
     std::unique_ptr<CServerOptions> _options;
     std::unique_ptr<CThreadBase> _cds_thread;

@@ -116,7 +116,7 @@ CServerOptions::CServerOptions(int argc, const char* const* argv) {
             parse_str(_user));
     add_opt({"-e", "--event-log"}, "[-e <path>]", "Read historical events from this log",
             "The event log file whose newest events the event registers present; without it "
-            "no events are read.",
+            "the store's own (CDS_STORE), where cdsctl adds events.",
             {}, parse_str(_event_log));
     parse(argc, argv);
 }

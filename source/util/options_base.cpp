@@ -1,5 +1,6 @@
 #include "util/options_base.h"
 
+#include "util/build_info.h"
 #include "util/option_helpers.h"
 
 #include <algorithm>
@@ -11,7 +12,7 @@ const char* const COptionsBase::subsystem_strings[SS_COUNT] = {
     "default",   "libcds",          "cds_handle",   "serial_io",      "tcp_io",
     "io_system", "settings",        "config",       "mapping",        "maplist",
     "protocol",  "serial_protocol", "tcp_protocol", "function_codes", "cds_thread"};
-const char* const COptionsBase::version_string = "2.0.0";
+const char* const COptionsBase::version_string = MB_VERSION;
 const char* const COptionsBase::build_date = "Feb  9 2017";
 const char* const COptionsBase::build_time = "17:11:59";
 const char* const COptionsBase::revision_line = "$Revision: 54292 $\n";

@@ -173,7 +173,7 @@ BOOST_FIXTURE_TEST_CASE(wrong_global_values_warn, CSettingsStore) {
         {TCP_TIMEOUT, CElement::from_string(""), 1000, "is \"\", not"},
         {TCP_TIMEOUT, CElement::from_float(0.5), 0, "is 0.5, which has a fraction; taken as 0"},
         {TCP_TIMEOUT, CElement::from_uint(1u << 31), 1u << 31, "is 2147483648, more than"},
-        {ZERO_FILL, CElement::from_string("abc"), 0, "is \"abc\", not true or false; taken as false"},
+        {ZERO_FILL, CElement::from_string("abc"), 0, "is \"abc\", not true or false; using false"},
         {ZERO_FILL, CElement::from_string("yes"), 1, nullptr},
         {ZERO_FILL, CElement::from_string("True"), 1, nullptr},
         {ZERO_FILL, CElement::from_string("off"), 0, nullptr},

@@ -4,6 +4,7 @@
 #include "modbus/core/modbus_function.h"
 #include "support/subsystem_log.h"
 #include "test/global_test_data.h"
+#include "util/build_info.h"
 
 #include <boost/test/unit_test.hpp>
 
@@ -757,11 +758,30 @@ BOOST_FIXTURE_TEST_CASE(mask_write_and_read_write, CCore) {
 
 // 17 and 43/14 read the unit's identification leaves; what the store lacks reads as its
 // default.
+// Appends object id, length and text to an identification answer.
+void add_object(iobuf_t& out, uint8_t id, const tk_string& text) {
+    out.push_back(id);
+    out.push_back(static_cast<uint8_t>(text.size()));
+    out.insert(out.end(), text.begin(), text.end());
+}
+
 BOOST_FIXTURE_TEST_CASE(identification, CCore) {
+    // Without identification leaves the program's own: the unit id, running, its name; the
+    // three objects every device reports.
     BOOST_TEST(request(ups(), 0x11, {}) == MB_NO_ERROR);
-    BOOST_TEST((pdu.data == iobuf_t{2, 1, 0xFF})); // the unit id, running, no text
+    const tk_string own = MB_PRODUCT_NAME " " MB_VERSION;
+    iobuf_t own_id{static_cast<uint8_t>(2 + own.size()), 1, 0xFF};
+    own_id.insert(own_id.end(), own.begin(), own.end());
+    BOOST_TEST(pdu.data == own_id);
     BOOST_TEST(request(ups(), 0x2B, {0x0E, 1, 0}) == MB_NO_ERROR);
-    BOOST_TEST((pdu.data == iobuf_t{0x0E, 1, 0x82, 0, 0, 3, 0, 0, 1, 0, 2, 0}));
+    iobuf_t own_basic{0x0E, 1, 0x82, 0, 0, 3};
+    add_object(own_basic, 0, MB_VENDOR_NAME);
+    add_object(own_basic, 1, MB_PRODUCT_CODE);
+    add_object(own_basic, 2, MB_VERSION);
+    BOOST_TEST(pdu.data == own_basic);
+    BOOST_TEST(tk_string(MB_VENDOR_NAME).size() * tk_string(MB_PRODUCT_CODE).size() *
+                   tk_string(MB_VERSION).size() !=
+               0u);
 
     const auto define = [&](const char* name, const CElement& value) {
         store.define("/Devices/UPS/Identification/" + tk_string(name) + "/Value", value.type(),
@@ -807,6 +827,9 @@ BOOST_FIXTURE_TEST_CASE(identification, CCore) {
     BOOST_TEST(request(ups(), 0x11, {0}) == MB_ILLEGAL_DATA_VALUE);
     BOOST_TEST(request(ups(), 0x2B, {0x0E, 1}) == MB_ILLEGAL_DATA_VALUE);
     BOOST_TEST(request(ups(), 0x2B, {0x0D, 1, 0}) == MB_ILLEGAL_FUNCTION);
+    // Another MEI type is refused whatever follows it.
+    BOOST_TEST(request(ups(), 0x2B, {0x0D}) == MB_ILLEGAL_FUNCTION);
+    BOOST_TEST(request(ups(), 0x2B, {0x0D, 1, 0, 0}) == MB_ILLEGAL_FUNCTION);
     BOOST_TEST(request(ups(), 0x2B, {0x0E, 5, 0}) == MB_ILLEGAL_DATA_VALUE);
     BOOST_TEST(request(ups(), 0x2B, {0x0E, 4, 7}) == MB_ILLEGAL_DATA_ADDRESS);
 }

@@ -110,9 +110,10 @@ BOOST_AUTO_TEST_CASE(writes) {
         BOOST_TEST(modbus_write_register(ctx.get(), 8, 2400) == 1);
         // 0x0960 AND 0x00FF OR 0x0500 = 0x0560 = 1376: stored as 137, read as 1370.
         BOOST_TEST(modbus_mask_write_register(ctx.get(), 8, 0x00FF, 0x0500) == 1);
-        // Report server id: the unit id, running, no description in the sample store.
+        // Report server id: the unit id, running, the program's name (the sample store has
+        // no description).
         uint8_t id[8] = {};
-        BOOST_TEST(modbus_report_slave_id(ctx.get(), sizeof id, id) == 2);
+        BOOST_TEST(modbus_report_slave_id(ctx.get(), sizeof id, id) > 2);
         BOOST_TEST(id[0] == 1u);
         BOOST_TEST(id[1] == 0xFFu);
         const uint16_t voltage[] = {2400};

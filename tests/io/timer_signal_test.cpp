@@ -37,7 +37,7 @@ bool loop_ended_by(int sig, std::string& log) {
         boost::asio::post(f.manager.service(), [&] { f.manager.quit(); });
     });
     const auto start = std::chrono::steady_clock::now();
-    f.manager.run();
+    BOOST_TEST(f.manager.run()); // a signal is an orderly end
     running = false;
     const auto took = std::chrono::steady_clock::now() - start;
     side.join();
@@ -87,6 +87,24 @@ BOOST_AUTO_TEST_CASE(sigpipe_is_ignored) {
     std::string log;
     BOOST_TEST(!loop_ended_by(SIGPIPE, log));
     BOOST_TEST(log.find("Caught SIGPIPE; ignoring") != std::string::npos, log);
+}
+
+// A handler that throws ends the loop as a failure, so that the process exits non-zero.
+BOOST_AUTO_TEST_CASE(a_failing_handler_ends_the_loop_as_a_failure) {
+    CLoopFixture f;
+    f.manager.add(CIoSighandler::create(f.manager));
+    boost::asio::post(f.manager.service(), [] {
+        throw boost::system::system_error(boost::asio::error::bad_descriptor, "close");
+    });
+    const int32_t saved = _svr_verb_array[SS_IO_SYSTEM];
+    _svr_verb_array[SS_IO_SYSTEM] = 0;
+    CStderrCapture capture;
+    BOOST_TEST(!f.manager.run());
+    _svr_verb_array[SS_IO_SYSTEM] = saved;
+    const std::string log = capture.text();
+    BOOST_TEST(log.find("ERROR [0] CIoManager::run: The event loop ended: close: Bad file "
+                        "descriptor") != std::string::npos,
+               log);
 }
 
 BOOST_AUTO_TEST_SUITE_END()

@@ -211,7 +211,7 @@ BOOST_AUTO_TEST_CASE(watchdog_is_pinged) {
 // The event registers follow the event log while the server runs.
 BOOST_AUTO_TEST_CASE(event_registers_follow_the_log) {
     CServerStore s;
-    CServerProcess server(s.store.dir(), {"-Ns", "-e", s.store.path()});
+    CServerProcess server(s.store.dir(), {"-Ns"}); // the store holds the event log
     BOOST_TEST(wait_for_voltage(s.port) == 2300);
     const auto newest_event = [&](uint16_t* regs) {
         modbus_t* ctx = modbus_new_tcp("127.0.0.1", s.port);
@@ -537,7 +537,7 @@ BOOST_AUTO_TEST_CASE(wrong_settings_are_warned_about) {
         {modbus + "Interface Type/Serial/Timeout/Value", CElement::from_int(-1), "is -1, not"},
         {modbus + "Interface Type/Serial/Timeout/Value", CElement::from_uint(0), "is 0, not"},
         {modbus + "Zero Fill Default/Value", CElement::from_string("abc"),
-         "is \"abc\", not true or false; taken as false"},
+         "is \"abc\", not true or false; using false"},
     };
     for (const auto& c : cases) {
         CServerStore s(false);

@@ -246,7 +246,7 @@ bool says_false(const tk_string& text) {
 
 // A switch as the store reads a bool (CElement::to_bool): a number is on unless 0; a text
 // such as "true", "Yes", "on" or "1" is on, "false", "no", "off" or "0" off. A text that is
-// none of these is off, with a warning; absent, it is def.
+// none of these, or no value, is def, with a warning.
 bool read_switch(CCdsHandle& cds, const tk_string& node, const char* label, bool def = false) {
     const auto el = read_setting(cds, node);
     bool on = def;
@@ -254,9 +254,10 @@ bool read_switch(CCdsHandle& cds, const tk_string& node, const char* label, bool
         fall_back(node, el, "true or false", def ? "true" : "false", absent_t::info);
     } else {
         on = el->to_bool();
-        if (el->is_string() && !on && !says_false(el->str()))
-            MB_LOG_CALL(warn, SS_SETTINGS, 0, log_name, "'%s' is %s, not true or false; taken as "
-                        "false", value_path(node).c_str(), shown(*el).c_str());
+        if (el->is_string() && !on && !says_false(el->str())) {
+            on = def;
+            fall_back(node, el, "true or false", def ? "true" : "false", absent_t::info);
+        }
     }
     LOG_DEBUG(SS_SETTINGS, 3, "%s: %u", label, on ? 1u : 0u);
     return on;

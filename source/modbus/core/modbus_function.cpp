@@ -1,5 +1,6 @@
 #include "modbus/core/modbus_function.h"
 
+#include "util/build_info.h"
 #include "util/generic_err.h"
 #include "util/log.h"
 
@@ -619,11 +620,11 @@ modbus_err_t plan_identity(CModbusRequest& req) {
         if (!data.empty())
             return MB_ILLEGAL_DATA_VALUE;
     } else {
+        // Only the device identification interface of MEI, whatever follows another type.
+        if (!data.empty() && data[0] != 0x0E)
+            return MB_ILLEGAL_FUNCTION;
         if (data.size() != 3)
             return MB_ILLEGAL_DATA_VALUE;
-        // Only the device identification interface of MEI.
-        if (data[0] != 0x0E)
-            return MB_ILLEGAL_FUNCTION;
         const uint8_t code = data[1];
         if (code < 1 || code > 4)
             return MB_ILLEGAL_DATA_VALUE;
@@ -635,10 +636,22 @@ modbus_err_t plan_identity(CModbusRequest& req) {
     return MB_NO_ERROR;
 }
 
-// The identification leaf as text; empty when the store lacks it.
+// The identification leaf as text. When the store lacks it, the three objects every device
+// must report (vendor, product code, revision) are the program's own; the others are empty.
 tk_string identity_text(const CModbusRequest& req, CUnitMap::identity_t which) {
     const CLeafValue& v = *req.values[which];
-    return v.status == API_STATUS_OK ? v.value.str() : tk_string();
+    if (v.status == API_STATUS_OK)
+        return v.value.str();
+    switch (which) {
+    case CUnitMap::ID_VENDOR_NAME:
+        return MB_VENDOR_NAME;
+    case CUnitMap::ID_PRODUCT_CODE:
+        return MB_PRODUCT_CODE;
+    case CUnitMap::ID_REVISION:
+        return MB_VERSION;
+    default:
+        return tk_string();
+    }
 }
 
 modbus_err_t answer_report_server_id(CModbusRequest& req) {
@@ -647,6 +660,8 @@ modbus_err_t answer_report_server_id(CModbusRequest& req) {
     tk_string text = identity_text(req, CUnitMap::ID_DESCRIPTION);
     if (text.empty())
         text = identity_text(req, CUnitMap::ID_PRODUCT_NAME);
+    if (text.empty())
+        text = MB_PRODUCT_NAME " " MB_VERSION;
     // The byte count is one byte and the PDU at most 253: the text fits in 249.
     text.resize(std::min<size_t>(text.size(), 249));
     iobuf_t& out = req.pdu->data;
