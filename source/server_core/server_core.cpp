@@ -300,7 +300,8 @@ tk_string CServerCore::add_transports(CIoManager& manager) {
     _roles = security.roles();
     _services.roles = &_roles;
     const CModbusTcpProtocolHandler tcp_prototype(nullptr, _services);
-    const CTcpListenerOptions& access = _settings->tcp().listener();
+    CTcpListenerOptions access = _settings->tcp().listener();
+    access.counters = &_tcp_counters;
     const tk_string where = access.bind_address.empty() ? "" : " of " + access.bind_address;
     const tk_string units =
         " (units " + id_list(_cfg->tcp_units(), [](const auto& unit) { return unit.first; }) + ")";

@@ -45,6 +45,7 @@ void add_transport(named_t& out, const tk_string& node, const CTransportCounters
         add(out, node, "Unknown Units", t.unknown_units);
         add(out, node, "Connections Open", t.open);
         add(out, node, "Connections Total", t.total);
+        add(out, node, "Connections Evicted", t.evicted);
     } else {
         add(out, node, "Checksum Errors", t.checksum_errors);
     }

@@ -15,4 +15,6 @@ struct CTransportCounters {
     // Connections open now, and opened since start (TCP; a serial line counts its port).
     uint32_t open = 0;
     uint32_t total = 0;
+    // Connections closed to admit another at the connection limit (TCP).
+    uint32_t evicted = 0;
 };

@@ -438,11 +438,13 @@ BOOST_FIXTURE_TEST_CASE(tcp_access, CSettingsStore) {
         BOOST_TEST(l.bind_address.empty());
         BOOST_TEST(l.max_connections == 64u);
         BOOST_TEST(l.idle_timeout_s == 0u);
+        BOOST_TEST(l.evict_after_s == 10u);
         BOOST_TEST(l.allow.everyone());
     }
     put(tcp + "Bind Address", "::1");
     put(tcp + "Max Connections", 65535);
     put(tcp + "Idle Timeout", CElement::from_float(86400.0));
+    put(tcp + "Evict After", CElement::from_uint(0));
     put(tcp + "Allow", "10.0.0.0/8; ::1");
     {
         CSubsystemLog log(SS_SETTINGS, 0);
@@ -451,12 +453,14 @@ BOOST_FIXTURE_TEST_CASE(tcp_access, CSettingsStore) {
         BOOST_TEST(l.bind_address == "::1");
         BOOST_TEST(l.max_connections == 65535u);
         BOOST_TEST(l.idle_timeout_s == 86400u);
+        BOOST_TEST(l.evict_after_s == 0u);
         BOOST_TEST(l.allow.str() == "10.0.0.0/8; ::1/128");
         BOOST_TEST(!has_text(log.text(), "WARN"), log.text());
     }
     put(tcp + "Bind Address", CElement::from_uint(1));
     put(tcp + "Max Connections", CElement::from_uint(0));
     put(tcp + "Idle Timeout", CElement::from_int(-1));
+    put(tcp + "Evict After", CElement::from_uint(86401));
     put(tcp + "Allow", CElement::from_uint(7));
     CSubsystemLog log(SS_SETTINGS, 0);
     const CModbusSettings s = read_settings();
@@ -465,12 +469,14 @@ BOOST_FIXTURE_TEST_CASE(tcp_access, CSettingsStore) {
     BOOST_TEST(l.bind_address.empty());
     BOOST_TEST(l.max_connections == 64u);
     BOOST_TEST(l.idle_timeout_s == 0u);
+    BOOST_TEST(l.evict_after_s == 10u);
     BOOST_TEST(l.allow.nobody());
-    BOOST_TEST(count_of(text, "WARN [0] CModbusSettings: ") == 4u, text);
+    BOOST_TEST(count_of(text, "WARN [0] CModbusSettings: ") == 5u, text);
     for (const std::string& line :
          {tcp + "Bind Address/Value' is 1, not an IPv4 or IPv6 address; using every address",
           tcp + "Max Connections/Value' is 0, not a whole number from 1 to 65535; using 64",
           tcp + "Idle Timeout/Value' is -1, not a whole number from 0 to 86400; using 0",
+          tcp + "Evict After/Value' is 86401, not a whole number from 0 to 86400; using 10",
           tcp + "Allow/Value' has entries that are not networks (address/prefix): \"7\"; they "
                 "are left out, and as no entry is left, every client is refused"})
         BOOST_TEST(has_text(text, line), text);

@@ -1,5 +1,5 @@
-// Who may connect to the real server over TCP: connection limit, idle time-out, allow list,
-// bind address, and what happens at the process's descriptor limit.
+// Who may connect to the real server over TCP: connection limit and eviction at it, idle
+// time-out, allow list, bind address, and what happens at the process's descriptor limit.
 #include "data/sample_store.h"
 #include "server_process.h"
 #include "support/subsystem_log.h"
@@ -8,7 +8,9 @@
 #include <boost/test/unit_test.hpp>
 
 #include <dirent.h>
+#include <sqlite3.h>
 #include <sys/resource.h>
+#include <sys/socket.h>
 
 #include <memory>
 #include <sstream>
@@ -18,10 +20,13 @@ namespace {
 using toolkit::CElement;
 
 const tk_string tcp_node = "/Software/Data Servers/Modbus/Interface Type/TCP/";
+const tk_string statistics_node = "/Software/Data Servers/Modbus/Statistics/TCP/";
 
 struct CAccessServer {
-    // settings: leaf name under the TCP node and its value, set before the server starts.
-    explicit CAccessServer(const std::vector<std::pair<tk_string, CElement>>& settings) {
+    // settings: leaf name under the TCP node and its value, set before the server starts;
+    // statistics: TCP statistics leaves to define, for the server to fill.
+    explicit CAccessServer(const std::vector<std::pair<tk_string, CElement>>& settings,
+                           const std::vector<tk_string>& statistics = {}) {
         load_sample_store(store, "/dev/null");
         port = free_port();
         store.define("/Software/System Settings/Network/Firewall Settings/Protocol/Modbus/Port/"
@@ -31,6 +36,9 @@ struct CAccessServer {
                      CElement::from_int(1));
         for (const auto& s : settings)
             store.define(tcp_node + s.first + "/Value", s.second.type(), s.second);
+        for (const tk_string& leaf : statistics)
+            store.define(statistics_node + leaf + "/Value", CElement::TYPE_UINT,
+                         CElement::from_uint(0));
         server.reset(new CServerProcess(store.dir(), {"-Ns"}));
         // Serving once the start-up line is out.
         for (int i = 0; i < 500 && !has_text(server->log(), "Serving Modbus TCP"); ++i)
@@ -38,6 +46,15 @@ struct CAccessServer {
         BOOST_REQUIRE_MESSAGE(has_text(server->log(), "Serving Modbus TCP"), server->log());
     }
     tk_string log() const { return server->log(); }
+    // Whether a statistics leaf shows value within a few seconds (written once a second).
+    bool statistic_becomes(const tk_string& leaf, uint64_t value) {
+        for (int i = 0; i < 300; ++i) {
+            if (store.value(statistics_node + leaf + "/Value").to_uint() == value)
+                return true;
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+        return false;
+    }
 
     CTestStore store;
     uint16_t port = 0;
@@ -64,6 +81,32 @@ bool new_client_served(uint16_t port) {
     return false;
 }
 
+using clients_t = std::vector<std::unique_ptr<CTestClient>>;
+
+clients_t connect_clients(uint16_t port, size_t n) {
+    clients_t out;
+    for (size_t i = 0; i < n; ++i) {
+        out.push_back(std::make_unique<CTestClient>("127.0.0.1", port));
+        BOOST_REQUIRE(out.back()->fd() >= 0);
+    }
+    return out;
+}
+
+// Not closed by the server, without waiting: nothing to read and no end of stream.
+bool still_open(const CTestClient& c) {
+    uint8_t byte;
+    return ::recv(c.fd(), &byte, 1, MSG_DONTWAIT) < 0 && (errno == EAGAIN || errno == EWOULDBLOCK);
+}
+
+size_t count_open(const clients_t& clients) {
+    size_t n = 0;
+    for (const auto& c : clients)
+        n += still_open(*c);
+    return n;
+}
+
+const tk_string evicted_line = "Closed the TCP connection from '127.0.0.1', without a request for ";
+
 } // namespace
 
 BOOST_AUTO_TEST_SUITE(server_tcp_access)
@@ -86,6 +129,97 @@ BOOST_AUTO_TEST_CASE(connection_limit_refuses_then_serves_again) {
     BOOST_TEST(has_text(log, "from '127.0.0.1': 2 connections are open, the most allowed"), log);
     // 3, or more when a try came before the server saw c1 go.
     BOOST_TEST(count_of(log, "were refused at the connection limit") == 1u, log);
+}
+
+// The default limit of 64, held by clients that never send a whole request: the first half
+// keep sending bytes of one, the others nothing. Once a connection has been so for Evict After,
+// a newcomer takes its place, the oldest first: bytes that make no request do not count.
+BOOST_AUTO_TEST_CASE(connections_without_requests_make_room) {
+    CAccessServer s({{"Evict After", CElement::from_uint(1)}},
+                    {"Connections Evicted", "Connections Open"});
+    const auto start = std::chrono::steady_clock::now();
+    clients_t held = connect_clients(s.port, 64);
+    const std::vector<uint8_t> header{0, 1, 0, 0, 0, 200, 1, 3}; // 199 bytes to follow
+    for (size_t i = 0; i < 32; ++i)
+        BOOST_REQUIRE(held[i]->send(header));
+    const auto newcomer = [&]() -> std::unique_ptr<CTestClient> {
+        for (int i = 0; i < 50; ++i) {
+            for (size_t j = 0; j < 32; ++j)
+                held[j]->send(std::vector<uint8_t>{0});
+            auto c = std::make_unique<CTestClient>("127.0.0.1", s.port);
+            if (served(*c))
+                return c;
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        }
+        return nullptr;
+    };
+    const auto first = newcomer();
+    BOOST_REQUIRE(first);
+    BOOST_TEST((std::chrono::steady_clock::now() - start >= std::chrono::seconds(1)));
+    auto second = newcomer();
+    BOOST_REQUIRE(second);
+    BOOST_TEST(!still_open(*held[0]));
+    BOOST_TEST(!still_open(*held[1]));
+    BOOST_TEST(count_open(held) == 62u);
+    BOOST_TEST(served(*first));
+    BOOST_TEST(s.statistic_becomes("Connections Evicted", 2));
+
+    // Admitted without evicting: the burst ends and its count is told.
+    second.reset();
+    BOOST_REQUIRE(s.statistic_becomes("Connections Open", 63));
+    CTestClient third("127.0.0.1", s.port);
+    BOOST_TEST(served(third));
+    BOOST_TEST(count_open(held) == 62u);
+    const tk_string log = s.log();
+    BOOST_TEST(count_of(log, evicted_line) == 1u, log);
+    BOOST_TEST(has_text(log, "to admit '127.0.0.1': 64 connections are open, the most allowed"),
+               log);
+    BOOST_TEST(has_text(log, "without evicting again; 2 were closed to make room"), log);
+}
+
+// A newcomer is refused while every connection has had a request within Evict After, and
+// always with eviction off.
+BOOST_AUTO_TEST_CASE(refused_when_no_connection_may_go) {
+    for (const unsigned evict_after : {2u, 0u}) {
+        CAccessServer s({{"Evict After", CElement::from_uint(evict_after)}});
+        clients_t held = connect_clients(s.port, 64);
+        const auto start = std::chrono::steady_clock::now();
+        // Each asks about every 300 ms, for longer than Evict After; with it off, nobody asks.
+        do {
+            for (const auto& c : held)
+                BOOST_REQUIRE(evict_after == 0 || served(*c));
+            CTestClient newcomer("127.0.0.1", s.port);
+            BOOST_TEST(newcomer.peer_closed());
+            std::this_thread::sleep_for(std::chrono::milliseconds(300));
+        } while (std::chrono::steady_clock::now() - start < std::chrono::seconds(3));
+        BOOST_TEST(count_open(held) == 64u);
+        BOOST_TEST(!has_text(s.log(), evicted_line), s.log());
+    }
+}
+
+// A request being served keeps its connection, however long the store takes: here a write
+// that waits for a lock the test holds.
+BOOST_AUTO_TEST_CASE(connection_being_served_stays) {
+    CAccessServer s({{"Max Connections", CElement::from_uint(1)},
+                     {"Evict After", CElement::from_uint(1)},
+                     {"Timeout", CElement::from_uint(5000)}});
+    sqlite3* db = nullptr;
+    BOOST_REQUIRE(sqlite3_open(s.store.path().c_str(), &db) == SQLITE_OK);
+    BOOST_REQUIRE(sqlite3_exec(db, "BEGIN EXCLUSIVE", nullptr, nullptr, nullptr) == SQLITE_OK);
+    CTestClient writer("127.0.0.1", s.port);
+    const std::vector<uint8_t> write{0, 2, 0, 0, 0, 6, 1, 6, 0, 8, 0x08, 0xFC};
+    BOOST_REQUIRE(writer.send(write));
+    const auto sent = std::chrono::steady_clock::now();
+    std::this_thread::sleep_for(std::chrono::milliseconds(1200));
+    const auto asked = std::chrono::steady_clock::now();
+    CTestClient newcomer("127.0.0.1", s.port);
+    // The store gives up on the lock after 2 s, and the writer then waits for its client: on a
+    // machine too slow to ask before that, the check is left out.
+    if (asked - sent < std::chrono::milliseconds(1800))
+        BOOST_TEST(newcomer.peer_closed());
+    sqlite3_exec(db, "ROLLBACK", nullptr, nullptr, nullptr);
+    sqlite3_close(db);
+    BOOST_TEST(writer.receive(12) == write);
 }
 
 BOOST_AUTO_TEST_CASE(idle_connections_are_closed) {

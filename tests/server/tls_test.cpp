@@ -3,6 +3,7 @@
 // qemu too; tls_e2e.py tries the refusals and broken handshakes with pymodbus and openssl.
 #include "data/sample_store.h"
 #include "server_process.h"
+#include "support/subsystem_log.h"
 #include "support/test_client.h"
 
 #include <boost/asio/connect.hpp>
@@ -23,7 +24,8 @@ using toolkit::CElement;
 namespace ssl = boost::asio::ssl;
 using boost::asio::ip::tcp;
 
-const tk_string security_node = "/Software/Data Servers/Modbus/Interface Type/TCP/Security/";
+const tk_string tcp_node = "/Software/Data Servers/Modbus/Interface Type/TCP/";
+const tk_string security_node = tcp_node + "Security/";
 
 // Read register 8 of unit 1 (2300 in the sample store), and write it back unchanged.
 const std::vector<uint8_t> read_request{0, 1, 0, 0, 0, 6, 1, 3, 0, 8, 0, 1};
@@ -106,10 +108,12 @@ const CCerts& certs() {
 }
 
 // The server with a secure port (and no plain one) and roles Operator (functions 1 to 6, 15,
-// 16) and Viewer (reads only); key_mode: the server key file's mode.
+// 16) and Viewer (reads only); key_mode: the server key file's mode; tcp: more settings, by
+// their names under the TCP node (these win).
 struct CTlsServer {
     explicit CTlsServer(mode_t key_mode = 0600, bool wait_serving = true,
-                        const char* log_level = "1") {
+                        const char* log_level = "1",
+                        const std::vector<std::pair<tk_string, CElement>>& tcp = {}) {
         const tk_string dir = certs().dir.path();
         load_sample_store(store, "/dev/null");
         port = free_port();
@@ -129,6 +133,8 @@ struct CTlsServer {
             {"Roles/Viewer/Unit IDs", CElement::from_string("1")}};
         for (const auto& s : settings)
             store.define(security_node + s.first + "/Value", s.second.type(), s.second);
+        for (const auto& s : tcp)
+            store.define(tcp_node + s.first + "/Value", s.second.type(), s.second);
         // A copy of the key, so that its mode can differ from case to case.
         const tk_string copy = "cp " + dir + "/server.key " + key_file();
         BOOST_REQUIRE_EQUAL(std::system(copy.c_str()), 0);
@@ -204,6 +210,40 @@ BOOST_AUTO_TEST_CASE(failed_handshakes_are_logged_once_per_burst_by_default) {
     // The first failure of each burst; the end of the first burst with its count.
     BOOST_TEST(told == 2u, log);
     BOOST_TEST(has_text(log, "A TLS handshake succeeded again; 3 had failed before"), log);
+}
+
+// The connection limit on the secure port: clients that complete their handshake and then say
+// nothing, and one that never finishes its handshake, make room for an Operator once they have
+// been silent for Evict After; the one that connected first goes first.
+BOOST_AUTO_TEST_CASE(silent_clients_make_room) {
+    CTlsServer s(0600, true, "0",
+                 {{"Evict After", CElement::from_uint(1)},
+                  {"Security/Handshake Timeout", CElement::from_uint(30)}});
+    CTestClient stalled("127.0.0.1", s.port);
+    BOOST_REQUIRE(stalled.fd() >= 0);
+    std::vector<std::unique_ptr<CTlsClient>> silent;
+    for (int i = 0; i < 63; ++i)
+        silent.push_back(std::make_unique<CTlsClient>(certs().dir.path(), "client-Viewer", s.port));
+    const std::vector<uint8_t> read_answer{0, 1, 0, 0, 0, 5, 1, 3, 2, 0x08, 0xFC};
+    // Refused until a second has passed, then served.
+    std::unique_ptr<CTlsClient> operators[2];
+    for (auto& op : operators) {
+        for (int i = 0; i < 100 && !op; ++i) {
+            auto c = std::make_unique<CTlsClient>(certs().dir.path(), "client-Operator", s.port);
+            if (c->ask(read_request, 11) == read_answer)
+                op = std::move(c);
+            else
+                std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        }
+        BOOST_REQUIRE(op);
+    }
+    BOOST_TEST(stalled.peer_closed());
+    BOOST_TEST(silent[0]->ask(read_request, 11).empty());
+    BOOST_TEST(silent[1]->ask(read_request, 11) == read_answer);
+    BOOST_TEST(operators[0]->ask(read_request, 11) == read_answer);
+    const tk_string log = s.server->log();
+    BOOST_TEST(count_of(log, "Closed the TCP connection from '127.0.0.1'") == 1u, log);
+    BOOST_TEST(!has_text(log, "TLS handshake with"), log);
 }
 
 BOOST_AUTO_TEST_CASE(key_readable_by_others_stops_start_up) {

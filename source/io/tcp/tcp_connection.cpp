@@ -54,6 +54,8 @@ void CTcpConnection::watch_idle(std::chrono::seconds timeout) {
 }
 
 void CTcpConnection::serve(const CTcpListenerOptions& options) {
+    _stamp_requests = options.evict_after_s > 0;
+    _last_request = std::chrono::steady_clock::now();
     if (!_tls) {
         watch_idle(std::chrono::seconds(options.idle_timeout_s));
         start();
@@ -143,6 +145,10 @@ void CTcpConnection::handle_idle(const boost::system::error_code& error) {
     remove();
 }
 
+bool CTcpConnection::waiting_for_client() const {
+    return _sock.is_open() && (_reading || (_tls && !_handshake_done));
+}
+
 void CTcpConnection::close() {
     if (!_sock.is_open())
         return;
@@ -196,7 +202,13 @@ void CTcpConnection::handle_read(const boost::system::error_code& error, size_t 
 }
 
 void CTcpConnection::parse() {
+    // The handler takes every whole frame it consumes, answered or dropped, off the front of
+    // the buffer, and nothing else shortens it: so a shorter buffer is a request, while bytes
+    // of one not yet whole leave the stamp alone.
+    const size_t before = _offset;
     parse_or_read_more();
+    if (_stamp_requests && _offset < before)
+        _last_request = std::chrono::steady_clock::now();
 }
 
 void CTcpConnection::write() {

@@ -6,6 +6,9 @@
 // long while it waits for a request is closed; the clock is a time stamp taken when bytes
 // arrive or an answer leaves, checked by one coarse timer, so a request costs no timer call.
 //
+// For its listener to choose whom to evict at the connection limit, it also stamps when it
+// took its client's last whole request; bytes that never make one do not count.
+//
 // With a TLS context the connection first completes the server side of a handshake, within a
 // time-out, then hands the peer's identity to its handler and reads and writes through the
 // TLS stream; a failed or silent handshake is reported once and ends the connection.
@@ -43,6 +46,12 @@ public:
     // Serves an accepted connection as options say: the handshake first when it has TLS,
     // then the idle clock and the first read.
     void serve(const CTcpListenerOptions& options);
+    // When the last whole request was taken off the buffer; the accept when none was yet.
+    // Only moves while options.evict_after_s is not 0.
+    std::chrono::steady_clock::time_point last_request() const { return _last_request; }
+    // Open, and waiting for its client: for the next request, or still in its TLS handshake.
+    // False while a request is being served or its answer written.
+    bool waiting_for_client() const;
 
     void close() override;
     void read_more() override;
@@ -81,4 +90,7 @@ private:
     std::chrono::steady_clock::time_point _last_heard;
     // A read is pending: the connection waits for its client, not for an answer.
     bool _reading = false;
+    std::chrono::steady_clock::time_point _last_request;
+    // Without eviction nobody reads the stamp, and a request need not read the clock.
+    bool _stamp_requests = false;
 };

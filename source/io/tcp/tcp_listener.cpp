@@ -4,6 +4,7 @@
 #include "io/protocol_handler.h"
 #include "io/tcp/tcp_connection.h"
 #include "util/log.h"
+#include "util/transport_counters.h"
 
 #include <boost/asio/ip/v6_only.hpp>
 
@@ -148,21 +149,31 @@ void CTcpListener::admit(const std::shared_ptr<CTcpConnection>& connection) {
         return;
     }
     report_end(_not_allowed, "from outside the allow list");
-    if (_open >= _options.max_connections) {
+    if (_connections.size() < _options.max_connections) {
+        report_evictions_end();
+    } else if (!evict_for(*connection)) {
         if (_over_limit.hit())
             LOG_WARN(SS_TCP_IO, 0,
                      "Refused a TCP connection from '%s': %u connections are open, the most "
                      "allowed; further refusals are counted until one is accepted",
-                     connection->peer_name().c_str(), _open);
+                     connection->peer_name().c_str(), open_connections());
         refuse(connection);
         return;
     }
     report_end(_over_limit, "at the connection limit");
-    ++_open;
+    track(connection);
+    get_manager().add(connection);
+    connection->serve(_options);
+}
+
+void CTcpListener::track(const std::shared_ptr<CTcpConnection>& connection) {
+    const auto entry = _connections.insert(_connections.end(), connection);
     std::weak_ptr<CTcpListener> weak = std::static_pointer_cast<CTcpListener>(shared_from_this());
-    connection->set_on_close([weak] {
+    // Runs inside the connection's close, also when the listener evicts it: by then the
+    // listener has chosen its victim and no longer walks the list.
+    connection->set_on_close([weak, entry] {
         if (auto listener = weak.lock())
-            --listener->_open;
+            listener->_connections.erase(entry);
     });
     if (_options.tls)
         connection->set_on_handshake(
@@ -170,8 +181,64 @@ void CTcpListener::admit(const std::shared_ptr<CTcpConnection>& connection) {
                 if (auto listener = weak.lock())
                     listener->handshake_done(peer, failure);
             });
-    get_manager().add(connection);
-    connection->serve(_options);
+}
+
+bool CTcpListener::evict_for(const CTcpConnection& newcomer) {
+    if (_options.evict_after_s == 0)
+        return false;
+    const auto now = std::chrono::steady_clock::now();
+    if (now < _no_victim_before)
+        return false;
+    const auto victim = evictable(now);
+    if (!victim)
+        return false;
+    if (_options.counters != nullptr)
+        ++_options.counters->evicted;
+    const long long silent =
+        std::chrono::duration_cast<std::chrono::seconds>(now - victim->last_request()).count();
+    const std::string evicted = victim->peer_name();
+    if (_evicted.hit())
+        LOG_WARN(SS_TCP_IO, 0,
+                 "Closed the TCP connection from '%s', without a request for %lld s, to admit "
+                 "'%s': %u connections are open, the most allowed; further evictions are "
+                 "counted until a client is admitted without one",
+                 evicted.c_str(), silent, newcomer.peer_name().c_str(), open_connections());
+    else
+        LOG_INFO(SS_TCP_IO, 2,
+                 "Closed the TCP connection from '%s', without a request for %lld s, to admit "
+                 "'%s'",
+                 evicted.c_str(), silent, newcomer.peer_name().c_str());
+    // Through the manager, as any other end of a connection; its close takes it off the list.
+    victim->remove();
+    return true;
+}
+
+std::shared_ptr<CTcpConnection> CTcpListener::evictable(std::chrono::steady_clock::time_point now) {
+    const std::chrono::seconds after(_options.evict_after_s);
+    std::shared_ptr<CTcpConnection> oldest;
+    auto earliest = std::chrono::steady_clock::time_point::max();
+    for (const auto& entry : _connections) {
+        const auto connection = entry.lock();
+        if (!connection)
+            continue;
+        const auto stamp = connection->last_request();
+        earliest = std::min(earliest, stamp);
+        if (connection->waiting_for_client() && now - stamp >= after &&
+            (!oldest || stamp < oldest->last_request()))
+            oldest = connection;
+    }
+    if (!oldest && earliest != std::chrono::steady_clock::time_point::max())
+        _no_victim_before = earliest + after;
+    return oldest;
+}
+
+void CTcpListener::report_evictions_end() {
+    const uint64_t n = _evicted.end();
+    if (n > 1)
+        LOG_INFO(SS_TCP_IO, 0,
+                 "Admitting TCP connections without evicting again; %llu were closed to make "
+                 "room",
+                 static_cast<unsigned long long>(n));
 }
 
 void CTcpListener::handshake_done(const std::string& peer, const std::string& failure) {

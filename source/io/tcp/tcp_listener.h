@@ -3,12 +3,18 @@
 // dual-stack wildcard socket; plain IPv4 where the host has no IPv6), or on one address. Each
 // accepted connection gets its own protocol handler cloned from the listener's prototype.
 //
-// A peer outside the allow list, and any peer while the most connections allowed are open,
-// is accepted and closed at once. So is a peer that comes while the process is out of file
-// descriptors: the listener keeps one spare descriptor and gives it up for the moment it
-// takes to accept and close the peer, which drains the backlog instead of spinning on it.
-// Each of these refusals is logged once per burst, with a count when the burst ends. So are
-// failed TLS handshakes, at level 0; at level 1 every one of them is logged.
+// A peer outside the allow list is accepted and closed at once, and so is one that comes while
+// the process is out of file descriptors: the listener keeps one spare descriptor and gives it
+// up for the moment it takes to accept and close the peer, which drains the backlog instead of
+// spinning on it. A peer that comes while the most connections allowed are open takes the
+// place of the one that has waited longest for its client's next request, if that was at
+// least evict_after_s ago, so that clients who hold connections and say nothing cannot keep
+// others out; a connection being served is never evicted. With none to evict, the peer is
+// refused too.
+//
+// Each kind of refusal is logged once per burst, with a count when the burst ends. So are
+// evictions (the burst ends when a peer is admitted without one) and failed TLS handshakes, at
+// level 0; at level 1 every failed handshake is logged, at level 2 every eviction.
 #include "io/io_actor.h"
 #include "io/tcp/burst_counter.h"
 #include "io/tcp/tcp_listener_options.h"
@@ -16,7 +22,10 @@
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/steady_timer.hpp>
 
+#include <chrono>
 #include <cstdint>
+#include <list>
+#include <memory>
 
 class CProtocolHandler;
 class CTcpConnection;
@@ -32,7 +41,7 @@ public:
     // The port actually bound (useful with port 0).
     uint16_t port() const;
     // Connections accepted and not yet closed.
-    uint32_t open_connections() const { return _open; }
+    uint32_t open_connections() const { return static_cast<uint32_t>(_connections.size()); }
 
 private:
     CTcpListener(CIoManager& manager, const CProtocolHandler& prototype, uint16_t port,
@@ -42,6 +51,17 @@ private:
     void handle_accept(const boost::system::error_code& error,
                        const std::shared_ptr<CTcpConnection>& connection);
     void admit(const std::shared_ptr<CTcpConnection>& connection);
+    // Keeps track of an admitted connection until it closes.
+    void track(const std::shared_ptr<CTcpConnection>& connection);
+    // At the limit: closes the connection that has waited longest for a request, if long
+    // enough, to make room for newcomer. False when none may go.
+    bool evict_for(const CTcpConnection& newcomer);
+    // Of the connections waiting for their clients, the one whose last request is oldest,
+    // if that is at least evict_after_s before now; else null, after setting
+    // _no_victim_before to the earliest any connection can be that old.
+    std::shared_ptr<CTcpConnection> evictable(std::chrono::steady_clock::time_point now);
+    // Tells how many connections a burst of evictions closed once a peer is admitted without.
+    void report_evictions_end();
     // Tells how many refusals a burst had once it is over; its first was told already.
     static void report_end(CBurstCounter& burst, const char* what);
     // Logs how a TLS handshake with peer ended (failure empty: it succeeded).
@@ -64,7 +84,13 @@ private:
     CTcpListenerOptions _options;
     boost::asio::steady_timer _retry; // backs off when a spare descriptor did not help
     int _spare = -1;
-    uint32_t _open = 0;
+    // The open connections, each removed by its own close.
+    std::list<std::weak_ptr<CTcpConnection>> _connections;
+    // Until then no connection can have waited long enough to be evicted: last-request stamps
+    // only grow, and a newcomer's starts at its accept. Spares a flood of newcomers at a limit
+    // of busy connections a scan each.
+    std::chrono::steady_clock::time_point _no_victim_before;
+    CBurstCounter _evicted;
     CBurstCounter _over_limit;
     CBurstCounter _not_allowed;
     CBurstCounter _no_descriptors;

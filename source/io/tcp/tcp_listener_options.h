@@ -1,6 +1,6 @@
 #pragma once
-// Who may connect to a TCP listener, for how long a connection may stay silent, and whether
-// it speaks TLS.
+// Who may connect to a TCP listener, for how long a connection may stay silent, which one
+// makes room for a newcomer at the limit, and whether it speaks TLS.
 #include "io/tcp/tcp_allow_list.h"
 
 #include <cstdint>
@@ -15,11 +15,18 @@ class context;
 } // namespace asio
 } // namespace boost
 
+struct CTransportCounters;
+
 struct CTcpListenerOptions {
     // An IPv4 or IPv6 address of this host; empty: every address, IPv6 and IPv4 alike.
     std::string bind_address;
-    // Open connections at most; the next one is accepted and closed at once.
+    // Open connections at most; the next one is accepted and closed at once, unless one of
+    // them can be evicted for it.
     uint32_t max_connections = 64;
+    // At the limit, the connection that waits longest for its client's next request is closed
+    // to admit a newcomer, if its last whole request (or its accept) is at least this many
+    // seconds old; 0: never, the newcomer is refused.
+    uint32_t evict_after_s = 10;
     // Seconds a connection may send nothing before it is closed; 0: forever.
     uint32_t idle_timeout_s = 0;
     CTcpAllowList allow;
@@ -30,4 +37,6 @@ struct CTcpListenerOptions {
     // The certificate extension (dotted OID) whose text is handed to the protocol handler as
     // the peer's identity; empty: none is handed.
     std::string identity_oid;
+    // Where the listener counts evictions; null: nowhere.
+    CTransportCounters* counters = nullptr;
 };

@@ -316,6 +316,9 @@ void CModbusTcpSettings::read_listener(CCdsHandle& cds) {
     _listener.idle_timeout_s = read_number(cds, tcp + "/Idle Timeout", _listener.idle_timeout_s, 0,
                                            max_idle_s, absent_t::info);
     LOG_DEBUG(SS_SETTINGS, 3, "TCP idle timeout: %u s", _listener.idle_timeout_s);
+    _listener.evict_after_s = read_number(cds, tcp + "/Evict After", _listener.evict_after_s, 0,
+                                          max_idle_s, absent_t::info);
+    LOG_DEBUG(SS_SETTINGS, 3, "TCP evict after: %u s", _listener.evict_after_s);
 
     // Whatever its type, the value is read as text: a list that was meant to restrict and
     // cannot be read must not let everyone in.
