@@ -30,29 +30,6 @@ tk_string leaf_path(int i) {
     return "/Meter/leaf " + std::to_string(i);
 }
 
-// Runs SQL on the store file the way a program outside the library would.
-void raw_sql(const tk_string& path, const tk_string& sql) {
-    sqlite3* db = nullptr;
-    BOOST_REQUIRE_EQUAL(sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READWRITE, nullptr),
-                        SQLITE_OK);
-    char* err = nullptr;
-    const int rc = sqlite3_exec(db, sql.c_str(), nullptr, nullptr, &err);
-    const tk_string msg = err ? err : "";
-    sqlite3_free(err);
-    sqlite3_close(db);
-    BOOST_REQUIRE_MESSAGE(rc == SQLITE_OK, msg);
-}
-
-// The counter file's word, decoded as big-endian.
-uint32_t counter_value(const tk_string& store) {
-    const tk_string bytes = read_text(store + "-changes");
-    BOOST_REQUIRE_EQUAL(bytes.size(), 4u);
-    uint32_t v = 0;
-    for (char c : bytes)
-        v = v << 8 | static_cast<unsigned char>(c);
-    return v;
-}
-
 int wait_child(pid_t pid) {
     int status = 0;
     BOOST_REQUIRE_EQUAL(::waitpid(pid, &status, 0), pid);

@@ -175,3 +175,38 @@ inline tk_string fresh_look(const tk_string& path, const tk_string& leaf) {
 inline bool has_text(const tk_string& text, const tk_string& part) {
     return text.find(part) != tk_string::npos;
 }
+
+// Runs SQL on the store file the way a program outside the library would.
+inline void raw_sql(const tk_string& path, const tk_string& sql) {
+    sqlite3* db = nullptr;
+    BOOST_REQUIRE_EQUAL(sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READWRITE, nullptr),
+                        SQLITE_OK);
+    char* err = nullptr;
+    const int rc = sqlite3_exec(db, sql.c_str(), nullptr, nullptr, &err);
+    const tk_string msg = err ? err : "";
+    sqlite3_free(err);
+    sqlite3_close(db);
+    BOOST_REQUIRE_MESSAGE(rc == SQLITE_OK, msg);
+}
+
+// The counter file's word, decoded as big-endian.
+inline uint32_t counter_value(const tk_string& store) {
+    const tk_string bytes = read_text(store + "-changes");
+    BOOST_REQUIRE_EQUAL(bytes.size(), 4u);
+    uint32_t v = 0;
+    for (char c : bytes)
+        v = v << 8 | static_cast<unsigned char>(c);
+    return v;
+}
+
+// Bumps the counter as another writer would (its mappings see the file's page).
+inline void bump_counter(const tk_string& store) {
+    const uint32_t v = counter_value(store) + 1;
+    const char bytes[4] = {static_cast<char>(v >> 24), static_cast<char>(v >> 16),
+                           static_cast<char>(v >> 8), static_cast<char>(v)};
+    const int fd = ::open((store + "-changes").c_str(), O_WRONLY);
+    BOOST_REQUIRE(fd >= 0);
+    const ssize_t written = ::pwrite(fd, bytes, sizeof bytes, 0);
+    ::close(fd);
+    BOOST_REQUIRE_EQUAL(written, 4);
+}

@@ -67,6 +67,8 @@ int CCds::set_leaves(const std::vector<tk_string>& paths, const std::vector<CEle
 }
 
 static_assert(CCds::busy == SQLITE_BUSY, "CCds::busy is SQLite's code");
+static_assert(CCds::cancelled < 0 && CCds::cancelled != -1,
+              "CCds::cancelled is neither SQLite's nor the toolkit's own failure");
 
 void CCds::bind(const CLeafTable& table) {
     if (_handle)
@@ -79,11 +81,32 @@ int CCds::read(const leaf_id_t* ids, size_t n, const CLeafValue** out, bool wait
 
 int CCds::write(const leaf_id_t* ids, const CElement* values, size_t n, api_status_t* statuses,
                 bool wait) {
+    const CWritePart part = {ids, values, n, statuses};
+    return write(&part, 1, wait);
+}
+
+int CCds::write(const CWritePart* parts, size_t count, bool wait,
+                const std::function<bool()>& commit_if) {
     if (!_handle) {
-        std::fill(statuses, statuses + n, API_STATUS_FAILURE);
+        for (size_t p = 0; p < count; ++p)
+            std::fill(parts[p].statuses, parts[p].statuses + parts[p].n, API_STATUS_FAILURE);
         return -1;
     }
-    return _handle->write(ids, values, n, statuses, wait);
+    return _handle->write(parts, count, wait, commit_if);
+}
+
+void CCds::set_auto_checkpoint(bool on) {
+    if (_handle)
+        _handle->set_auto_checkpoint(on);
+}
+
+int CCds::wal_frames() const {
+    return _handle ? _handle->wal_frames() : 0;
+}
+
+int CCds::checkpoint(int& wal_frames_left) {
+    wal_frames_left = 0;
+    return _handle ? _handle->checkpoint(wal_frames_left) : -1;
 }
 
 void CCds::setReadOnly() {

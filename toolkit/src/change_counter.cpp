@@ -89,16 +89,18 @@ void CChangeCounter::close() {
     _word = nullptr;
 }
 
-void CChangeCounter::bump() {
-    if (!_word)
-        return;
-    uint32_t old = __atomic_load_n(_word, __ATOMIC_RELAXED);
-    for (;;) {
-        const uint32_t next = htobe32(be32toh(old) + 1);
-        if (__atomic_compare_exchange_n(_word, &old, next, true, __ATOMIC_SEQ_CST,
-                                        __ATOMIC_RELAXED))
-            return;
+uint32_t CChangeCounter::bump(uint32_t* replaced) {
+    uint32_t old = 0, next = 0;
+    if (_word) {
+        old = __atomic_load_n(_word, __ATOMIC_RELAXED);
+        do
+            next = htobe32(be32toh(old) + 1);
+        while (!__atomic_compare_exchange_n(_word, &old, next, true, __ATOMIC_SEQ_CST,
+                                            __ATOMIC_RELAXED));
     }
+    if (replaced)
+        *replaced = old;
+    return next;
 }
 
 bool CChangeCounter::current() const {

@@ -32,7 +32,9 @@ public:
     // The raw word as stored (compare for equality only); 0 when not open.
     uint32_t load() const { return _word ? __atomic_load_n(_word, __ATOMIC_ACQUIRE) : 0; }
     // Adds one, atomically against every process that maps the file. Call after a commit.
-    void bump();
+    // Returns the raw word stored, and the one it replaced in `replaced`: when that is the
+    // word a reader last loaded, no other writer bumped in between. 0 when not open.
+    uint32_t bump(uint32_t* replaced = nullptr);
     // Whether the counter's path still names the mapped file, whole. A stat(2) per call.
     bool current() const;
 

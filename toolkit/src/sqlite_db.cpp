@@ -119,9 +119,9 @@ void CSqliteDb::exec(const char* sql) {
     }
 }
 
-void CSqliteDb::begin(bool write) {
+void CSqliteDb::begin(bool write, bool file_checked) {
     tk_string why;
-    if (write && !same_file(why)) {
+    if (write && !file_checked && !same_file(why)) {
         detach();
         throw CSqliteError(SQLITE_CANTOPEN, "data store " + why + ": write refused");
     }

@@ -96,8 +96,9 @@ public:
 
     // Transaction control through statements compiled once. A write transaction on a file
     // that is no longer at its path throws: its pages would go to the -wal file beside the
-    // new one.
-    void begin(bool write);
+    // new one. A caller that has just checked same_file() itself passes file_checked and
+    // saves the second stat(2).
+    void begin(bool write, bool file_checked = false);
     void commit();
     // Never throws: used on error paths.
     void rollback() noexcept;
@@ -115,7 +116,9 @@ private:
 // Rolls back unless committed.
 class CSqliteTransaction {
 public:
-    CSqliteTransaction(CSqliteDb& db, bool write) : _db(db) { _db.begin(write); }
+    CSqliteTransaction(CSqliteDb& db, bool write, bool file_checked = false) : _db(db) {
+        _db.begin(write, file_checked);
+    }
     ~CSqliteTransaction() {
         if (!_done)
             _db.rollback();

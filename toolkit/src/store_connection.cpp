@@ -39,6 +39,37 @@ timeval make_timeval(int64_t sec, int64_t usec) {
     return t;
 }
 
+int64_t clamp_sec(int64_t sec) {
+    return std::max(-k_max_time_sec, std::min(k_max_time_sec, sec));
+}
+
+// A time value as the store keeps it: microseconds since the epoch. The microseconds are
+// carried into the seconds before the product, which then cannot overflow.
+int64_t to_micros(const timeval& t) {
+    const int64_t usec = t.tv_usec;
+    const int64_t sec = clamp_sec(clamp_sec(static_cast<int64_t>(t.tv_sec)) + usec / 1000000);
+    return sec * 1000000 + usec % 1000000;
+}
+
+timeval from_micros(int64_t us) {
+    int64_t sec = us / 1000000, usec = us % 1000000;
+    if (usec < 0) {
+        usec += 1000000;
+        --sec;
+    }
+    return make_timeval(sec, usec);
+}
+
+// Makes a converted value what a read of the store gives back for it, stamped.
+void as_stored(CElement& v, const timeval& stamp) {
+    if (v.type() == CElement::TYPE_TIME)
+        v = CElement::from_time(from_micros(to_micros(v.to_timeval())), stamp);
+    else if (v.type() == CElement::TYPE_FLOAT && std::isnan(v.to_float()))
+        v = CElement::from_float(std::numeric_limits<double>::quiet_NaN(), stamp);
+    else
+        v.set_time(stamp);
+}
+
 bool is_children_path(const tk_string& path) {
     return path.size() >= k_children_len &&
            path.compare(path.size() - k_children_len, k_children_len, k_children) == 0;
@@ -73,13 +104,9 @@ void bind_value(CSqliteStatement& s, int index, const CElement& v) {
     case CElement::TYPE_STRING:
         s.bind(index, v.str());
         break;
-    case CElement::TYPE_TIME: {
-        const timeval t = v.to_timeval();
-        const int64_t sec =
-            std::max(-k_max_time_sec, std::min(k_max_time_sec, static_cast<int64_t>(t.tv_sec)));
-        s.bind(index, sec * 1000000 + static_cast<int64_t>(t.tv_usec));
+    case CElement::TYPE_TIME:
+        s.bind(index, to_micros(v.to_timeval()));
         break;
-    }
     case CElement::TYPE_NONE:
         s.bind_null(index);
         break;
@@ -122,18 +149,11 @@ bool element_from_row(const CSqliteStatement& s, int col, CElement& out) {
     case CElement::TYPE_STRING:
         out = CElement::from_string(s.column_text(col + 1), stamp);
         return true;
-    case CElement::TYPE_TIME: {
+    case CElement::TYPE_TIME:
         if (kind != SQLITE_INTEGER)
             return false;
-        const int64_t us = s.column_int(col + 1);
-        int64_t sec = us / 1000000, usec = us % 1000000;
-        if (usec < 0) {
-            usec += 1000000;
-            --sec;
-        }
-        out = CElement::from_time(make_timeval(sec, usec), stamp);
+        out = CElement::from_time(from_micros(s.column_int(col + 1)), stamp);
         return true;
-    }
     default:
         return false;
     }
@@ -157,6 +177,25 @@ tk_string bad_leaf_path(const tk_string& path) {
     return tk_string();
 }
 
+// Turns the connection's busy wait off for a scope.
+class CNoWait {
+public:
+    CNoWait(CSqliteDb& db, bool wait) : _db(db), _wait(wait) {
+        if (!_wait)
+            set_busy_wait(_db, false);
+    }
+    ~CNoWait() {
+        if (!_wait)
+            set_busy_wait(_db, true);
+    }
+    CNoWait(const CNoWait&) = delete;
+    CNoWait& operator=(const CNoWait&) = delete;
+
+private:
+    CSqliteDb& _db;
+    bool _wait;
+};
+
 } // namespace
 
 const tk_string& CStoreConnection::normal_path(const tk_string& path, tk_string& scratch) {
@@ -177,6 +216,7 @@ bool CStoreConnection::open(const tk_string& path, tk_string& error) {
         return false;
     try {
         prepare_statements();
+        watch_wal();
     } catch (const CSqliteError& e) {
         error = "cannot use data store '" + path + "': " + e.what();
         close_file();
@@ -186,6 +226,49 @@ bool CStoreConnection::open(const tk_string& path, tk_string& error) {
     _next_check = std::chrono::steady_clock::now() + k_read_check_interval;
     open_counter();
     return true;
+}
+
+void CStoreConnection::watch_wal() {
+    // Read before the hook replaces SQLite's own, whose limit it is.
+    CSqliteStatement limit;
+    limit.prepare(_db.get(), "PRAGMA wal_autocheckpoint");
+    _auto_checkpoint_frames = limit.step() ? static_cast<int>(limit.column_int(0)) : 0;
+    limit.finalize();
+    _wal_frames.store(0, std::memory_order_relaxed);
+    sqlite3_wal_hook(_db.get(), &on_wal_commit, this);
+}
+
+int CStoreConnection::on_wal_commit(void* self, sqlite3* db, const char* name, int frames) {
+    CStoreConnection& c = *static_cast<CStoreConnection*>(self);
+    // What SQLite's own hook does, frames counted.
+    if (c._auto_checkpoint && c._auto_checkpoint_frames > 0 &&
+        frames >= c._auto_checkpoint_frames) {
+        int log = 0, copied = 0;
+        if (sqlite3_wal_checkpoint_v2(db, name, SQLITE_CHECKPOINT_PASSIVE, &log, &copied) ==
+                SQLITE_OK &&
+            log >= 0)
+            frames = log - copied;
+    }
+    c._wal_frames.store(frames, std::memory_order_relaxed);
+    return SQLITE_OK;
+}
+
+int CStoreConnection::checkpoint(int& wal_frames_left) {
+    wal_frames_left = 0;
+    // A replaced file's checkpoint would read the -wal that the new file now uses.
+    if (!check_file(k_check_store))
+        return -1;
+    int log = 0, copied = 0;
+    const int rc =
+        sqlite3_wal_checkpoint_v2(_db.get(), nullptr, SQLITE_CHECKPOINT_PASSIVE, &log, &copied);
+    if (rc != SQLITE_OK) {
+        _error = "cannot checkpoint data store '" + _path + "': " + _db.message();
+        return (rc & 0xff) == SQLITE_BUSY ? SQLITE_BUSY : rc;
+    }
+    // No WAL (a store in another journal mode) gives -1 for both.
+    wal_frames_left = log > copied ? log - copied : 0;
+    _wal_frames.store(wal_frames_left, std::memory_order_relaxed);
+    return 0;
 }
 
 void CStoreConnection::open_counter() {
@@ -201,8 +284,11 @@ void CStoreConnection::prepare_statements() {
     _data_version.prepare(db, "PRAGMA data_version");
     _select_leaf.prepare(db, "SELECT type, value, sec, usec, property FROM leaves WHERE path = ?1");
     _select_type.prepare(db, "SELECT type FROM leaves WHERE path = ?1");
+    _select_for_write.prepare(db, "SELECT type, property, seq FROM leaves WHERE path = ?1");
     _update_leaf.prepare(db, "UPDATE leaves SET value = ?2, sec = ?3, usec = ?4, "
                              "writer = ?5, seq = ?6 WHERE path = ?1");
+    _update_typed.prepare(db, "UPDATE leaves SET value = ?2, sec = ?3, usec = ?4, "
+                              "writer = ?5, seq = ?6 WHERE path = ?1 AND type = ?7 AND seq <> ?6");
     _bump_seq.prepare(db, "UPDATE changes SET seq = seq + 1");
     _select_changes.prepare(db, "SELECT seq, generation FROM changes");
     _changed_since.prepare(db, "SELECT path FROM leaves WHERE seq > ?1 LIMIT ?2");
@@ -221,9 +307,10 @@ void CStoreConnection::prepare_statements() {
 }
 
 void CStoreConnection::close_file() {
-    for (CSqliteStatement* s : {&_data_version, &_select_leaf, &_select_type, &_update_leaf,
-                                &_bump_seq, &_select_changes, &_changed_since, &_next_after,
-                                &_next_from, &_insert_leaf, &_watchdog_set, &_watchdog_ping})
+    for (CSqliteStatement* s :
+         {&_data_version, &_select_leaf, &_select_type, &_select_for_write, &_update_leaf,
+          &_update_typed, &_bump_seq, &_select_changes, &_changed_since, &_next_after, &_next_from,
+          &_insert_leaf, &_watchdog_set, &_watchdog_ping})
         s->finalize();
     _db.close();
     _changes.close();
@@ -233,14 +320,16 @@ void CStoreConnection::close_file() {
     _cache_generation = -1;
 }
 
-bool CStoreConnection::check_file(bool throttled) {
+bool CStoreConnection::check_file(check_t how) {
     const std::chrono::steady_clock::time_point now = std::chrono::steady_clock::now();
-    if (throttled && !_lost && now < _next_check)
+    const bool due = _lost || how == k_check_all || now >= _next_check;
+    if (!due && how == k_check_when_due)
         return true;
-    _next_check = now + k_read_check_interval;
+    if (due)
+        _next_check = now + k_read_check_interval;
     tk_string why;
     if (!_lost && _db.same_file(why)) {
-        if (!_changes.current()) {
+        if (due && !_changes.current()) {
             const bool was_open = _changes.is_open();
             _changes.close();
             // Said once: a folder that stays read-only would say it every check.
@@ -393,15 +482,21 @@ void CStoreConnection::catch_up() {
     }
 }
 
+void CStoreConnection::select_changes(int64_t& seq, int64_t& generation) {
+    CStatementScope scope(_select_changes);
+    if (!_select_changes.step())
+        throw CSqliteError(SQLITE_CORRUPT, "the changes table is empty");
+    seq = _select_changes.column_int(0);
+    generation = _select_changes.column_int(1);
+}
+
 void CStoreConnection::sync_cache() {
     int64_t seq, generation;
-    {
-        CStatementScope scope(_select_changes);
-        if (!_select_changes.step())
-            throw CSqliteError(SQLITE_CORRUPT, "the changes table is empty");
-        seq = _select_changes.column_int(0);
-        generation = _select_changes.column_int(1);
-    }
+    select_changes(seq, generation);
+    sync_to(seq, generation);
+}
+
+void CStoreConnection::sync_to(int64_t seq, int64_t generation) {
     if (generation != _cache_generation || seq < _cache_seq) {
         drop_caches();
     } else if (seq != _cache_seq) {
@@ -421,13 +516,22 @@ void CStoreConnection::sync_cache() {
     _cache_generation = generation;
 }
 
+void CStoreConnection::sync_for_write() {
+    int64_t seq, generation;
+    select_changes(seq, generation);
+    sync_to(seq, generation);
+    _cache_version = data_version();
+    _write_seq = seq;
+    _write_seq_taken = false;
+}
+
 int CStoreConnection::get(const std::vector<tk_string>& paths, std::vector<api_status_t>& statuses,
                           std::vector<CElement>& values, std::vector<element_property_t>& sources) {
     const size_t n = paths.size();
     statuses.assign(n, API_STATUS_NONE);
     values.resize(n);
     sources.assign(n, 0);
-    if (!check_file(true)) {
+    if (!check_file(k_check_when_due)) {
         statuses.assign(n, API_STATUS_FAILURE);
         return -1;
     }
@@ -469,6 +573,27 @@ void CStoreConnection::forget(const tk_string& path) {
         _leaves[id].valid = false;
 }
 
+void CStoreConnection::remember(const write_item_t& item) {
+    const auto take = [&item](CLeafValue& entry) {
+        entry.status = API_STATUS_OK;
+        entry.value = item.stored;
+        entry.source = item.property;
+    };
+    if (!_cache.empty()) {
+        const auto it = _cache.find(*item.path);
+        if (it != _cache.end())
+            take(it->second);
+    }
+    leaf_id_t id = item.id;
+    if (id == k_no_id && !(_table && _table->find(*item.path, id)))
+        return;
+    // A table that grew since the bind has no entry for its new ids yet.
+    if (id < _leaves.size()) {
+        take(_leaves[id].leaf);
+        _leaves[id].valid = true;
+    }
+}
+
 void CStoreConnection::drop_caches() {
     _cache.clear();
     for (leaf_slot_t& slot : _leaves)
@@ -502,7 +627,7 @@ bool CStoreConnection::check_ids(const char* what, const leaf_id_t* ids, size_t 
 
 int CStoreConnection::read_synced(const leaf_id_t* ids, size_t n, const CLeafValue** out,
                                   bool wait) {
-    if (!check_ids("read", ids, n) || !check_file(true))
+    if (!check_ids("read", ids, n) || !check_file(k_check_when_due))
         return -1;
     if (!wait)
         set_busy_wait(_db, false);
@@ -548,19 +673,37 @@ int CStoreConnection::read_ids(const leaf_id_t* ids, size_t n, const CLeafValue*
     }
 }
 
-int CStoreConnection::write(const leaf_id_t* ids, const CElement* values, size_t n,
-                            api_status_t* statuses, bool wait) {
-    if (!check_ids("write", ids, n)) {
-        std::fill(statuses, statuses + n, API_STATUS_FAILURE);
-        return -1;
+int CStoreConnection::write(const CWritePart* parts, size_t count, bool wait,
+                            const std::function<bool()>& commit_if) {
+    size_t total = 0;
+    bool known = true;
+    for (size_t p = 0; p < count; ++p) {
+        total += parts[p].n;
+        known = known && check_ids("write", parts[p].ids, parts[p].n);
     }
-    _write_paths.resize(n);
-    for (size_t i = 0; i < n; ++i)
-        _write_paths[i] = &_table->path(ids[i]);
-    int rc = write_leaves(_write_paths.data(), values, n, statuses, tk_string(), wait);
-    // Busy means the write transaction never began: nothing was written.
-    if ((rc & 0xff) == SQLITE_BUSY)
-        rc = SQLITE_BUSY;
+    int rc = -1;
+    if (known) {
+        _items.resize(total);
+        size_t k = 0;
+        for (size_t p = 0; p < count; ++p)
+            for (size_t i = 0; i < parts[p].n; ++i, ++k) {
+                _items[k].path = &_table->path(parts[p].ids[i]);
+                _items[k].value = &parts[p].values[i];
+                _items[k].id = parts[p].ids[i];
+            }
+        try {
+            rc = write_items(total, tk_string(), wait, commit_if ? &commit_if : nullptr);
+        } catch (...) {
+            // From commit_if, after the rollback.
+            for (size_t p = 0; p < count; ++p)
+                std::fill(parts[p].statuses, parts[p].statuses + parts[p].n, API_STATUS_FAILURE);
+            throw;
+        }
+    }
+    size_t k = 0;
+    for (size_t p = 0; p < count; ++p)
+        for (size_t i = 0; i < parts[p].n; ++i, ++k)
+            parts[p].statuses[i] = known ? _items[k].status : API_STATUS_FAILURE;
     return rc;
 }
 
@@ -574,102 +717,151 @@ int CStoreConnection::set(const std::vector<tk_string>& paths, const std::vector
         return -1;
     }
     std::vector<tk_string> normal(n);
-    std::vector<const tk_string*> pointers(n);
+    _items.resize(n);
     for (size_t i = 0; i < n; ++i) {
         normal[i] = normal_path(paths[i], _scratch);
-        pointers[i] = &normal[i];
+        _items[i].path = &normal[i];
+        _items[i].value = i < values.size() ? &values[i] : nullptr;
+        _items[i].id = k_no_id;
     }
-    return write_leaves(pointers.data(), values.data(), n, statuses.data(), writer);
+    const int rc = write_items(n, writer, true, nullptr);
+    for (size_t i = 0; i < n; ++i)
+        statuses[i] = _items[i].status;
+    return rc;
 }
 
-int CStoreConnection::write_leaves(const tk_string* const* paths, const CElement* values, size_t n,
-                                   api_status_t* statuses, const tk_string& writer, bool wait) {
+int CStoreConnection::write_items(size_t n, const tk_string& writer, bool wait,
+                                  const std::function<bool()>* commit_if) {
+    const auto settle = [this, n](api_status_t status) {
+        for (size_t i = 0; i < n; ++i)
+            _items[i].status = status;
+    };
     if (n == 0)
         return 0;
     if (_read_only) {
-        std::fill(statuses, statuses + n, API_STATUS_READ_ONLY);
+        settle(API_STATUS_READ_ONLY);
         return 0;
     }
-    std::fill(statuses, statuses + n, API_STATUS_FAILURE);
+    settle(API_STATUS_FAILURE);
     // The check may reopen the file: the connection's wait is set on the one written.
-    if (!check_file(false))
+    if (!check_file(k_check_store))
         return -1;
-    struct CNoWait {
-        CSqliteDb& db;
-        bool wait;
-        CNoWait(CSqliteDb& d, bool w) : db(d), wait(w) {
-            if (!wait)
-                set_busy_wait(db, false);
-        }
-        ~CNoWait() {
-            if (!wait)
-                set_busy_wait(db, true);
-        }
-    } no_wait(_db, wait);
+    CNoWait no_wait(_db, wait);
+    // As a read does, before the transaction: see the header.
+    const bool counted = _changes.is_open();
+    uint32_t word = _changes.load();
+    _changes_seen = false;
     try {
+        CSqliteTransaction txn(_db, true, true);
+        sync_for_write();
         const timeval stamp_now = now();
-        std::vector<api_status_t>& result = _write_result;
-        result.assign(n, API_STATUS_FAILURE);
-        CSqliteTransaction txn(_db, true);
-        int64_t seq;
-        {
-            CStatementScope bump(_bump_seq);
-            _bump_seq.step();
-            CStatementScope select(_select_changes);
-            if (!_select_changes.step())
-                throw CSqliteError(SQLITE_CORRUPT, "the changes table is empty");
-            seq = _select_changes.column_int(0);
-        }
-        for (size_t i = 0; i < n; ++i) {
-            const tk_string& path = *paths[i];
-            if (is_children_path(path)) {
-                result[i] = API_STATUS_NOT_FOUND;
-                continue;
-            }
-            int64_t type;
-            {
-                CStatementScope scope(_select_type);
-                _select_type.bind(1, path);
-                if (!_select_type.step()) {
-                    result[i] = API_STATUS_NOT_FOUND;
-                    continue;
-                }
-                type = _select_type.column_int(0);
-            }
-            CElement value;
-            if (type < CElement::TYPE_BOOL || type > CElement::TYPE_TIME ||
-                !CElement::convert(values[i], static_cast<CElement::type_t>(type), value)) {
-                result[i] = API_STATUS_BAD_VALUE;
-                continue;
-            }
-            const timeval& stamp =
-                CElement::is_invalid_time(values[i].time()) ? stamp_now : values[i].time();
-            CStatementScope scope(_update_leaf);
-            _update_leaf.bind(1, path);
-            bind_value(_update_leaf, 2, value);
-            _update_leaf.bind(3, static_cast<int64_t>(stamp.tv_sec));
-            _update_leaf.bind(4, static_cast<int64_t>(stamp.tv_usec));
-            _update_leaf.bind(5, writer);
-            _update_leaf.bind(6, seq);
-            _update_leaf.step();
-            result[i] = API_STATUS_OK;
+        for (size_t i = 0; i < n; ++i)
+            write_item(_items[i], writer, stamp_now);
+        if (commit_if && !(*commit_if)()) {
+            settle(API_STATUS_FAILURE);
+            // The transaction synced the caches, and rolls back.
+            _seen_changes = word;
+            _changes_seen = counted;
+            return CCds::cancelled;
         }
         txn.commit();
-        _changes.bump();
-        for (size_t i = 0; i < n; ++i)
-            if (result[i] == API_STATUS_OK)
-                forget(*paths[i]);
-        std::copy(result.begin(), result.end(), statuses);
+        if (_write_seq_taken) {
+            uint32_t replaced = 0;
+            const uint32_t stored = _changes.bump(&replaced);
+            if (replaced == word)
+                word = stored;
+            _cache_seq = _write_seq;
+            for (size_t i = 0; i < n; ++i)
+                if (_items[i].status == API_STATUS_OK)
+                    remember(_items[i]);
+        }
+        _seen_changes = word;
+        _changes_seen = counted;
         return 0;
     } catch (const CSqliteError& e) {
-        return fail(e);
+        settle(API_STATUS_FAILURE);
+        const int rc = fail(e);
+        // Busy means the write transaction never began: nothing was written.
+        return (rc & 0xff) == SQLITE_BUSY ? SQLITE_BUSY : rc;
     }
+}
+
+void CStoreConnection::write_item(write_item_t& item, const tk_string& writer,
+                                  const timeval& stamp_now) {
+    const tk_string& path = *item.path;
+    if (is_children_path(path)) {
+        item.status = API_STATUS_NOT_FOUND;
+        return;
+    }
+    const timeval& stamp =
+        CElement::is_invalid_time(item.value->time()) ? stamp_now : item.value->time();
+    // A cached leaf's type saves the SELECT; the update checks it, and anything it does not
+    // find (the type changed, the leaf was removed or already written here) goes the long way.
+    if (item.id != k_no_id) {
+        const leaf_slot_t& slot = _leaves[item.id];
+        if (slot.valid && slot.leaf.status == API_STATUS_OK &&
+            CElement::convert(*item.value, slot.leaf.value.type(), item.stored)) {
+            as_stored(item.stored, stamp);
+            _update_typed.bind(7, static_cast<int64_t>(slot.leaf.value.type()));
+            if (update_leaf(_update_typed, item, writer, write_seq())) {
+                item.property = slot.leaf.source;
+                item.status = API_STATUS_OK;
+                return;
+            }
+        }
+    }
+    int64_t type, seq;
+    {
+        CStatementScope scope(_select_for_write);
+        _select_for_write.bind(1, path);
+        if (!_select_for_write.step()) {
+            item.status = API_STATUS_NOT_FOUND;
+            return;
+        }
+        type = _select_for_write.column_int(0);
+        item.property = static_cast<element_property_t>(_select_for_write.column_int(1));
+        seq = _select_for_write.column_int(2);
+    }
+    if (type < CElement::TYPE_BOOL || type > CElement::TYPE_TIME ||
+        !CElement::convert(*item.value, static_cast<CElement::type_t>(type), item.stored)) {
+        item.status = API_STATUS_BAD_VALUE;
+        return;
+    }
+    as_stored(item.stored, stamp);
+    // An update that leaves a leaf's seq as it was looks like a writer that keeps no seq: the
+    // trigger bumps the generation, and every reader drops its whole cache.
+    update_leaf(_update_leaf, item, writer, seq == write_seq() ? next_write_seq() : write_seq());
+    item.status = API_STATUS_OK;
+}
+
+bool CStoreConnection::update_leaf(CSqliteStatement& update, const write_item_t& item,
+                                   const tk_string& writer, int64_t seq) {
+    CStatementScope scope(update);
+    update.bind(1, *item.path);
+    bind_value(update, 2, item.stored);
+    update.bind(3, static_cast<int64_t>(item.stored.time().tv_sec));
+    update.bind(4, static_cast<int64_t>(item.stored.time().tv_usec));
+    update.bind(5, writer);
+    update.bind(6, seq);
+    update.step();
+    return sqlite3_changes(_db.get()) > 0;
+}
+
+int64_t CStoreConnection::write_seq() {
+    return _write_seq_taken ? _write_seq : next_write_seq();
+}
+
+int64_t CStoreConnection::next_write_seq() {
+    CStatementScope bump(_bump_seq);
+    _bump_seq.step();
+    _write_seq_taken = true;
+    return ++_write_seq;
 }
 
 int CStoreConnection::watchdog_register(api_status_t& status, const tk_string& ident,
                                         unsigned int timeout, bool enable) {
     status = API_STATUS_FAILURE;
-    if (!check_file(false))
+    if (!check_file(k_check_all))
         return -1;
     try {
         const timeval t = now();
@@ -696,7 +888,7 @@ int CStoreConnection::watchdog_ping(api_status_t& status) {
         return 0;
     }
     status = API_STATUS_FAILURE;
-    if (!check_file(false))
+    if (!check_file(k_check_all))
         return -1;
     try {
         const timeval t = now();
@@ -751,7 +943,7 @@ int CStoreConnection::define(const std::vector<CLeafInfo>& leaves, bool replace_
             return -1;
         }
     }
-    if (!check_file(false))
+    if (!check_file(k_check_all))
         return -1;
     try {
         CSqliteTransaction txn(_db, true);
@@ -802,7 +994,7 @@ int CStoreConnection::define(const std::vector<CLeafInfo>& leaves, bool replace_
 int CStoreConnection::remove(const tk_string& path, bool recursive, size_t& removed) {
     removed = 0;
     const tk_string node = CCdsStore::normal_path(path);
-    if (!check_file(false))
+    if (!check_file(k_check_all))
         return -1;
     try {
         CSqliteTransaction txn(_db, true);
@@ -840,7 +1032,7 @@ int CStoreConnection::remove(const tk_string& path, bool recursive, size_t& remo
 int CStoreConnection::list(const tk_string& path, std::vector<CLeafInfo>& leaves) {
     leaves.clear();
     const tk_string node = CCdsStore::normal_path(path);
-    if (!check_file(true))
+    if (!check_file(k_check_when_due))
         return -1;
     try {
         CSqliteTransaction txn(_db, false);
@@ -871,7 +1063,7 @@ int CStoreConnection::list(const tk_string& path, std::vector<CLeafInfo>& leaves
 
 int CStoreConnection::children(const tk_string& path,
                                std::vector<std::pair<tk_string, bool>>& names) {
-    if (!check_file(true))
+    if (!check_file(k_check_when_due))
         return -1;
     try {
         CSqliteTransaction txn(_db, false);
@@ -885,7 +1077,7 @@ int CStoreConnection::children(const tk_string& path,
 
 int CStoreConnection::watchdogs(std::vector<CWatchdogInfo>& entries) {
     entries.clear();
-    if (!check_file(true))
+    if (!check_file(k_check_when_due))
         return -1;
     try {
         CSqliteStatement stmt;

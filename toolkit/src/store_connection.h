@@ -2,17 +2,17 @@
 // One connection to a store file: what a kvr_handle_t points to.
 //
 // Reads keep a per-connection cache of leaves. While SQLite's data_version is unchanged no
-// other connection has committed, and the cache is served as it is; the connection's own
-// writes drop the entries they touch. When it has changed, the store's change sequence
-// tells which leaves were written since (or that the cache must go). So a read never
-// returns a value older than the last commit.
+// other connection has committed, and the cache is served as it is. When it has changed, the
+// store's change sequence tells which leaves were written since (or that the cache must go).
+// So a read never returns a value older than the last commit.
 //
 // Reads by leaf id (bind, read) keep a second cache, an array indexed by id, and skip even
 // data_version: every writer using this library bumps the change counter beside the store
 // (CChangeCounter) after it commits, so while the counter holds the word seen at the last
-// sync, the cached leaves are current and a read is a few memory loads. The counter word is
-// loaded before the read transaction that syncs, so a commit that transaction missed is
-// seen at the next read. Fallbacks:
+// sync, the cached leaves are current and a read is a few memory loads. What the word seen
+// promises: every commit whose bump came before that word was loaded is in the caches. The
+// word is loaded before the read transaction that syncs, so a commit that transaction missed
+// is bumped later and seen at the next read. Fallbacks:
 // - no counter (a read-only folder, a failed mmap): every id read asks data_version, as
 //   path reads do;
 // - writers that do not use this library (the sqlite3 shell), or a writer killed between
@@ -21,18 +21,50 @@
 // - a store replaced or removed: the file check below, which also maps the counter again;
 //   a counter file removed or replaced on its own is mapped again at the periodic check.
 //
+// Writes keep the caches current too, so that a connection reading back what it wrote
+// neither begins a read transaction nor re-reads the leaves:
+// - The write transaction holds the write lock on the newest snapshot, so it first syncs the
+//   caches to it exactly as a read transaction does (the changes row is read anyway, and
+//   data_version costs no system call inside a transaction). Commits by anyone, bumped or
+//   not, that came before the transaction are then in the caches.
+// - After the commit the entries of the leaves written take the values as stored (property
+//   word unchanged), and the sync point _cache_seq moves to the last seq the transaction
+//   took. No seq that another writer used is passed over: seqs up to the one the
+//   transaction found were synced, and the seqs above it up to ours are ours (the write
+//   lock), so every other writer's seq is either synced or above ours.
+// - The counter word is loaded before the transaction begins, as a read loads it. When our
+//   bump replaced exactly that word, nobody bumped between the load and our bump: every
+//   bump before ours came before the load, so its commit came before our transaction and is
+//   in the caches. The word we stored is then the word seen, and the next read stays on its
+//   fast path. When someone else bumped in between, they may have committed after us: the
+//   word loaded before the transaction stays the word seen (still true of it), which the
+//   counter no longer holds, so the next read syncs.
+// - A writer that committed after our commit but bumps after our bump is not in the caches
+//   and the fast path serves without it until it bumps, as for every reader: the bump
+//   changes the word from the one we stored.
+// - A writer that does not bump and commits after our transaction is seen at the periodic
+//   check. A write makes that check only when it is due, and its transaction is then the
+//   data_version check that goes with it; a write that fails leaves the next read to sync.
+//
 // The store file may be replaced under a running process (a new file renamed over it) or
-// removed. Every write first checks that the path still names the open file: a replaced
-// file is reopened and written, a removed one refuses the write. Reads check at most once per
-// k_read_check_interval, so a read costs a clock read rather than a stat(2); values
-// from a replaced file are served for at most that long.
+// removed. Every write first checks (one stat(2)) that the path still names the open file:
+// a replaced file is reopened and written, a removed one refuses the write. Reads check at
+// most once per k_read_check_interval, so a read costs a clock read rather than a stat(2);
+// values from a replaced file are served for at most that long. The counter file is checked
+// at the same pace, by reads and writes alike.
+//
+// Checkpoints: SQLite's automatic one (inside the commit that takes the WAL past its limit)
+// is replaced by a WAL hook of the same effect, which also counts the frames, so that a
+// program can turn it off and checkpoint when it suits it.
 #include "change_counter.h"
 #include "sqlite_db.h"
 #include "toolkit/cds_store.h"
 #include "toolkit/kvr.h"
 #include "toolkit/leaf_table.h"
 
+#include <atomic>
 #include <chrono>
+#include <functional>
 #include <unordered_map>
 #include <vector>
 
@@ -59,9 +91,13 @@ public:
             return 0;
         return read_synced(ids, n, out, wait);
     }
-    int write(const leaf_id_t* ids, const CElement* values, size_t n, api_status_t* statuses,
-              bool wait);
+    int write(const CWritePart* parts, size_t count, bool wait,
+              const std::function<bool()>& commit_if);
     void set_read_only() { _read_only = true; }
+    // Checkpoints: see CCds.
+    void set_auto_checkpoint(bool on) { _auto_checkpoint = on; }
+    int wal_frames() const { return _wal_frames.load(std::memory_order_relaxed); }
+    int checkpoint(int& wal_frames_left);
     bool read_only() const { return _read_only; }
     int watchdog_register(api_status_t& status, const tk_string& ident, unsigned int timeout,
                           bool enable);
@@ -87,14 +123,33 @@ private:
     static const int64_t k_sync_limit = 256;
 
     static constexpr std::chrono::milliseconds k_read_check_interval{500};
+    static const leaf_id_t k_no_id = ~leaf_id_t(0);
+
+    // One leaf of a write transaction, kept until the commit for the caches.
+    struct write_item_t {
+        const tk_string* path = nullptr; // normal form
+        const CElement* value = nullptr;
+        leaf_id_t id = k_no_id; // k_no_id when written by path
+        api_status_t status = API_STATUS_NONE;
+        CElement stored; // as converted, stamped and stored, when status is OK
+        element_property_t property = 0;
+    };
+
+    // How much check_file checks.
+    enum check_t {
+        k_check_when_due, // reads: nothing until k_read_check_interval has passed
+        k_check_store,    // writes: the store every time, the counter file when due
+        k_check_all,
+    };
 
     int fail(const CSqliteError& e);
     void prepare_statements();
+    void watch_wal();
+    static int on_wal_commit(void* self, sqlite3* db, const char* name, int frames);
     void close_file();
     // True when the connection's file is (again) the one at its path, reopening it when
-    // another file has taken its place; otherwise false with _error set. Reads pass
-    // `throttled`: they check only once per interval while all is well.
-    bool check_file(bool throttled);
+    // another file has taken its place; otherwise false with _error set.
+    bool check_file(check_t how);
     bool reopen(const tk_string& why);
     int64_t data_version();
     bool serve_from_cache(const std::vector<tk_string>& paths, std::vector<api_status_t>& statuses,
@@ -110,15 +165,29 @@ private:
     int read_synced(const leaf_id_t* ids, size_t n, const CLeafValue** out, bool wait);
     int read_ids(const leaf_id_t* ids, size_t n, const CLeafValue** out);
     bool check_ids(const char* what, const leaf_id_t* ids, size_t n);
-    // Writes normal paths in one transaction, as set() promises.
-    // wait false: a store that another writer holds fails at once, with SQLite's busy code.
-    int write_leaves(const tk_string* const* paths, const CElement* values, size_t n,
-                     api_status_t* statuses, const tk_string& writer, bool wait = true);
+    // Writes _items[0..n) in one transaction, as set() and write() promise, leaving each
+    // item's final status. wait false: a store that another writer holds fails at once
+    // (SQLITE_BUSY). commit_if may be null.
+    int write_items(size_t n, const tk_string& writer, bool wait,
+                    const std::function<bool()>* commit_if);
+    void write_item(write_item_t& item, const tk_string& writer, const timeval& stamp_now);
+    bool update_leaf(CSqliteStatement& update, const write_item_t& item, const tk_string& writer,
+                     int64_t seq);
+    // The seq this transaction stamps its leaves with, taken at the first update; another
+    // one for a leaf that already carries it.
+    int64_t write_seq();
+    int64_t next_write_seq();
     // Drops the entries of a leaf that has changed, in both caches.
     void forget(const tk_string& path);
+    // Gives the entries of a leaf just written its value as stored, in both caches.
+    void remember(const write_item_t& item);
     void drop_caches();
     void open_counter();
+    void select_changes(int64_t& seq, int64_t& generation);
     void sync_cache();
+    void sync_to(int64_t seq, int64_t generation);
+    // In a write transaction: brings the caches to the newest commit.
+    void sync_for_write();
     // In a read transaction: sync_cache when another connection has committed since.
     void catch_up();
     void read_entry(const tk_string& path, CLeafValue& entry);
@@ -141,7 +210,9 @@ private:
     CSqliteStatement _data_version;
     CSqliteStatement _select_leaf;
     CSqliteStatement _select_type;
+    CSqliteStatement _select_for_write;
     CSqliteStatement _update_leaf;
+    CSqliteStatement _update_typed; // only a leaf of the type given, not yet written by us
     CSqliteStatement _bump_seq;
     CSqliteStatement _select_changes;
     CSqliteStatement _changed_since;
@@ -163,9 +234,16 @@ private:
     int64_t _cache_seq = -1;
     int64_t _cache_generation = -1;
     tk_string _scratch;
-    // Reused by every write, so that a warm connection allocates nothing for them.
-    std::vector<const tk_string*> _write_paths;
-    std::vector<api_status_t> _write_result;
+    // Reused by every write, so that a warm connection allocates little for them.
+    std::vector<write_item_t> _items;
+    // The seq of the write transaction: the one found in it until the first update.
+    int64_t _write_seq = 0;
+    bool _write_seq_taken = false;
+
+    bool _auto_checkpoint = true;
+    // SQLite's own limit, which the WAL hook keeps.
+    int _auto_checkpoint_frames = 0;
+    std::atomic<int> _wal_frames{0};
 };
 
 } // namespace toolkit

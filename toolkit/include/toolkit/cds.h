@@ -11,9 +11,19 @@
 #include "toolkit/kvr.h"
 #include "toolkit/leaf_table.h"
 
+#include <functional>
 #include <vector>
 
 namespace toolkit {
+
+// One requester's share of a write transaction: n leaves by id, their values, and where
+// their statuses go.
+struct CWritePart {
+    const leaf_id_t* ids;
+    const CElement* values;
+    size_t n;
+    api_status_t* statuses;
+};
 
 class CCds {
 public:
@@ -45,6 +55,8 @@ public:
 
     // What read() returns when the store is locked and it was told not to wait (SQLITE_BUSY).
     static constexpr int busy = 5;
+    // What a write returns when its commit_if said no (SQLite never returns a negative code).
+    static constexpr int cancelled = -2;
     // How long a writer told to wait waits for another writer before it fails.
     static constexpr int busy_wait_ms = 2000;
 
@@ -55,9 +67,10 @@ public:
     // Reads ids[0..n) as one consistent snapshot and points out[i] at each leaf's cached
     // entry, valid until the next call on this connection. Returns 0; busy when wait is
     // false and the store is locked (nothing read, returns at once); another non-zero code
-    // when the store failed (error() says why). While no writer has committed since the
-    // last read, a read makes no system call, allocation or SQLite call; writers that
-    // bypass this library are seen within half a second.
+    // when the store failed (error() says why). While no other writer has committed since
+    // this connection's last read or write, a read makes no system call, allocation or
+    // SQLite call (so reading back one's own write is free); writers that bypass this
+    // library are seen within half a second.
     int read(const leaf_id_t* ids, size_t n, const CLeafValue** out, bool wait);
     // Writes values to the leaves in one transaction, with the per-leaf statuses, the type
     // conversion, read-only rule and stamping of set_leaves; returns as set_leaves, or busy
@@ -65,6 +78,32 @@ public:
     // once).
     int write(const leaf_id_t* ids, const CElement* values, size_t n, api_status_t* statuses,
               bool wait = true);
+    // Writes the parts in one transaction, in order, each leaf as write() does (a leaf in
+    // two parts keeps the later part's value), so that several requesters share one commit.
+    // commit_if, when given, is called once every part is applied, just before the commit,
+    // with the store locked (keep it short, and do not use this connection in it): when it
+    // returns false nothing is written, every status is API_STATUS_FAILURE and the call
+    // returns cancelled. It is not called when there is nothing to write, the connection is
+    // read-only, or the transaction could not begin; an exception from it rolls back and
+    // propagates. An id that the bound
+    // table does not have fails the whole call (-1, nothing written). Otherwise returns as
+    // write(); on busy or a failure every status is API_STATUS_FAILURE.
+    int write(const CWritePart* parts, size_t count, bool wait,
+              const std::function<bool()>& commit_if = {});
+
+    // Checkpoints, which copy the WAL back into the store file and fsync both, are the slow
+    // part of writing. By default SQLite runs one inside the commit that takes the WAL past
+    // 1000 frames; a program that turns that off calls checkpoint() when it suits it (from a
+    // thread of its own, on a connection of its own), or the WAL grows without bound.
+    void set_auto_checkpoint(bool on);
+    // Frames in the WAL after this connection's last commit, or left after its last
+    // checkpoint(), whichever came later; 0 when unknown. Any thread may call it.
+    int wal_frames() const;
+    // Copies into the store file what the WAL holds and no reader still needs, without
+    // waiting for readers or writers (SQLite's PASSIVE checkpoint), and says how many frames
+    // are left. Returns 0, busy when another checkpoint is running, or another non-zero
+    // code when the store failed.
+    int checkpoint(int& wal_frames_left);
 
     // From now on every write fails with API_STATUS_READ_ONLY and changes nothing.
     void setReadOnly();

@@ -1,0 +1,329 @@
+// Writes by leaf id in parts, and the caches they keep: a connection reads back its own
+// writes without asking the store, yet never misses what others committed meanwhile.
+#include "toolkit/cds_store.h"
+#include "toolkit/leaf_table.h"
+#include "toolkit/store_fixture.h"
+
+#include <boost/test/unit_test.hpp>
+
+#include <sqlite3.h>
+
+#include <chrono>
+#include <thread>
+
+using toolkit::CCds;
+using toolkit::CCdsStore;
+using toolkit::CElement;
+using toolkit::CLeafTable;
+using toolkit::CLeafValue;
+using toolkit::CWritePart;
+using toolkit::leaf_id_t;
+
+namespace {
+
+const int k_leaves = 10;
+
+tk_string leaf_path(int i) {
+    return "/W/leaf " + std::to_string(i);
+}
+
+// k_leaves int leaves at 0, their ids, and a second connection `a` bound to them.
+struct CWriteFixture : CTestStore {
+    CWriteFixture() {
+        std::vector<toolkit::CLeafInfo> leaves;
+        for (int i = 0; i < k_leaves; ++i) {
+            leaves.push_back({leaf_path(i), CElement::TYPE_INT, CElement::from_int(0), 0});
+            ids.push_back(table.add(leaf_path(i)));
+        }
+        define(leaves);
+        BOOST_REQUIRE_EQUAL(a_store.open(path()), 0);
+        a().bind(table);
+    }
+    CCds& a() { return a_store.cds(); }
+    // The values a connection reads by id, -1 for a leaf that is not OK; empty on failure.
+    std::vector<int64_t> read(CCds& cds, bool wait = true) {
+        std::vector<const CLeafValue*> out(ids.size());
+        rc = cds.read(ids.data(), ids.size(), out.data(), wait);
+        std::vector<int64_t> values;
+        if (rc == 0)
+            for (const CLeafValue* v : out)
+                values.push_back(v->status == API_STATUS_OK ? v->value.to_int() : -1);
+        return values;
+    }
+    int64_t read_one(int i) {
+        const std::vector<int64_t> v = read(a());
+        return v.empty() ? -2 : v[i];
+    }
+    api_status_t write_one(CCds& cds, int i, const CElement& value) {
+        api_status_t status = API_STATUS_NONE;
+        rc = cds.write(&ids[i], &value, 1, &status);
+        return status;
+    }
+    int64_t generation() {
+        sqlite3* db = nullptr;
+        sqlite3_open_v2(path().c_str(), &db, SQLITE_OPEN_READONLY, nullptr);
+        sqlite3_stmt* stmt = nullptr;
+        sqlite3_prepare_v2(db, "SELECT generation FROM changes", -1, &stmt, nullptr);
+        const int64_t g = sqlite3_step(stmt) == SQLITE_ROW ? sqlite3_column_int64(stmt, 0) : -1;
+        sqlite3_finalize(stmt);
+        sqlite3_close(db);
+        return g;
+    }
+
+    CLeafTable table;
+    std::vector<leaf_id_t> ids;
+    CCdsStore a_store;
+    int rc = 0;
+};
+
+tk_string update_sql(int i, const tk_string& set) {
+    return "UPDATE leaves SET " + set + " WHERE path = '" + leaf_path(i) + "'";
+}
+
+} // namespace
+
+BOOST_FIXTURE_TEST_SUITE(leaf_writes, CWriteFixture)
+
+BOOST_AUTO_TEST_CASE(parts_share_one_transaction_and_keep_their_own_statuses) {
+    const uint32_t bumps = counter_value(path());
+    const int64_t gen = generation();
+    const leaf_id_t ids0[] = {ids[1], ids[2]};
+    const CElement values0[] = {CElement::from_string("11"), CElement::from_string("eleven")};
+    const leaf_id_t ids1[] = {table.add("/W"), ids[1], ids[3]};
+    const CElement values1[] = {CElement::from_int(1), CElement::from_int(12),
+                                CElement::from_int(13)};
+    api_status_t st0[2] = {}, st1[3] = {};
+    const CWritePart parts[] = {{ids0, values0, 2, st0}, {ids1, values1, 3, st1}};
+    BOOST_TEST(a().write(parts, 2, true) == 0);
+    BOOST_TEST(st0[0] == API_STATUS_OK);
+    BOOST_TEST(st0[1] == API_STATUS_BAD_VALUE); // fails alone
+    BOOST_TEST(st1[0] == API_STATUS_NOT_FOUND); // a node
+    BOOST_TEST(st1[1] == API_STATUS_OK);
+    BOOST_TEST(st1[2] == API_STATUS_OK);
+    BOOST_TEST(value(leaf_path(1)).to_int() == 12); // the later part's
+    BOOST_TEST(value(leaf_path(3)).to_int() == 13);
+    BOOST_TEST(read_one(1) == 12);
+    BOOST_TEST(counter_value(path()) == bumps + 1);
+    // A leaf written twice must not look like a writer that keeps no seq, which would make
+    // every reader drop its cache.
+    BOOST_TEST(generation() == gen);
+
+    // An id beyond the bound table is a caller's error: nothing of any part is written.
+    const leaf_id_t beyond = 1000;
+    const CElement v = CElement::from_int(5);
+    api_status_t st2 = API_STATUS_NONE;
+    const CWritePart bad[] = {{&ids[4], &v, 1, st0}, {&beyond, &v, 1, &st2}};
+    BOOST_TEST(a().write(bad, 2, true) == -1);
+    BOOST_TEST(st0[0] == API_STATUS_FAILURE);
+    BOOST_TEST(st2 == API_STATUS_FAILURE);
+    BOOST_TEST(has_text(a().error(), "1000"), a().error());
+    BOOST_TEST(value(leaf_path(4)).to_int() == 0);
+
+    a().setReadOnly();
+    bool asked = false;
+    BOOST_TEST(a().write(parts, 2, true, [&] { return asked = true; }) == 0);
+    BOOST_TEST(st0[0] == API_STATUS_READ_ONLY);
+    BOOST_TEST(st1[2] == API_STATUS_READ_ONLY);
+    BOOST_TEST(!asked);
+    BOOST_TEST(counter_value(path()) == bumps + 1);
+}
+
+BOOST_AUTO_TEST_CASE(a_refused_commit_writes_nothing_and_the_rest_can_follow) {
+    BOOST_TEST(read_one(4) == 0);
+    const uint32_t bumps = counter_value(path());
+    const CElement values[] = {CElement::from_int(40), CElement::from_int(50)};
+    api_status_t st[2] = {};
+    const CWritePart parts[] = {{&ids[4], &values[0], 1, &st[0]}, {&ids[5], &values[1], 1, &st[1]}};
+    int asked = 0;
+    BOOST_TEST(a().write(parts, 2, true, [&] { return ++asked, false; }) == CCds::cancelled);
+    BOOST_TEST(asked == 1);
+    BOOST_TEST(st[0] == API_STATUS_FAILURE);
+    BOOST_TEST(st[1] == API_STATUS_FAILURE);
+    BOOST_TEST(value(leaf_path(4)).to_int() == 0);
+    BOOST_TEST(counter_value(path()) == bumps);
+    // Not even its own cache keeps what was rolled back.
+    BOOST_TEST(read_one(4) == 0);
+    BOOST_TEST(read_one(5) == 0);
+
+    BOOST_TEST(a().write(&parts[1], 1, true, [] { return true; }) == 0);
+    BOOST_TEST(st[1] == API_STATUS_OK);
+    BOOST_TEST(value(leaf_path(5)).to_int() == 50);
+    BOOST_TEST(value(leaf_path(4)).to_int() == 0);
+
+    // Another writer holds the store: nothing is applied and nobody is asked.
+    sqlite3* db = nullptr;
+    BOOST_REQUIRE_EQUAL(sqlite3_open(path().c_str(), &db), SQLITE_OK);
+    BOOST_REQUIRE_EQUAL(sqlite3_exec(db, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr), SQLITE_OK);
+    BOOST_TEST(a().write(parts, 2, false, [&] { return ++asked, true; }) == CCds::busy);
+    BOOST_TEST(asked == 1);
+    BOOST_TEST(st[1] == API_STATUS_FAILURE);
+    sqlite3_exec(db, "ROLLBACK", nullptr, nullptr, nullptr);
+    sqlite3_close(db);
+    BOOST_TEST(read_one(5) == 50);
+}
+
+BOOST_AUTO_TEST_CASE(a_leaf_changed_behind_the_cache_is_written_the_long_way) {
+    BOOST_TEST(read_one(6) == 0);
+    // Hand edits that change a type while the sync sees nothing (neither the changes row nor
+    // the generation moves): the cached type is wrong, and the write must not trust it.
+    raw_sql(path(), update_sql(6, "type = 5, value = 'six', seq = seq + 1000"));
+    raw_sql(path(), update_sql(7, "type = 5, value = 'seven', seq = seq + 1000"));
+    BOOST_TEST(write_one(a(), 6, CElement::from_string("six and a half")) == API_STATUS_OK);
+    BOOST_TEST(value(leaf_path(6)).str() == "six and a half");
+    BOOST_TEST(write_one(a(), 7, CElement::from_int(7)) == API_STATUS_OK);
+    const CElement stored = value(leaf_path(7));
+    BOOST_TEST((stored.type() == CElement::TYPE_STRING && stored.str() == "7"));
+    const CLeafValue* out = nullptr;
+    BOOST_REQUIRE_EQUAL(a().read(&ids[7], 1, &out, true), 0);
+    BOOST_TEST(out->value.type() == CElement::TYPE_STRING);
+
+    // Removed, and defined again with another type, by another connection.
+    BOOST_TEST(read_one(8) == 0);
+    size_t removed = 0;
+    BOOST_REQUIRE_EQUAL(store().remove(leaf_path(8), false, removed), 0);
+    BOOST_TEST(write_one(a(), 8, CElement::from_int(8)) == API_STATUS_NOT_FOUND);
+    define(leaf_path(8), CElement::TYPE_FLOAT, CElement::from_float(0.5));
+    BOOST_TEST(read_one(8) == 0);
+    BOOST_TEST(write_one(a(), 8, CElement::from_string("2.5")) == API_STATUS_OK);
+    BOOST_TEST(value(leaf_path(8)).to_float() == 2.5);
+}
+
+// Every writer but `a` commits at some point around a's write; a's next read must show it
+// at once, except for a writer that neither bumps nor commits before a's write.
+BOOST_AUTO_TEST_CASE(own_writes_never_hide_what_others_committed) {
+    CCdsStore b;
+    BOOST_REQUIRE_EQUAL(b.open(path()), 0);
+    b.cds().bind(table);
+    BOOST_TEST(read_one(0) == 0);
+
+    // Before a's write: a writer that has committed but not bumped yet, one that never bumps,
+    // and one that does.
+    raw_sql(path(), "BEGIN IMMEDIATE; UPDATE changes SET seq = seq + 1;" +
+                        update_sql(1, "value = 11, seq = (SELECT seq FROM changes)") + "; COMMIT");
+    BOOST_TEST(write_one(a(), 0, CElement::from_int(1)) == API_STATUS_OK);
+    BOOST_TEST(read_one(1) == 11);
+    bump_counter(path()); // its late bump
+    BOOST_TEST(read_one(1) == 11);
+    raw_sql(path(), update_sql(2, "value = 22"));
+    BOOST_TEST(write_one(a(), 0, CElement::from_int(2)) == API_STATUS_OK);
+    BOOST_TEST(read_one(2) == 22);
+    BOOST_TEST(write_one(b.cds(), 3, CElement::from_int(33)) == API_STATUS_OK);
+    BOOST_TEST(write_one(a(), 0, CElement::from_int(3)) == API_STATUS_OK);
+    BOOST_TEST(read_one(3) == 33);
+    BOOST_TEST(read_one(0) == 3);
+
+    // During it: another writer's bump lands between a's load of the counter and a's own
+    // bump, and its commit shows only afterwards (it committed after a). a must not take its
+    // own bump for the last one.
+    const CElement four = CElement::from_int(4);
+    api_status_t st = API_STATUS_NONE;
+    const CWritePart part = {&ids[0], &four, 1, &st};
+    BOOST_TEST(a().write(&part, 1, true, [&] {
+        bump_counter(path());
+        return true;
+    }) == 0);
+    raw_sql(path(), "BEGIN IMMEDIATE; UPDATE changes SET seq = seq + 1;" +
+                        update_sql(4, "value = 44, seq = (SELECT seq FROM changes)") + "; COMMIT");
+    BOOST_TEST(read_one(4) == 44);
+
+    // After it: a writer that bumps is seen at once, one that never bumps within the check.
+    BOOST_TEST(write_one(a(), 0, CElement::from_int(5)) == API_STATUS_OK);
+    BOOST_TEST(write_one(b.cds(), 5, CElement::from_int(55)) == API_STATUS_OK);
+    BOOST_TEST(read_one(5) == 55);
+    BOOST_TEST(write_one(a(), 0, CElement::from_int(6)) == API_STATUS_OK);
+    raw_sql(path(), update_sql(6, "value = 66"));
+    bool seen = false;
+    for (int i = 0; i < 200 && !seen; ++i) {
+        seen = read_one(6) == 66;
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    BOOST_TEST(seen);
+    BOOST_TEST(read_one(0) == 6);
+}
+
+BOOST_AUTO_TEST_CASE(a_connection_reads_back_its_own_writes_without_asking_the_store) {
+    // A store in rollback-journal mode, so that another connection can lock readers out:
+    // a read that asks SQLite then answers busy.
+    CTempDir dir;
+    const tk_string file = dir.file("plain.db");
+    tk_string error;
+    BOOST_REQUIRE_MESSAGE(CCdsStore::create(file, error) == 0, error);
+    raw_sql(file, "PRAGMA journal_mode=DELETE");
+    CCdsStore w;
+    BOOST_REQUIRE_EQUAL(w.open(file), 0);
+    std::vector<toolkit::CLeafInfo> leaves;
+    for (int i = 0; i < k_leaves; ++i)
+        leaves.push_back({leaf_path(i), CElement::TYPE_INT, CElement::from_int(0), 0});
+    BOOST_REQUIRE_EQUAL(w.define(leaves), 0);
+    w.cds().bind(table);
+    BOOST_REQUIRE_EQUAL(read(w.cds()).size(), ids.size());
+    sqlite3* db = nullptr;
+    BOOST_REQUIRE_EQUAL(sqlite3_open(file.c_str(), &db), SQLITE_OK);
+    auto locked_read = [&](std::vector<int64_t>& values) {
+        BOOST_REQUIRE_EQUAL(sqlite3_exec(db, "BEGIN EXCLUSIVE", nullptr, nullptr, nullptr),
+                            SQLITE_OK);
+        values = read(w.cds(), false);
+        sqlite3_exec(db, "ROLLBACK", nullptr, nullptr, nullptr);
+        return rc;
+    };
+    // Past the periodic check, so that the write makes it and the reads are not due one.
+    std::this_thread::sleep_for(std::chrono::milliseconds(600));
+    std::vector<int64_t> values;
+    BOOST_TEST(write_one(w.cds(), 1, CElement::from_string("10")) == API_STATUS_OK);
+    std::vector<api_status_t> st;
+    BOOST_REQUIRE_EQUAL(w.cds().set_leaves({leaf_path(2)}, {CElement::from_int(20)}, {2}, st, ""),
+                        0);
+    BOOST_REQUIRE(locked_read(values) == 0);
+    BOOST_TEST(values[1] == 10);
+    BOOST_TEST(values[2] == 20);
+
+    // A hand edit before the write drops the cache (the generation moved): the next read
+    // has to ask, and finds it.
+    raw_sql(file, update_sql(3, "value = 30"));
+    BOOST_TEST(write_one(w.cds(), 4, CElement::from_int(40)) == API_STATUS_OK);
+    BOOST_TEST(locked_read(values) == CCds::busy);
+    values = read(w.cds());
+    BOOST_REQUIRE_EQUAL(values.size(), ids.size());
+    BOOST_TEST(values[3] == 30);
+    BOOST_TEST(values[4] == 40);
+    sqlite3_close(db);
+}
+
+BOOST_AUTO_TEST_CASE(wal_frames_grow_until_a_checkpoint_that_never_waits) {
+    a().set_auto_checkpoint(false);
+    BOOST_TEST(a().wal_frames() == 0);
+    const int k_writes = 400; // past SQLite's 1000 frames
+    for (int i = 0; i < k_writes; ++i)
+        BOOST_REQUIRE_EQUAL(write_one(a(), i % k_leaves, CElement::from_int(i)), API_STATUS_OK);
+    const int frames = a().wal_frames();
+    BOOST_TEST(frames > 1000);
+
+    // A reader in a transaction keeps the frames it may need.
+    sqlite3* db = nullptr;
+    BOOST_REQUIRE_EQUAL(sqlite3_open(path().c_str(), &db), SQLITE_OK);
+    BOOST_REQUIRE_EQUAL(
+        sqlite3_exec(db, "BEGIN; SELECT count(*) FROM leaves", nullptr, nullptr, nullptr),
+        SQLITE_OK);
+    BOOST_REQUIRE_EQUAL(write_one(a(), 0, CElement::from_int(1)), API_STATUS_OK);
+    int left = -1;
+    BOOST_TEST(a().checkpoint(left) == 0);
+    BOOST_TEST(left > 0);
+    BOOST_TEST(a().wal_frames() == left);
+    sqlite3_exec(db, "COMMIT", nullptr, nullptr, nullptr);
+    sqlite3_close(db);
+    BOOST_TEST(a().checkpoint(left) == 0);
+    BOOST_TEST(left == 0);
+    BOOST_TEST(a().wal_frames() == 0);
+    // The next commit starts the WAL over.
+    BOOST_REQUIRE_EQUAL(write_one(a(), 0, CElement::from_int(2)), API_STATUS_OK);
+    BOOST_TEST(a().wal_frames() > 0);
+    BOOST_TEST(a().wal_frames() < 10);
+
+    a().set_auto_checkpoint(true);
+    for (int i = 0; i < k_writes; ++i) {
+        BOOST_REQUIRE_EQUAL(write_one(a(), i % k_leaves, CElement::from_int(i)), API_STATUS_OK);
+        BOOST_REQUIRE_LT(a().wal_frames(), 1000);
+    }
+}
+
+BOOST_AUTO_TEST_SUITE_END()
