@@ -1,117 +1,109 @@
-// Fuzz target: bytes sent by a Modbus TCP client. The server is assembled in-process from its
-// real parts (the sample store, the settings and unit registry read from it, the CDS thread,
-// the event loop and a TCP listener on a free loopback port); each input is written on a new
-// connection, whose sending side is then shut down, and everything the server sends back
-// until it closes is checked:
+// Fuzz target: bytes sent by a Modbus TCP client, handed to the TCP protocol handler as its
+// connection hands them: the real handler, request runner and store access, with the store
+// worker and its loop, on the sample store. The bytes are handed over whole, the handler's
+// actions followed (a wait runs the loop until the handler is woken), and everything sent back
+// until the bytes are used up or the connection would be closed is checked:
 // - the answers form a stream of complete MBAP frames of at most 260 bytes;
 // - each echoes the header of a request of the input, in request order, never of one that
 //   is to be dropped (another protocol id than 0), with its function code or the exception
 //   form of it, and with the length its function code implies;
 // - every complete request of protocol 0 with a function code is answered.
-// A connection that is neither answered nor closed within 20 seconds counts as a hang.
+// A request that waits 20 seconds for its answer counts as a hang.
 #include "support/fuzz_log.h"
 #include "support/fuzz_store.h"
 
 #include "cds/cds_handle.h"
 #include "io/io_manager.h"
-#include "io/tcp/tcp_listener.h"
 #include "modbus/config/modbus_config.h"
 #include "modbus/config/modbus_settings.h"
-#include "modbus/protocol/tcp/modbus_tcp_protocol_handler.h"
-#include "threads/cds/cds_thread.h"
-
-#include <boost/asio/connect.hpp>
-#include <boost/asio/ip/tcp.hpp>
-#include <boost/asio/write.hpp>
+#include "modbus/handler/modbus_tcp_protocol_handler.h"
+#include "store/store_access.h"
+#include "store/store_worker.h"
 
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <functional>
 #include <vector>
 
 namespace {
-
-using boost::asio::ip::tcp;
 
 class CFuzzServer {
 public:
     CFuzzServer() {
         if (_store.store().define(CFuzzStore::sample_leaves()) != 0)
             fuzz_setup_failed(_store.store().error());
-        auto cds = std::make_shared<CCdsHandle>();
+        auto cds = std::make_unique<CCdsHandle>();
         const CModbusSettings settings(*cds);
-        auto config = std::make_shared<CModbusConfig>(settings);
-        cds->bind(config->leaves());
+        _config = std::make_unique<CModbusConfig>(settings);
+        cds->bind(_config->leaves());
+        cds->set_auto_checkpoint(false);
         _reader.reset(new CCdsHandle);
-        _reader->bind(config->leaves());
-        _services.config = config.get();
-        _services.reader = _reader.get();
-        _config = config;
-        _cds_thread.reset(new CCdsThread(boost::none, cds));
-        CCdsThread* cds_thread = _cds_thread.get();
-        _manager.reset(new CIoManager);
-        cds_thread->create_actor(*_manager);
-        _services.submit = [cds_thread](cmd_ptr_t cmd) { cds_thread->send(std::move(cmd), false); };
-        _services.queued_writes = &_queued_writes;
-        const CModbusTcpProtocolHandler prototype(nullptr, _services);
-        auto listener = CTcpListener::create(*_manager, prototype, 0);
-        _manager->add(listener);
-        _endpoint = tcp::endpoint(boost::asio::ip::address_v4::loopback(), listener->port());
+        _reader->bind(_config->leaves());
+        _reader->set_auto_checkpoint(false);
+        CStoreWorker::options_t options;
+        options.fatal = [](const std::string& why) { fuzz_setup_failed(why); };
+        _worker.reset(new CStoreWorker(std::move(cds), _manager.service(), options));
+        _access.reset(new CStoreAccess(*_reader, *_worker, _manager.service()));
+        _services.config = _config.get();
+        _services.store = _access.get();
     }
+    ~CFuzzServer() { _worker->stop(); }
 
-    // Sends request on a new connection and returns what the server sent until it closed.
+    // Hands request to a new connection's handler and returns what it sent back.
     std::vector<uint8_t> exchange(const uint8_t* data, size_t size) {
-        boost::asio::io_context& io = _manager->service();
-        tcp::socket client(io);
-        std::vector<uint8_t> answer, chunk(4096);
-        bool closed = false;
-        std::function<void()> read_more = [&] {
-            client.async_read_some(boost::asio::buffer(chunk),
-                                   [&](const boost::system::error_code& e, size_t n) {
-                                       answer.insert(answer.end(), chunk.begin(),
-                                                     chunk.begin() + static_cast<long>(n));
-                                       if (e)
-                                           closed = true;
-                                       else
-                                           read_more();
-                                   });
-        };
-        client.async_connect(_endpoint, [&](const boost::system::error_code& e) {
-            if (e)
-                fuzz_setup_failed("connect: " + e.message());
-            read_more();
-            boost::asio::async_write(client, boost::asio::buffer(data, size),
-                                     [&](const boost::system::error_code& we, size_t) {
-                                         // The server may close first, after a request it
-                                         // could not frame: nothing more to send then.
-                                         boost::system::error_code ignored;
-                                         if (!we)
-                                             client.shutdown(tcp::socket::shutdown_send, ignored);
-                                     });
-        });
-        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-        io.restart();
-        while (!closed) {
-            io.run_one_for(std::chrono::milliseconds(100));
-            if (std::chrono::steady_clock::now() > deadline) {
-                std::fprintf(stderr, "tcp_request: no answer and no close within 20 s\n");
-                std::abort();
+        CModbusTcpProtocolHandler handler(_services);
+        bool woken = false;
+        handler.set_waker([&woken] { woken = true; });
+        iobuf_t unread(data, data + size);
+        std::vector<uint8_t> answer;
+        CProtocolHandler::action_t action = handler.received(unread.cbegin(), unread.cend());
+        for (;;) {
+            unread.erase(unread.begin(), unread.begin() + static_cast<long>(action.consumed));
+            switch (action.kind) {
+            case CProtocolHandler::action_t::CLOSE:
+                return answer;
+            case CProtocolHandler::action_t::WAIT:
+                wait(woken);
+                action = handler.resume();
+                continue;
+            case CProtocolHandler::action_t::SEND:
+                answer.insert(answer.end(), action.data, action.data + action.size);
+                break;
+            case CProtocolHandler::action_t::READ:
+                // Nothing consumed: the rest is an incomplete frame, left waiting.
+                if (action.consumed == 0)
+                    return answer;
+                break;
             }
+            if (unread.empty())
+                return answer;
+            action = handler.received(unread.cbegin(), unread.cend());
         }
-        return answer;
     }
 
 private:
+    void wait(bool& woken) {
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+        boost::asio::io_context& io = _manager.service();
+        io.restart();
+        while (!woken) {
+            io.run_one_for(std::chrono::milliseconds(100));
+            if (std::chrono::steady_clock::now() > deadline) {
+                std::fprintf(stderr, "tcp_request: no answer within 20 s\n");
+                std::abort();
+            }
+        }
+        woken = false;
+    }
+
     CFuzzStore _store;
+    CIoManager _manager;
+    std::unique_ptr<CModbusConfig> _config;
     std::unique_ptr<CCdsHandle> _reader;
+    std::unique_ptr<CStoreWorker> _worker;
+    std::unique_ptr<CStoreAccess> _access;
     CModbusServices _services;
-    unsigned _queued_writes = 0;
-    std::shared_ptr<CModbusConfig> _config;
-    std::unique_ptr<CCdsThread> _cds_thread;
-    std::unique_ptr<CIoManager> _manager;
-    tcp::endpoint _endpoint;
 };
 
 struct CRequest {

@@ -87,7 +87,8 @@ void from_registers(benchmark::State& state) {
     }
     for (auto _ : state) {
         for (size_t i = 0; i < samples.size(); ++i) {
-            CElement el = samples[i].mapping->from_registers(request[i].data(), cfg);
+            CElement el;
+            samples[i].mapping->from_registers(request[i].data(), cfg, el);
             benchmark::DoNotOptimize(el);
         }
     }

@@ -171,6 +171,31 @@ int CCdsHandle::write(const toolkit::leaf_id_t* ids, const toolkit::CElement* va
     return rc;
 }
 
+int CCdsHandle::write(const toolkit::CWritePart* parts, size_t count, bool wait,
+                      const std::function<bool()>& commit_if) {
+    check();
+    const int rc = _cds->write(parts, count, wait, commit_if);
+    report_file();
+    return rc;
+}
+
+void CCdsHandle::set_auto_checkpoint(bool on) {
+    check();
+    _cds->set_auto_checkpoint(on);
+}
+
+int CCdsHandle::wal_frames() const {
+    check();
+    return _cds->wal_frames();
+}
+
+int CCdsHandle::checkpoint(int& wal_frames_left) {
+    check();
+    const int rc = _cds->checkpoint(wal_frames_left);
+    report_file();
+    return rc;
+}
+
 tk_string CCdsHandle::error() const {
     return _cds->error();
 }

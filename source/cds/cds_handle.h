@@ -14,6 +14,7 @@
 
 #include <boost/optional.hpp>
 
+#include <functional>
 #include <memory>
 #include <unordered_set>
 #include <vector>
@@ -46,7 +47,17 @@ public:
     int read(const toolkit::leaf_id_t* ids, size_t n, const toolkit::CLeafValue** out, bool wait);
     int write(const toolkit::leaf_id_t* ids, const toolkit::CElement* values, size_t n,
               api_status_t* statuses, bool wait = true);
+    // Several writers' parts in one transaction, as toolkit::CCds promises: each part with
+    // its statuses; commit_if, called just before the commit, may roll everything back
+    // (toolkit::CCds::cancelled).
+    int write(const toolkit::CWritePart* parts, size_t count, bool wait,
+              const std::function<bool()>& commit_if = {});
     tk_string error() const;
+
+    // WAL checkpoints (see toolkit::CCds): off for a connection whose owner makes them.
+    void set_auto_checkpoint(bool on);
+    int wal_frames() const;
+    int checkpoint(int& wal_frames_left);
 
     // timeout in milliseconds, greater than 0.
     void watchdog_register(unsigned int timeout);

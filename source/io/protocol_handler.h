@@ -1,53 +1,65 @@
 #pragma once
-// What a transport (messenger) needs of the code that interprets its bytes. Every
-// connection owns one handler, cloned from the prototype its listener or the server core
-// was given.
-#include "util/transport_counters.h"
+// What a transport asks of the code that interprets its bytes, and what it is told to do.
+// The handler never calls its transport: the transport hands it bytes and acts on the
+// answer.
+//
+//   received(begin, end)  all bytes received and not consumed yet (a serial line: one frame)
+//   -> READ   consumed some (or none) of them; read more, unless bytes are left and some were
+//             consumed: then call received() again with the rest
+//   -> SEND   consumed some; write data/size (valid until the next call), then go on with the
+//             bytes left, or read more
+//   -> WAIT   consumed some; an answer is on its way: call resume() once the waker (set by
+//             the transport) is called, and nothing else before
+//   -> CLOSE  end the connection
+//
+// One request is answered at a time; resume() answers like received(). Every call runs on
+// the I/O thread, and so does the waker.
+#include "util/iobuf.h"
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 
-class CIoMessenger;
-
 class CProtocolHandler {
 public:
-    explicit CProtocolHandler(CIoMessenger* messenger) : _messenger(messenger) {}
+    struct action_t {
+        enum kind_t : uint8_t { READ, SEND, WAIT, CLOSE };
+        kind_t kind = READ;
+        // Leading bytes of the input taken (a whole frame, or bytes dropped).
+        size_t consumed = 0;
+        // The bytes taken held a whole request: the peer is not idle.
+        bool request = false;
+        // SEND: what to write.
+        const uint8_t* data = nullptr;
+        size_t size = 0;
+    };
+
+    CProtocolHandler() = default;
     CProtocolHandler(const CProtocolHandler&) = delete;
     CProtocolHandler& operator=(const CProtocolHandler&) = delete;
     virtual ~CProtocolHandler() = default;
 
-    // The connection is up and starts reading (a listener makes its next connection, and
-    // with it the handler, before anyone connects).
-    virtual void started() {}
-    // Called after every read; true when the handler acted on the receive buffer (it will
-    // answer, and nothing more is read until then).
-    virtual bool parse() = 0;
-    // Whether an address byte (a serial slave address) belongs to this handler.
-    virtual bool validate(unsigned char) { return true; }
-    // The response time-out, in milliseconds.
-    virtual void set_timeout(unsigned int) {}
-    // Makes the transport's frame object ahead of the first byte, where that matters.
-    virtual void create_adu() {}
-    // For transports whose frames carry no length (RTU): the whole length of the frame that
-    // starts with the n bytes given (n >= 2), 0 while they do not tell yet, or no_frame when
-    // no request starts so.
-    static constexpr size_t no_frame = static_cast<size_t>(-1);
-    virtual size_t frame_length(const uint8_t* /*frame*/, size_t /*n*/) const { return no_frame; }
-    virtual bool parse_request() = 0;
-    // The peer's identity as a secure transport established it (for TLS, the text its
-    // listener reads from the client certificate; empty when the certificate has none).
-    // Called once, before started(); never on a plain transport.
+    virtual action_t received(iobuf_const_iter_t begin, iobuf_const_iter_t end) = 0;
+    // After WAIT, once the waker was called.
+    virtual action_t resume() = 0;
+    // How the handler tells its transport that resume() has an answer; set before the first
+    // received().
+    void set_waker(std::function<void()> waker) { _waker = std::move(waker); }
+    // A secure transport's peer identity (for TLS, the text its listener reads from the client
+    // certificate; empty when the certificate has none), before the first received().
     virtual void set_peer_identity(const std::string& /*identity*/) {}
-    // The counters of the transport this handler serves, for the framing to count into;
-    // null when nobody counts.
-    virtual CTransportCounters* counters() const { return nullptr; }
-    // A new handler of the same kind bound to messenger (null for a prototype).
-    virtual std::shared_ptr<CProtocolHandler> clone(CIoMessenger* messenger) const = 0;
-
-    CIoMessenger* messenger() const { return _messenger; }
 
 protected:
-    CIoMessenger* _messenger;
+    void wake() const {
+        if (_waker)
+            _waker();
+    }
+
+private:
+    std::function<void()> _waker;
 };
+
+// Makes the handler of each new connection.
+using handler_factory_t = std::function<std::unique_ptr<CProtocolHandler>()>;

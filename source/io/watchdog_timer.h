@@ -1,28 +1,19 @@
 #pragma once
-// Feeds a watchdog: every half time-out it calls the ping it was given. The server's ping
-// goes through the CDS thread, so that a stalled CDS thread also starves the watchdog.
-#include "io/io_actor.h"
-#include "io/timed_object.h"
+// Pings the watchdogs at half their time-out.
+#include "io/periodic_actor.h"
 
-#include <cstdint>
 #include <functional>
+#include <memory>
 
-class CIoTimer;
-
-class CWatchdogTimer : public CIoActor, public CTimedObject {
+class CWatchdogTimer : public CPeriodicActor {
 public:
-    // timeout_ms: the watchdog time-out; the first ping follows half of it after creation.
+    // timeout_ms: the watchdog's time-out; ping runs every half of it.
     static std::shared_ptr<CWatchdogTimer> create(CIoManager& manager, unsigned timeout_ms,
                                                   std::function<void()> ping);
 
-    void timeout(const CIoTimer& timer) override;
-    void close() override;
-    uint32_t period() const { return _period; }
-
 private:
     CWatchdogTimer(CIoManager& manager, unsigned timeout_ms, std::function<void()> ping);
+    void tick() override { _ping(); }
 
-    uint32_t _period; // microseconds
     std::function<void()> _ping;
-    std::shared_ptr<CIoTimer> _timer;
 };

@@ -1,51 +1,45 @@
 #include "server_core/event_refresher.h"
 
 #include "cds/event_queue.h"
-#include "io/io_timer.h"
-#include "threads/cds/commands/thread_cds_event_page.h"
-#include "util/cast.h"
+#include "store/store_worker.h"
 #include "util/log.h"
-
-namespace {
-const uint32_t refresh_period_us = 1000000;
-}
 
 std::shared_ptr<CEventRefresher> CEventRefresher::create(CIoManager& manager, CEventQueue& queue,
                                                          const tk_string& log_path,
-                                                         submit_t submit) {
+                                                         CStoreWorker& worker) {
     std::shared_ptr<CEventRefresher> refresher(
-        new CEventRefresher(manager, queue, log_path, std::move(submit)));
-    refresher->_timer->reset();
+        new CEventRefresher(manager, queue, log_path, worker));
+    refresher->start();
     return refresher;
 }
 
 CEventRefresher::CEventRefresher(CIoManager& manager, CEventQueue& queue, const tk_string& log_path,
-                                 submit_t submit)
-    : CIoActor(manager), _queue(queue), _log_path(log_path), _submit(std::move(submit)),
-      _timer(CIoTimer::create(*this, refresh_period_us)) {
-    _timer->assign(this);
-}
+                                 CStoreWorker& worker)
+    : CPeriodicActor(manager, std::chrono::seconds(1)), _queue(queue), _log_path(log_path),
+      _worker(worker) {}
 
-void CEventRefresher::timeout(const CIoTimer&) {
+void CEventRefresher::tick() {
     LOG_STACK();
-    if (!_pending) {
-        _pending = true;
-        std::shared_ptr<CThreadResponseHandler> self =
-            std::static_pointer_cast<CEventRefresher>(shared_from_this());
-        _submit(std::make_unique<CThreadCdsEventPage>(self, static_cast<unsigned>(_queue.size()),
-                                                      _log_path));
-    }
-    _timer->reset(refresh_period_us);
-}
-
-void CEventRefresher::post(CThreadCommand& cmd, bool) {
-    _pending = false;
-    std::unique_ptr<CEventQueue>& fresh = poly_cast<CThreadCdsEventPage*>(&cmd)->queue();
-    if (fresh)
-        _queue = std::move(*fresh);
-}
-
-void CEventRefresher::close() {
-    _timer->assign(nullptr);
-    _timer->cancel();
+    if (_pending)
+        return;
+    _pending = true;
+    const unsigned length = static_cast<unsigned>(_queue.size());
+    auto fresh = std::make_shared<std::unique_ptr<CEventQueue>>();
+    std::weak_ptr<CEventRefresher> weak =
+        std::static_pointer_cast<CEventRefresher>(shared_from_this());
+    _worker.run(
+        // The queue's constructor says why when the log cannot be read; the registers then
+        // keep the events read before.
+        [fresh, length, path = _log_path](CCdsHandle&) {
+            fresh->reset(new CEventQueue(length, path));
+            return true;
+        },
+        [weak, fresh](bool ok) {
+            const auto self = weak.lock();
+            if (!self)
+                return;
+            self->_pending = false;
+            if (ok && *fresh)
+                self->_queue = std::move(**fresh);
+        });
 }

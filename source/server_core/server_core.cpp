@@ -10,20 +10,21 @@
 #include "io/watchdog_timer.h"
 #include "modbus/config/modbus_config.h"
 #include "modbus/config/modbus_settings.h"
-#include "modbus/protocol/serial/modbus_serial_protocol_handler.h"
-#include "modbus/protocol/tcp/modbus_tcp_protocol_handler.h"
+#include "modbus/handler/modbus_serial_protocol_handler.h"
+#include "modbus/handler/modbus_tcp_protocol_handler.h"
 #include "server_core/daemon_launch.h"
 #include "server_core/event_refresher.h"
 #include "server_core/server_options.h"
 #include "server_core/statistics_writer.h"
-#include "threads/cds/cds_thread.h"
-#include "threads/cds/commands/thread_cds_watchdog_ping.h"
-#include "threads/commands/thread_set_verbosity.h"
+#include "store/store_access.h"
+#include "store/store_worker.h"
 #include "util/log.h"
 #include "util/systemd_notify.h"
 #include "util/util.h"
 
 #include "toolkit/kvr.h"
+
+#include <boost/asio/post.hpp>
 
 #include <algorithm>
 #include <cassert>
@@ -108,7 +109,7 @@ void CServerCore::start(int argc, const char* const* argv) {
 
     if (_options->check() || _options->statistics_leaves()) {
         try {
-            _cds = std::make_shared<CCdsHandle>();
+            _cds = std::make_unique<CCdsHandle>();
         } catch (const generic_err&) {
             LOG_THREAD(err, 0, "Couldn't connect to CDS");
             throw init_err();
@@ -136,21 +137,17 @@ void CServerCore::start(int argc, const char* const* argv) {
         CUtil::set_thread_prio(*_options->thread_priority());
 
     try {
-        _cds = std::make_shared<CCdsHandle>();
+        _cds = std::make_unique<CCdsHandle>();
     } catch (const generic_err&) {
         LOG_THREAD(err, 0, "Couldn't connect to CDS");
         throw init_err();
     }
-    // The verbosity table and the syslog switch are complete before the CDS thread exists;
+    // The verbosity table and the syslog switch are complete before the store worker exists;
     // every thread only reads them afterwards.
-    const int32_t cds_level =
-        _options->cds_verbosity() ? *_options->cds_verbosity() : log._verbosity;
     setup_verbosity(_options->verbosity(), _options->subsystem_levels(), _options->main_verbosity(),
                     !_options->no_syslogd());
     CLogStack::cache_max_verbosity(_options->verbosity(),
                                    {_options->main_verbosity(), _options->cds_verbosity()});
-    _cds_thread.reset(new CCdsThread(boost::none, _cds));
-    _cds_thread->send(cmd_ptr_t(new CThreadSetVerbosity(cds_level)), false);
 
     if (!wait_for_ups()) {
         _stopped = true;
@@ -168,13 +165,16 @@ void CServerCore::start(int argc, const char* const* argv) {
         _cds->bind(_cfg->leaves());
         _reader.reset(new CCdsHandle);
         _reader->bind(_cfg->leaves());
+        // The store worker checkpoints the WAL; no request pays for one.
+        _cds->set_auto_checkpoint(false);
+        _reader->set_auto_checkpoint(false);
     } catch (const generic_err&) {
         LOG_THREAD(err, 0, "Couldn't connect to CDS");
         throw init_err();
     }
     try {
-        _ev_queue.reset(new CEventQueue(static_cast<unsigned>(_cfg->max_event_index() + 1),
-                                        event_log_path()));
+        _ev_queue.reset(
+            new CEventQueue(static_cast<unsigned>(_cfg->max_event_index() + 1), event_log_path()));
     } catch (const generic_err&) {
         LOG_ERR(SS_DEFAULT, 0, "Couldn't read the event log");
         throw init_err();
@@ -289,17 +289,17 @@ tk_string CServerCore::add_transports(CIoManager& manager) {
     assert(_cfg);
     const uint32_t port = _settings->tcp().port();
     _services.config = _cfg.get();
-    _services.reader = _reader.get();
-    _services.submit = [this](cmd_ptr_t cmd) { add_cds_cmd(std::move(cmd), false); };
-    _services.queued_writes = &_queued_writes;
+    _services.store = _store.get();
     _services.events = _ev_queue.get();
     _services.tcp_counters = &_tcp_counters;
     _serial_counters.assign(_settings->serial().interfaces().size(), CTransportCounters());
-    _services.serial_counters = &_serial_counters;
     const CModbusTcpSecuritySettings& security = _settings->tcp().security();
     _roles = security.roles();
     _services.roles = &_roles;
-    const CModbusTcpProtocolHandler tcp_prototype(nullptr, _services);
+    const CModbusServices& services = _services;
+    const handler_factory_t tcp_handler = [&services] {
+        return std::make_unique<CModbusTcpProtocolHandler>(services);
+    };
     CTcpListenerOptions access = _settings->tcp().listener();
     access.counters = &_tcp_counters;
     const tk_string where = access.bind_address.empty() ? "" : " of " + access.bind_address;
@@ -308,7 +308,7 @@ tk_string CServerCore::add_transports(CIoManager& manager) {
     std::vector<tk_string> served;
     if (security.plain_port_open()) {
         auto listener =
-            CTcpListener::create(manager, tcp_prototype, static_cast<uint16_t>(port), access);
+            CTcpListener::create(manager, tcp_handler, static_cast<uint16_t>(port), access);
         manager.add(listener);
         _tcp_port = listener->port();
         served.push_back("Modbus TCP on port " + std::to_string(port) + where + units);
@@ -325,7 +325,7 @@ tk_string CServerCore::add_transports(CIoManager& manager) {
         }
         secure.identity_oid = role_oid;
         secure.handshake_timeout_s = security.handshake_timeout();
-        auto listener = CTcpListener::create(manager, tcp_prototype,
+        auto listener = CTcpListener::create(manager, tcp_handler,
                                              static_cast<uint16_t>(security.port()), secure);
         manager.add(listener);
         served.push_back("Modbus TCP over TLS on port " + std::to_string(security.port()) + where +
@@ -333,9 +333,16 @@ tk_string CServerCore::add_transports(CIoManager& manager) {
     }
 
     using C = CSerialConnection;
-    const CModbusSerialProtocolHandler serial_prototype(nullptr, _services);
     for (const auto& iface : _settings->serial().interfaces()) {
-        auto conn = C::create(manager, serial_prototype, iface.serial_port(), iface.number());
+        CTransportCounters* line = &_serial_counters[iface.number()];
+        auto handler =
+            std::make_unique<CModbusSerialProtocolHandler>(_services, iface.number(), line);
+        C::framing_t framing;
+        for (const uint8_t address : handler->served())
+            framing.served.set(address);
+        framing.length = &CModbusSerialProtocolHandler::frame_length;
+        framing.counters = line;
+        auto conn = C::create(manager, std::move(handler), iface.serial_port(), framing);
         if (!conn->is_open())
             continue;
         conn->set_baud_rate(iface.baud_rate());
@@ -343,9 +350,9 @@ tk_string CServerCore::add_transports(CIoManager& manager) {
         conn->set_char_size(iface.char_size());
         conn->set_parity(static_cast<C::parity_t>(iface.parity()));
         conn->set_stop_bits(static_cast<C::stop_bits_t>(iface.stop_bits()));
-        conn->generate_RTU_timers(
-            iface.baud_rate(), iface.char_size(), static_cast<C::parity_t>(iface.parity()),
-            static_cast<C::stop_bits_t>(iface.stop_bits()), _cfg->serial_timeout());
+        conn->set_timing(iface.baud_rate(), iface.char_size(),
+                         static_cast<C::parity_t>(iface.parity()),
+                         static_cast<C::stop_bits_t>(iface.stop_bits()));
         manager.add(conn);
         conn->start();
         std::vector<unsigned> slaves;
@@ -363,9 +370,30 @@ tk_string CServerCore::add_transports(CIoManager& manager) {
                           : summary;
 }
 
+void CServerCore::start_worker(CIoManager& manager) {
+    assert(_cds && _reader);
+    CStoreWorker::options_t options;
+    options.name = "store";
+    options.verbosity = _options && _options->cds_verbosity() ? *_options->cds_verbosity()
+                                                              : thread_log()._verbosity;
+    options.checkpoint_frames = _cfg->checkpoint_frames();
+    // The worker cannot go on: the loop ends, and the process with a failure, so that a
+    // service manager restarts it.
+    boost::asio::io_context& io = manager.service();
+    options.fatal = [this, &io, &manager](const std::string& why) {
+        boost::asio::post(io, [this, &manager, why] {
+            LOG_ERR(SS_DEFAULT, 0, "Stopping: %s", why.c_str());
+            _failed = true;
+            manager.quit();
+        });
+    };
+    _worker.reset(new CStoreWorker(std::move(_cds), io, options));
+    _store.reset(new CStoreAccess(*_reader, *_worker, io));
+}
+
 tk_string CServerCore::attach(CIoManager& manager) {
     LOG_STACK();
-    assert(_cds_thread);
+    assert(_cds);
     const unsigned store_watchdog = _options ? _options->watchdog_ms() : 0;
     if (store_watchdog != 0) {
         LOG_INFO(SS_DEFAULT, 2, "Using watchdog timer with a timeout of %u msecs", store_watchdog);
@@ -377,36 +405,41 @@ tk_string CServerCore::attach(CIoManager& manager) {
     } else {
         LOG_INFO(SS_DEFAULT, 2, "Watchdog timer disabled.");
     }
-    // systemd's watchdog (WatchdogSec=) is fed with the store's, at the shorter period.
+    start_worker(manager);
+    // systemd's watchdog (WatchdogSec=) is fed with the store's, at the shorter period, by the
+    // worker: a stuck worker gets the service restarted.
     const unsigned systemd_watchdog = static_cast<unsigned>(std::min<int64_t>(
         _systemd.watchdog_interval().count() / 1000, std::numeric_limits<unsigned>::max()));
     unsigned watchdog = store_watchdog;
     if (systemd_watchdog != 0 && (watchdog == 0 || systemd_watchdog < watchdog))
         watchdog = systemd_watchdog;
     if (watchdog != 0) {
-        CThreadBase* cds_thread = _cds_thread.get();
+        CStoreWorker* worker = _worker.get();
         const bool store = store_watchdog != 0;
         const CSystemdNotify* systemd = systemd_watchdog != 0 ? &_systemd : nullptr;
-        manager.add(CWatchdogTimer::create(manager, watchdog, [cds_thread, store, systemd] {
-            cds_thread->send(std::make_unique<CThreadCdsWatchdogPing>(store, systemd), true);
+        manager.add(CWatchdogTimer::create(manager, watchdog, [worker, store, systemd] {
+            worker->run(
+                [store, systemd](CCdsHandle& cds) {
+                    if (store)
+                        cds.watchdog_ping();
+                    if (systemd)
+                        systemd->notify("WATCHDOG=1");
+                    return true;
+                },
+                {}, true);
         }));
     }
-    _cds_thread->create_actor(manager);
     // The event registers follow the event log while the server runs.
-    if (_ev_queue && _cfg->has_events() && _options) {
-        manager.add(
-            CEventRefresher::create(manager, *_ev_queue, event_log_path(),
-                                    [this](cmd_ptr_t cmd) { add_cds_cmd(std::move(cmd), false); }));
-    }
+    if (_ev_queue && _cfg->has_events() && _options)
+        manager.add(CEventRefresher::create(manager, *_ev_queue, event_log_path(), *_worker));
     tk_string summary;
     try {
         summary = add_transports(manager);
     } catch (const boost::system::system_error&) {
         throw init_err();
     }
-    manager.add(CStatisticsWriter::create(
-        manager, *_cfg, _tcp_counters, _serial_counters, _settings->serial().interfaces(),
-        [this](cmd_ptr_t cmd) { add_cds_cmd(std::move(cmd), false); }));
+    manager.add(CStatisticsWriter::create(manager, *_cfg, _tcp_counters, _serial_counters,
+                                          _settings->serial().interfaces(), *_worker));
     _settings.reset();
     return summary;
 }
@@ -417,12 +450,15 @@ bool CServerCore::main() {
         return true;
     try {
         CIoManager manager;
-        // Declared after the manager, so it runs first: commands still in flight hold
-        // timers of the manager's loop and must go while that loop exists.
-        struct CStopCdsThread {
-            CThreadBase& thread;
-            ~CStopCdsThread() { thread.stop(5); }
-        } stop_cds_thread{*_cds_thread};
+        // Declared after the manager, so it runs first: the worker's completions belong to
+        // the manager's loop and must go while that loop exists.
+        struct CStopWorker {
+            CServerCore& core;
+            ~CStopWorker() {
+                if (core._worker)
+                    core._worker->stop();
+            }
+        } stop_worker{*this};
         manager.add(CIoSighandler::create(manager));
         tk_string summary;
         try {
@@ -443,7 +479,7 @@ bool CServerCore::main() {
         _systemd.notify("READY=1");
         // A loop that ended without a signal is a failure, so that a service manager
         // restarts the server.
-        const bool served = manager.run();
+        const bool served = manager.run() && !_failed;
         _systemd.notify("STOPPING=1");
         return served;
     } catch (const boost::system::system_error& e) {
@@ -460,17 +496,13 @@ tk_string CServerCore::event_log_path() const {
 
 void CServerCore::shutdown() {
     LOG_STACK();
-    if (_cds_thread) {
-        LOG_INFO(SS_DEFAULT, 3, "Stopping CDS thread");
-        _cds_thread->stop(5);
-        _cds_thread.reset();
+    if (_worker) {
+        LOG_INFO(SS_DEFAULT, 3, "Stopping the store worker");
+        _worker->stop();
     }
+    _store.reset();
+    _worker.reset();
     _reader.reset();
     _cds.reset();
     LOG_INFO(SS_DEFAULT, 3, "Server core shutdown complete.");
-}
-
-void CServerCore::add_cds_cmd(cmd_ptr_t cmd, bool urgent) {
-    assert(_cds_thread);
-    _cds_thread->send(std::move(cmd), urgent);
 }

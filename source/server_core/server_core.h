@@ -1,17 +1,17 @@
 #pragma once
 // The running server, in three steps:
-// - start_up() from the command line: options, optional daemon, priorities, the data store
-//   and its CDS thread, the wait for the UPS handler, the settings and the unit registry, and
-//   a check that the store holds every mapped leaf. With --check it only checks the
-//   configuration, and check_status() holds the program's exit status.
-// - attach() puts what is served into an event loop: the CDS thread's answers, the watchdog
-//   ping, the TCP listener and the serial lines, each handler given its services.
-// - main() makes the loop, attaches, and serves until a terminating signal; shutdown() stops
-//   the CDS thread.
+// - start_up() from the command line: options, optional daemon, priorities, the data store,
+//   the wait for the UPS handler, the settings and the unit registry, and a check that the
+//   store holds every mapped leaf. With --check it only checks the configuration, and
+//   check_status() holds the program's exit status.
+// - attach() puts what is served into an event loop: the store worker and the I/O thread's
+//   way to the store, the watchdog ping, the TCP listeners and the serial lines, each handler
+//   given its services.
+// - main() makes the loop, attaches, and serves until a terminating signal or a fault;
+//   shutdown() stops the store worker.
 // Tests call start_up() and attach() on a loop of their own.
 #include "modbus/config/modbus_roles.h"
-#include "modbus/protocol/modbus_services.h"
-#include "threads/commands/thread_command.h"
+#include "modbus/handler/modbus_services.h"
 #include "toolkit/tk_string.h"
 #include "util/generic_err.h"
 #include "util/systemd_notify.h"
@@ -28,7 +28,8 @@ class CIoManager;
 class CModbusConfig;
 class CModbusSettings;
 class CServerOptions;
-class CThreadBase;
+class CStoreAccess;
+class CStoreWorker;
 
 class CServerCore {
 public:
@@ -51,14 +52,15 @@ public:
     // Serves until a terminating signal (at once when one came during start-up); false when
     // the transports could not be set up or the event loop failed.
     bool main();
-    // Stops the CDS thread (5 seconds at most) and lets go of the store.
+    // Stops the store worker (5 seconds at most) and lets go of the store.
     void shutdown();
     // Set after a --check: 0 clean, 1 errors, 2 warnings only; after --statistics-leaves: 0,
     // or 1 when the configuration is unusable. main() is then not called.
     const boost::optional<int>& check_status() const { return _check_status; }
-
-    // Hands cmd to the CDS thread, urgent ones to the front of its queue; never blocks.
-    void add_cds_cmd(cmd_ptr_t cmd, bool urgent);
+    // The store worker, once attached.
+    CStoreWorker* worker() const { return _worker.get(); }
+    // Whether the store worker could not go on (the loop then ends, and main() fails).
+    bool failed() const { return _failed; }
 
 private:
     void start(int argc, const char* const* argv);
@@ -72,15 +74,20 @@ private:
     // The event log: -e's file, else the store's.
     tk_string event_log_path() const;
 
+    // Makes the store worker, with the connection start-up used, on manager's loop.
+    void start_worker(CIoManager& manager);
+
     std::unique_ptr<CServerOptions> _options;
-    std::unique_ptr<CThreadBase> _cds_thread;
-    std::shared_ptr<CCdsHandle> _cds;
-    // The I/O thread's own store connection: requests read through it without a thread hop.
+    // The connection start-up reads through; the store worker's from attach() on.
+    std::unique_ptr<CCdsHandle> _cds;
+    // The I/O thread's own store connection: requests read and write through it.
     std::unique_ptr<CCdsHandle> _reader;
+    std::unique_ptr<CStoreWorker> _worker;
+    std::unique_ptr<CStoreAccess> _store;
     CModbusServices _services;
     // READY=1 once serving, WATCHDOG=1 with the watchdog pings, when systemd asks for them.
     CSystemdNotify _systemd;
-    unsigned _queued_writes = 0;
+    bool _failed = false;
     // What the transports have seen: TCP, and each serial interface by number.
     CTransportCounters _tcp_counters;
     std::vector<CTransportCounters> _serial_counters;

@@ -1,35 +1,27 @@
 #include "server_core/statistics_writer.h"
 
-#include "io/io_timer.h"
+#include "cds/cds_handle.h"
 #include "modbus/config/modbus_config.h"
 #include "modbus/config/modbus_settings.h"
-#include "threads/cds/commands/thread_cds_set_leaves.h"
-#include "util/cast.h"
+#include "store/store_worker.h"
 #include "util/log.h"
 
 #include <map>
-#include <unordered_set>
-
-namespace {
-const uint32_t period_us = 1000000;
-}
 
 const char* const CStatisticsWriter::root = "/Software/Data Servers/Modbus/Statistics";
 
 std::shared_ptr<CStatisticsWriter> CStatisticsWriter::create(
     CIoManager& manager, const CModbusConfig& config, const CTransportCounters& tcp,
     const std::vector<CTransportCounters>& serial_counters,
-    const std::vector<CModbusSerialInterfaceSettings>& interfaces, submit_t submit) {
-    std::shared_ptr<CStatisticsWriter> writer(new CStatisticsWriter(manager, std::move(submit)));
+    const std::vector<CModbusSerialInterfaceSettings>& interfaces, CStoreWorker& worker) {
+    std::shared_ptr<CStatisticsWriter> writer(new CStatisticsWriter(manager, worker));
     writer->_entries = entries(config, tcp, serial_counters, interfaces);
-    writer->_timer->reset();
+    writer->start();
     return writer;
 }
 
-CStatisticsWriter::CStatisticsWriter(CIoManager& manager, submit_t submit)
-    : CIoActor(manager), _submit(std::move(submit)), _timer(CIoTimer::create(*this, period_us)) {
-    _timer->assign(this);
-}
+CStatisticsWriter::CStatisticsWriter(CIoManager& manager, CStoreWorker& worker)
+    : CPeriodicActor(manager, std::chrono::seconds(1)), _worker(worker) {}
 
 namespace {
 
@@ -138,28 +130,35 @@ CStatisticsWriter::leaves_json(const CModbusConfig& config,
     return out + "\n";
 }
 
-void CStatisticsWriter::timeout(const CIoTimer&) {
-    _timer->reset(period_us);
+void CStatisticsWriter::tick() {
     if (_pending)
         return;
-    std::unordered_set<CCdsLeaf> leaves;
+    auto leaves = std::make_shared<std::unordered_set<CCdsLeaf>>();
     for (entry_t& e : _entries) {
         if (*e.counter == e.written)
             continue;
         e.written = *e.counter;
-        leaves.emplace(e.path, toolkit::CElement::from_uint(e.written));
+        leaves->emplace(e.path, toolkit::CElement::from_uint(e.written));
     }
-    if (leaves.empty())
+    if (leaves->empty())
         return;
     _pending = true;
-    std::shared_ptr<CThreadResponseHandler> self =
+    std::weak_ptr<CStatisticsWriter> weak =
         std::static_pointer_cast<CStatisticsWriter>(shared_from_this());
-    _submit(std::make_unique<CThreadCdsSetLeaves>(self, std::move(leaves)));
+    _worker.run(
+        [leaves](CCdsHandle& cds) {
+            cds.set(*leaves, tk_string());
+            return true;
+        },
+        [weak, leaves](bool ok) {
+            if (const auto self = weak.lock())
+                self->written(ok, *leaves);
+        });
 }
 
-void CStatisticsWriter::post(CThreadCommand& cmd, bool timed_out) {
+void CStatisticsWriter::written(bool ok, const std::unordered_set<CCdsLeaf>& leaves) {
     _pending = false;
-    if (timed_out || cmd.failed()) {
+    if (!ok) {
         // Written again at the next chance.
         for (entry_t& e : _entries)
             e.written = ~*e.counter;
@@ -169,7 +168,6 @@ void CStatisticsWriter::post(CThreadCommand& cmd, bool timed_out) {
         return;
     // The store keeps what it has; the leaves it lacks are not asked for again.
     _first = false;
-    const std::unordered_set<CCdsLeaf>& leaves = poly_cast<CThreadCdsSetLeaves*>(&cmd)->leaves();
     const size_t all = _entries.size();
     std::vector<entry_t> kept;
     for (entry_t& e : _entries) {
@@ -181,10 +179,5 @@ void CStatisticsWriter::post(CThreadCommand& cmd, bool timed_out) {
     LOG_INFO(SS_DEFAULT, 1, "Statistics: %zu of %zu leaves under '%s' are in the store",
              _entries.size(), all, root);
     if (_entries.empty())
-        close();
-}
-
-void CStatisticsWriter::close() {
-    _timer->assign(nullptr);
-    _timer->cancel();
+        remove();
 }

@@ -1,7 +1,7 @@
 #include "modbus_client.h"
+#include "store/store_worker.h"
 #include "support/server_fixture.h"
 #include "support/test_client.h"
-#include "threads/commands/thread_command.h"
 
 #include <boost/test/unit_test.hpp>
 #include <sqlite3.h>
@@ -37,18 +37,6 @@ std::vector<uint8_t> exchange(uint16_t port, const std::vector<uint8_t>& frame, 
     c.send(frame);
     return c.receive(n);
 }
-
-// Holds the CDS thread for a while, so that requests behind it time out.
-class CStall : public CThreadCommand {
-public:
-    explicit CStall(int ms) : _ms(ms) {}
-    void execute(CThreadBase*) override {
-        std::this_thread::sleep_for(std::chrono::milliseconds(_ms));
-    }
-
-private:
-    int _ms;
-};
 
 void zero_fill(CTestStore& store) {
     store.define("/Software/Data Servers/Modbus/Zero Fill Default/Value", CElement::TYPE_BOOL,
@@ -324,8 +312,8 @@ BOOST_AUTO_TEST_CASE(store_too_slow) {
         BOOST_REQUIRE(ctx);
         // A write is made at once while the store is free.
         BOOST_TEST(modbus_write_register(ctx.get(), 8, 2400) == 1);
-        // Another writer holds the store: reads still answer, a write waits on the CDS thread
-        // and times out, and is not made late once the store is free again.
+        // Another writer holds the store: reads still answer, a write waits on the store
+        // worker and times out, and is not made late once the store is free again.
         sqlite3* other = nullptr;
         BOOST_REQUIRE(sqlite3_open(f.store.path().c_str(), &other) == SQLITE_OK);
         BOOST_REQUIRE(sqlite3_exec(other, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr) ==
@@ -338,10 +326,10 @@ BOOST_AUTO_TEST_CASE(store_too_slow) {
         sqlite3_close(other);
         std::this_thread::sleep_for(std::chrono::milliseconds(100));
         BOOST_TEST(read_regs(ctx.get(), 8, 1) == std::vector<uint16_t>{2400});
-        // A stalled CDS thread holds up no write either.
-        f.loop->in_loop([&] {
-            f.core.add_cds_cmd(cmd_ptr_t(new CStall(400)), false);
-            return 0;
+        // A stalled store worker holds up no write either.
+        f.core.worker()->run([](CCdsHandle&) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(400));
+            return true;
         });
         BOOST_TEST(modbus_write_register(ctx.get(), 8, 2600) == 1);
         BOOST_TEST(read_regs(ctx.get(), 8, 1) == std::vector<uint16_t>{2600});

@@ -1,4 +1,3 @@
-#include "io/io_messenger.h"
 #include "io/protocol_handler.h"
 #include "io/tcp/tcp_connection.h"
 #include "io/tcp/tcp_listener.h"
@@ -22,53 +21,60 @@ struct CLineLog {
 
 class CLineHandler : public CProtocolHandler {
 public:
-    CLineHandler(CIoMessenger* messenger, CLineLog& log, int delay_ms)
-        : CProtocolHandler(messenger), _log(log), _delay_ms(delay_ms) {}
+    CLineHandler(boost::asio::io_context& io, CLineLog& log, int delay_ms)
+        : _io(io), _log(log), _delay_ms(delay_ms) {}
 
-    bool parse() override { return parse_request(); }
-    bool parse_request() override {
-        const iobuf_const_pair_t unread = _messenger->get_rbuf();
-        _log.max_unread =
-            std::max(_log.max_unread, static_cast<size_t>(unread.second - unread.first));
-        const auto nl = std::find(unread.first, unread.second, '\n');
-        if (nl == unread.second)
-            return false;
-        std::string line(unread.first, nl);
-        _messenger->clear_rbuf(nl + 1);
+    action_t received(iobuf_const_iter_t begin, iobuf_const_iter_t end) override {
+        _log.max_unread = std::max(_log.max_unread, static_cast<size_t>(end - begin));
+        action_t action;
+        const auto nl = std::find(begin, end, '\n');
+        if (nl == end)
+            return action;
+        std::string line(begin, nl);
+        action.consumed = static_cast<size_t>(nl - begin) + 1;
+        action.request = true;
         _log.events.push_back("parse " + line);
         std::transform(line.begin(), line.end(), line.begin(), ::toupper);
-        iobuf_t& out = _messenger->wbuf();
-        out.assign(line.begin(), line.end());
-        out.push_back('\n');
-        if (_delay_ms == 0) {
-            _messenger->write();
-            return true;
-        }
+        _out.assign(line.begin(), line.end());
+        _out.push_back('\n');
+        if (_delay_ms == 0)
+            return send(action);
         // Answer later, as a handler waiting for the store would.
-        auto timer = std::make_shared<boost::asio::steady_timer>(_messenger->get_io_service());
+        auto timer = std::make_shared<boost::asio::steady_timer>(_io);
         timer->expires_after(std::chrono::milliseconds(_delay_ms));
-        auto messenger = std::static_pointer_cast<CIoMessenger>(_messenger->shared_from_this());
-        CLineLog& log = _log;
-        timer->async_wait([timer, messenger, &log, line](const boost::system::error_code& e) {
-            if (e)
+        std::weak_ptr<bool> alive = _alive;
+        timer->async_wait([this, timer, alive, line](const boost::system::error_code& e) {
+            if (e || alive.expired())
                 return;
-            log.events.push_back("write " + line);
-            messenger->write();
+            _log.events.push_back("write " + line);
+            wake();
         });
-        return true;
+        action.kind = action_t::WAIT;
+        return action;
     }
-    std::shared_ptr<CProtocolHandler> clone(CIoMessenger* messenger) const override {
-        return std::make_shared<CLineHandler>(messenger, _log, _delay_ms);
-    }
+    action_t resume() override { return send(action_t()); }
 
 private:
+    action_t send(action_t action) {
+        action.kind = action_t::SEND;
+        action.data = _out.data();
+        action.size = _out.size();
+        return action;
+    }
+
+    boost::asio::io_context& _io;
     CLineLog& _log;
     int _delay_ms;
+    iobuf_t _out;
+    std::shared_ptr<bool> _alive = std::make_shared<bool>(true);
 };
 
 struct CTcpFixture : CLoopFixture {
-    explicit CTcpFixture(int delay_ms = 0) : prototype(nullptr, log, delay_ms) {
-        listener = CTcpListener::create(manager, prototype, 0);
+    explicit CTcpFixture(int delay_ms = 0) {
+        factory = [this, delay_ms] {
+            return std::make_unique<CLineHandler>(manager.service(), log, delay_ms);
+        };
+        listener = CTcpListener::create(manager, factory, 0);
         manager.add(listener);
         port = listener->port();
     }
@@ -86,7 +92,7 @@ struct CTcpFixture : CLoopFixture {
     }
 
     CLineLog log;
-    CLineHandler prototype;
+    handler_factory_t factory;
     std::shared_ptr<CTcpListener> listener;
     uint16_t port = 0;
 };
@@ -201,7 +207,7 @@ BOOST_AUTO_TEST_CASE(port_in_use) {
     CStderrCapture capture;
     const int32_t saved = _svr_verb_array[SS_TCP_IO];
     _svr_verb_array[SS_TCP_IO] = 0;
-    BOOST_CHECK_THROW(CTcpListener::create(f.manager, f.prototype, f.port),
+    BOOST_CHECK_THROW(CTcpListener::create(f.manager, f.factory, f.port),
                       boost::system::system_error);
     _svr_verb_array[SS_TCP_IO] = saved;
     const std::string text = capture.text();

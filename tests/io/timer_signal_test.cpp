@@ -1,6 +1,5 @@
 #include "io/io_sighandler.h"
-#include "io/io_timer.h"
-#include "io/timed_object.h"
+#include "io/periodic_actor.h"
 #include "support/loop_fixture.h"
 #include "support/stderr_capture.h"
 
@@ -10,14 +9,25 @@
 
 namespace {
 
-class CIdleActor : public CIoActor {
+// Ticks every 10 ms, and closes itself after `last` ticks.
+class CTicker : public CPeriodicActor {
 public:
-    using CIoActor::CIoActor;
-};
+    static std::shared_ptr<CTicker> create(CIoManager& manager, int last) {
+        std::shared_ptr<CTicker> ticker(new CTicker(manager, last));
+        manager.add(ticker);
+        ticker->start();
+        return ticker;
+    }
+    int ticks = 0;
 
-struct CCounter : CTimedObject {
-    void timeout(const CIoTimer&) override { ++count; }
-    int count = 0;
+private:
+    CTicker(CIoManager& manager, int last)
+        : CPeriodicActor(manager, std::chrono::milliseconds(10)), _last(last) {}
+    void tick() override {
+        if (++ticks == _last)
+            remove();
+    }
+    int _last;
 };
 
 // Raises sig while the loop runs; true when the loop ended by itself (not by the guard).
@@ -51,26 +61,15 @@ bool loop_ended_by(int sig, std::string& log) {
 BOOST_AUTO_TEST_SUITE(io)
 BOOST_AUTO_TEST_SUITE(timers_and_signals)
 
-BOOST_AUTO_TEST_CASE(timer_fires_once_per_reset) {
+// A periodic actor ticks every period until it is closed, and a tick may close it.
+BOOST_AUTO_TEST_CASE(periodic_ticks_until_closed) {
     CLoopFixture f;
-    auto actor = std::make_shared<CIdleActor>(f.manager);
-    CCounter fired, detached, cancelled;
-    auto t1 = CIoTimer::create(*actor, 20000);
-    auto t2 = CIoTimer::create(*actor, 20000);
-    auto t3 = CIoTimer::create(*actor, 20000);
-    t1->assign(&fired);
-    t2->assign(&detached);
-    t3->assign(&cancelled);
-    t1->reset();
-    t1->reset(30000); // re-arming replaces the pending expiry
-    t2->reset();
-    t2->assign(nullptr);
-    t3->reset();
-    t3->cancel();
+    auto ticker = CTicker::create(f.manager, 3);
+    auto closed = CTicker::create(f.manager, 100);
+    f.manager.close(closed);
     f.run_with([] { std::this_thread::sleep_for(std::chrono::milliseconds(150)); });
-    BOOST_TEST(fired.count == 1);
-    BOOST_TEST(detached.count == 0);
-    BOOST_TEST(cancelled.count == 0);
+    BOOST_TEST(ticker->ticks == 3);
+    BOOST_TEST(closed->ticks == 0);
 }
 
 BOOST_AUTO_TEST_CASE(terminating_signals) {

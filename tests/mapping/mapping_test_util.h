@@ -53,18 +53,22 @@ template <class M>
 regvec_t to_regs(const M& m, const toolkit::CElement& el, const CModbusParamDynamicConfig& cfg) {
     const mbreg_t guard = 0xA55A;
     regvec_t regs(m.reg_count() + 1, guard);
-    m.to_registers(el, cfg, regs.data());
+    BOOST_TEST(m.to_registers(el, cfg, regs.data()), "to_registers refused the value");
     BOOST_TEST(regs.back() == guard, "to_registers wrote past its " << m.reg_count());
     regs.pop_back();
     return regs;
 }
 
-// m.from_registers on regs, which must be as many as the mapping has.
+// m.from_registers on regs, which must be as many as the mapping has; an empty element when
+// the mapping refuses them.
 template <class M>
 toolkit::CElement from_regs(const M& m, const regvec_t& regs,
                             const CModbusParamDynamicConfig& cfg) {
     BOOST_TEST_REQUIRE(regs.size() == m.reg_count());
-    return m.from_registers(regs.data(), cfg);
+    toolkit::CElement out;
+    if (!m.from_registers(regs.data(), cfg, out))
+        return toolkit::CElement();
+    return out;
 }
 
 // Runs fn in a child process; true when the child ends by SIGABRT (a failed assertion).

@@ -1,11 +1,11 @@
 #include "io/protocol_handler.h"
 #include "io/serial/serial_connection.h"
 #include "modbus/core/modbus_function.h"
-#include "modbus/protocol/serial/modbus_serial_crc.h"
 #include "support/loop_fixture.h"
 #include "support/pty_pair.h"
 #include "support/pty_peer.h"
 #include "support/stderr_capture.h"
+#include "util/crc16.h"
 
 #include <boost/test/unit_test.hpp>
 
@@ -34,9 +34,9 @@ constexpr auto calm = std::chrono::milliseconds(500);
 constexpr auto settle = std::chrono::milliseconds(30);
 
 bytes_t with_crc(bytes_t out) {
-    uint16_t crc = 0xFFFF;
+    uint16_t crc = crc16::initial;
     for (const uint8_t b : out)
-        crc = CModbusSerialCrc::build_crc(crc, b);
+        crc = crc16::step(crc, b);
     out.push_back(static_cast<uint8_t>(crc & 0xff));
     out.push_back(static_cast<uint8_t>(crc >> 8));
     return out;
@@ -51,8 +51,6 @@ bytes_t frame(uint8_t address, const std::string& text) {
 
 struct CFrameLog {
     std::vector<std::string> frames;
-    std::vector<unsigned> timeouts;
-    unsigned adus = 0;
     size_t max_unread = 0;
 };
 
@@ -61,57 +59,58 @@ struct CFrameLog {
 // delay. Text that starts with '!' is refused: no answer, and the line is hunted again.
 class CFrameHandler : public CProtocolHandler {
 public:
-    CFrameHandler(CIoMessenger* messenger, CFrameLog& log, int delay_ms)
-        : CProtocolHandler(messenger), _log(log), _delay_ms(delay_ms) {}
+    CFrameHandler(boost::asio::io_context& io, CFrameLog& log, int delay_ms)
+        : _io(io), _log(log), _delay_ms(delay_ms) {}
 
-    bool parse() override { return parse_request(); }
-    bool validate(unsigned char address) override { return address == served; }
-    void set_timeout(unsigned timeout) override { _log.timeouts.push_back(timeout); }
-    void create_adu() override { ++_log.adus; }
-    size_t frame_length(const uint8_t* frame, size_t n) const override {
-        return CModbusFunction::rtu_length(frame, n);
-    }
-
-    bool parse_request() override {
-        const iobuf_const_pair_t unread = _messenger->get_rbuf();
-        _log.max_unread =
-            std::max(_log.max_unread, static_cast<size_t>(unread.second - unread.first));
+    action_t received(iobuf_const_iter_t begin, iobuf_const_iter_t end) override {
+        _log.max_unread = std::max(_log.max_unread, static_cast<size_t>(end - begin));
         // The connection hands over whole frames only.
-        const auto size = unread.second - unread.first;
-        std::string text = size >= 9 && size == 9 + unread.first[6]
-                               ? std::string(unread.first + 7, unread.second - 2)
-                               : std::string("!not a whole frame");
-        _messenger->clear_rbuf(unread.second);
+        const auto size = end - begin;
+        std::string text = size >= 9 && size == 9 + begin[6] ? std::string(begin + 7, end - 2)
+                                                             : std::string("!not a whole frame");
         _log.frames.push_back(text);
-        if (!text.empty() && text[0] == '!') {
-            _messenger->reset_flags();
-            _messenger->read_more();
-            return true;
-        }
+        action_t action;
+        action.consumed = static_cast<size_t>(size);
+        if (!text.empty() && text[0] == '!')
+            return action;
         std::transform(text.begin(), text.end(), text.begin(), ::toupper);
-        iobuf_t& out = _messenger->wbuf();
-        out = frame(served, text);
-        if (_delay_ms == 0) {
-            _messenger->write();
-            return true;
-        }
-        auto timer = std::make_shared<boost::asio::steady_timer>(_messenger->get_io_service());
+        _out = frame(served, text);
+        if (_delay_ms == 0)
+            return send(action);
+        auto timer = std::make_shared<boost::asio::steady_timer>(_io);
         timer->expires_after(std::chrono::milliseconds(_delay_ms));
-        auto messenger = std::static_pointer_cast<CIoMessenger>(_messenger->shared_from_this());
-        timer->async_wait([timer, messenger](const boost::system::error_code& e) {
-            if (!e)
-                messenger->write();
+        std::weak_ptr<bool> alive = _alive;
+        timer->async_wait([this, timer, alive](const boost::system::error_code& e) {
+            if (!e && !alive.expired())
+                wake();
         });
-        return true;
+        action.kind = action_t::WAIT;
+        return action;
     }
-    std::shared_ptr<CProtocolHandler> clone(CIoMessenger* messenger) const override {
-        return std::make_shared<CFrameHandler>(messenger, _log, _delay_ms);
-    }
+    action_t resume() override { return send(action_t()); }
 
 private:
+    action_t send(action_t action) {
+        action.kind = action_t::SEND;
+        action.data = _out.data();
+        action.size = _out.size();
+        return action;
+    }
+
+    boost::asio::io_context& _io;
     CFrameLog& _log;
     int _delay_ms;
+    bytes_t _out;
+    std::shared_ptr<bool> _alive = std::make_shared<bool>(true);
 };
+
+// The framing of a line that serves address 0x11 with function 16.
+CSerialConnection::framing_t test_framing() {
+    CSerialConnection::framing_t framing;
+    framing.served.set(served);
+    framing.length = &CModbusFunction::rtu_length;
+    return framing;
+}
 
 bytes_t answer(std::string text) {
     std::transform(text.begin(), text.end(), text.begin(), ::toupper);
@@ -143,19 +142,22 @@ private:
 
 // A serial connection on end a of a pty pair; the test talks on end b.
 struct CLineFixture : CLoopFixture {
-    explicit CLineFixture(int delay_ms = 0) : prototype(nullptr, log, delay_ms) {
+    explicit CLineFixture(int delay_ms = 0) : delay(delay_ms) {
         BOOST_REQUIRE(pty.ok());
         conn = open(pty.end_a());
     }
+    std::unique_ptr<CProtocolHandler> handler() {
+        return std::make_unique<CFrameHandler>(manager.service(), log, delay);
+    }
     std::shared_ptr<CSerialConnection> open(const std::string& device) {
-        auto c = CSerialConnection::create(manager, prototype, device, 0);
+        auto c = CSerialConnection::create(manager, handler(), device, test_framing());
         BOOST_REQUIRE(c->is_open());
         c->set_baud_rate(test_baud);
         c->set_flow_control(flow_ctrl_t::none);
         c->set_char_size(8);
         c->set_parity(parity_t::none);
         c->set_stop_bits(stop_bits_t::one);
-        c->generate_RTU_timers(test_baud, 8, parity_t::none, stop_bits_t::one, 0);
+        c->set_timing(test_baud, 8, parity_t::none, stop_bits_t::one);
         manager.add(c);
         c->start();
         return c;
@@ -170,7 +172,7 @@ struct CLineFixture : CLoopFixture {
     }
 
     CFrameLog log;
-    CFrameHandler prototype;
+    int delay;
     CPtyPair pty;
     std::shared_ptr<CSerialConnection> conn;
 };
@@ -212,18 +214,19 @@ BOOST_AUTO_TEST_CASE(rtu_timing_of_frame_formats) {
 BOOST_AUTO_TEST_CASE(missing_device_is_reported) {
     CLoopFixture loop;
     CFrameLog log;
-    CFrameHandler prototype(nullptr, log, 0);
+    const auto handler = [&] {
+        return std::make_unique<CFrameHandler>(loop.manager.service(), log, 0);
+    };
     CVerbosity verbosity(SS_SERIAL_IO, 4);
     CStderrCapture capture;
-    auto missing = CSerialConnection::create(loop.manager, prototype, "/nonexistent/ttyS9", 2);
-    auto not_tty = CSerialConnection::create(loop.manager, prototype, "/dev/null", 3);
+    auto missing =
+        CSerialConnection::create(loop.manager, handler(), "/nonexistent/ttyS9", test_framing());
+    auto not_tty = CSerialConnection::create(loop.manager, handler(), "/dev/null", test_framing());
     BOOST_TEST(!missing->is_open());
     BOOST_TEST(!not_tty->is_open());
-    BOOST_TEST(missing->interface_id() == 2u);
     // Settings on a port that did not open are refused, never thrown.
     missing->set_baud_rate(9600);
-    missing->generate_RTU_timers(19200, 8, parity_t::even, stop_bits_t::one, 250);
-    missing->generate_RTU_timers(19200, 8, parity_t::even, stop_bits_t::one, 0);
+    missing->set_timing(19200, 8, parity_t::even, stop_bits_t::one);
     const std::string text = capture.text();
     BOOST_TEST(text.find("Couldn't open serial port '/nonexistent/ttyS9': ") != std::string::npos,
                text);
@@ -235,9 +238,6 @@ BOOST_AUTO_TEST_CASE(missing_device_is_reported) {
     const size_t char_time = text.find("_char_time = 572916 nanoseconds");
     BOOST_TEST(t15 != std::string::npos);
     BOOST_TEST((t15 < bits && bits < char_time && char_time != std::string::npos));
-    // The time-out reaches the handler only when given; the frame object is made every time.
-    BOOST_TEST(log.timeouts == std::vector<unsigned>{250}, boost::test_tools::per_element());
-    BOOST_TEST(log.adus == 2u);
     BOOST_TEST(missing->timer_t15() == 859375);
 }
 
@@ -428,7 +428,7 @@ BOOST_AUTO_TEST_CASE(bad_settings_and_a_vanishing_line_end_nothing_else) {
     CLineFixture f;
     CPtyPair other;
     BOOST_REQUIRE(other.ok());
-    auto second = CSerialConnection::create(f.manager, f.prototype, other.end_a(), 1);
+    auto second = CSerialConnection::create(f.manager, f.handler(), other.end_a(), test_framing());
     BOOST_REQUIRE(second->is_open());
     std::string text;
     {
@@ -445,7 +445,7 @@ BOOST_AUTO_TEST_CASE(bad_settings_and_a_vanishing_line_end_nothing_else) {
          {"Couldn't set baud rate 12345", "Couldn't set baud rate 0", "Couldn't set flow control 7",
           "Couldn't set character size 9", "Couldn't set parity 3", "Couldn't set stop bits 1"})
         BOOST_TEST(text.find(refused) != std::string::npos, refused << " in " << text);
-    second->generate_RTU_timers(test_baud, 8, parity_t::none, stop_bits_t::one, 0);
+    second->set_timing(test_baud, 8, parity_t::none, stop_bits_t::one);
     f.manager.add(second);
     second->start();
     const bool finished = f.run_with([&] {

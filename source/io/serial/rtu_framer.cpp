@@ -1,6 +1,6 @@
 #include "io/serial/rtu_framer.h"
 
-#include "modbus/protocol/serial/modbus_serial_crc.h"
+#include "util/crc16.h"
 
 void CRtuFramer::configure(int64_t silence_us, int64_t break_us, const std::bitset<256>& served,
                            length_rule_t length, CTransportCounters* counts) {
@@ -25,11 +25,7 @@ void CRtuFramer::expect_frame() {
 }
 
 bool CRtuFramer::crc_holds(const std::vector<uint8_t>& frame) {
-    uint16_t crc = 0xFFFF;
-    for (size_t i = 0; i + 2 < frame.size(); ++i)
-        crc = CModbusSerialCrc::build_crc(crc, frame[i]);
-    // Sent low byte first.
-    return frame[frame.size() - 2] == (crc & 0xff) && frame[frame.size() - 1] == (crc >> 8);
+    return crc16::holds(frame.data(), frame.size());
 }
 
 CRtuFramer::step_t CRtuFramer::advance(std::vector<uint8_t>& frame, uint8_t byte) const {

@@ -10,7 +10,6 @@
 
 #include <algorithm>
 #include <cassert>
-#include <climits>
 
 namespace {
 
@@ -41,18 +40,19 @@ CSerialConnection::rtu_timing_t CSerialConnection::rtu_timing(uint32_t baud, cha
     return t;
 }
 
-std::shared_ptr<CSerialConnection> CSerialConnection::create(CIoManager& manager,
-                                                             const CProtocolHandler& prototype,
-                                                             const tk_string& device,
-                                                             unsigned interface_number) {
-    return std::shared_ptr<CSerialConnection>(
-        new CSerialConnection(manager, prototype, device, interface_number));
+std::shared_ptr<CSerialConnection>
+CSerialConnection::create(CIoManager& manager, std::unique_ptr<CProtocolHandler> handler,
+                          const tk_string& device, framing_t framing) {
+    std::shared_ptr<CSerialConnection> connection(
+        new CSerialConnection(manager, device, std::move(framing)));
+    connection->_pending = std::move(handler);
+    return connection;
 }
 
-CSerialConnection::CSerialConnection(CIoManager& manager, const CProtocolHandler& prototype,
-                                     const tk_string& device, unsigned interface_number)
-    : CIoMessenger(manager, prototype), _port(get_io_service()), _device(device),
-      _interface(interface_number), _raw(buffer_step) {
+CSerialConnection::CSerialConnection(CIoManager& manager, const tk_string& device,
+                                     framing_t framing)
+    : CIoMessenger(manager), _port(get_io_service()), _device(device), _framing(std::move(framing)),
+      _raw(read_size) {
     boost::system::error_code ec;
     _port.open(device, ec);
     if (ec) {
@@ -60,8 +60,7 @@ CSerialConnection::CSerialConnection(CIoManager& manager, const CProtocolHandler
                 ec.message().c_str());
         return;
     }
-    LOG_INFO(SS_SERIAL_IO, 2, "Opened serial port '%s' as interface %u", device.c_str(),
-             interface_number);
+    LOG_INFO(SS_SERIAL_IO, 2, "Opened serial port '%s'", device.c_str());
 }
 
 CSerialConnection::~CSerialConnection() {
@@ -149,12 +148,8 @@ void CSerialConnection::set_stop_bits(stop_bits_t stop_bits) {
             _device.c_str());
 }
 
-void CSerialConnection::generate_RTU_timers(uint32_t baud, char_size_t char_size, parity_t parity,
-                                            stop_bits_t stop_bits, size_t timeout) {
-    assert(_prot);
-    if (timeout != 0)
-        _prot->set_timeout(static_cast<unsigned>(std::min<size_t>(timeout, UINT_MAX)));
-    _prot->create_adu();
+void CSerialConnection::set_timing(uint32_t baud, char_size_t char_size, parity_t parity,
+                                   stop_bits_t stop_bits) {
     if (baud == 0)
         LOG_ERR(SS_SERIAL_IO, 0, "Baud rate 0 on '%s': timing frames as at 9600 baud",
                 _device.c_str());
@@ -168,17 +163,17 @@ void CSerialConnection::generate_RTU_timers(uint32_t baud, char_size_t char_size
         LOG_DEBUG(SS_SERIAL_IO, 4, "_char_time = %lld nanoseconds",
                   static_cast<long long>(_char_time));
     }
-    std::bitset<256> served;
-    for (unsigned address = 0; address < 256; ++address)
-        served[address] = _prot->validate(static_cast<unsigned char>(address));
-    // The connection knows no function codes: its handler tells how long a frame is.
     // The gap between frames: 3.5 characters, but at least 1.75 ms at high baud rates.
     const int64_t frame_break = std::max<int64_t>(_char_time * 7 / 2, 1750000);
-    _framer.configure(
-        _timerT15 / 1000, frame_break / 1000, served,
-        [this](const uint8_t* frame, size_t n) { return _prot->frame_length(frame, n); },
-        _prot->counters());
+    _framer.configure(_timerT15 / 1000, frame_break / 1000, _framing.served, _framing.length,
+                      _framing.counters);
     reset_flags();
+}
+
+void CSerialConnection::start() {
+    assert(_pending && is_open());
+    attach_handler(std::move(_pending));
+    read_more();
 }
 
 void CSerialConnection::close() {
@@ -192,7 +187,6 @@ void CSerialConnection::close() {
 }
 
 void CSerialConnection::reset_flags() {
-    _offset = 0;
     _waited = false;
     _unfed.clear();
     _framer.hunt();
@@ -251,15 +245,31 @@ void CSerialConnection::feed(int64_t gap_us) {
 
 void CSerialConnection::parse() {
     const std::vector<uint8_t>& frame = _framer.frame();
-    _rbuf.assign(frame.begin(), frame.end());
-    _rbuf.resize(std::max(frame.size(), buffer_step));
-    _offset = frame.size();
-    // The handler sees one whole frame; should it still want more, it is no request.
-    if (_prot->parse())
+    act(_prot->received(frame.begin(), frame.end()));
+}
+
+void CSerialConnection::resumed() {
+    if (_port.is_open())
+        act(_prot->resume());
+}
+
+void CSerialConnection::act(const CProtocolHandler::action_t& action) {
+    switch (action.kind) {
+    case CProtocolHandler::action_t::SEND:
+        write(action.data, action.size);
         return;
-    LOG_DEBUG(SS_SERIAL_IO, 5, "'%s': a frame the handler did not take", _device.c_str());
-    reset_flags();
-    read_more();
+    case CProtocolHandler::action_t::WAIT:
+        return; // resumed() follows
+    case CProtocolHandler::action_t::CLOSE:
+        remove();
+        return;
+    case CProtocolHandler::action_t::READ:
+        // A frame the handler does not answer: the line is hunted afresh.
+        LOG_DEBUG(SS_SERIAL_IO, 5, "'%s': a frame the handler did not answer", _device.c_str());
+        reset_flags();
+        read_more();
+        return;
+    }
 }
 
 bool CSerialConnection::input_waiting() {
@@ -267,15 +277,16 @@ bool CSerialConnection::input_waiting() {
     return ::ioctl(_port.native_handle(), FIONREAD, &queued) == 0 && queued > 0;
 }
 
-void CSerialConnection::write() {
-    assert(!_wbuf.empty());
+void CSerialConnection::write(const uint8_t* data, size_t size) {
+    assert(size != 0);
     // A late answer for a port that has been closed meanwhile goes nowhere.
     if (!_port.is_open())
         return;
-    LOG_DUMP(SS_SERIAL_IO, 6, _wbuf.data(), _wbuf.size(), "Sending");
+    LOG_DUMP(SS_SERIAL_IO, 6, data, size, "Sending");
     auto me = self();
+    // The handler keeps the bytes until it is called again, which is after the write.
     boost::asio::async_write(
-        _port, boost::asio::buffer(_wbuf),
+        _port, boost::asio::buffer(data, size),
         [me](const boost::system::error_code& error, size_t) { me->handle_write(error); });
 }
 
@@ -294,7 +305,6 @@ void CSerialConnection::handle_write(const boost::system::error_code& error) {
     // continues whatever the leftovers began.
     const bool waited = input_waiting();
     if (!_unfed.empty()) {
-        _offset = 0;
         _framer.expect_frame();
         int64_t now = 0;
         _last_rx = monotonic_ns(now) ? now : 0;

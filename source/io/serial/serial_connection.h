@@ -1,11 +1,12 @@
 #pragma once
 // The messenger of one Modbus RTU serial interface. It opens the device, applies the line
-// settings, and knows the RTU character timing its protocol handler needs to find frames.
+// settings, and finds frames by the RTU character timing.
 //
 // Frames are found by a CRtuFramer: a frame starts after a silence of more than 1.5
-// characters with a served slave address, ends at the length its function code gives, and
-// counts only with a good CRC; a silence inside a frame drops what was held. Each complete
-// frame is handed to the protocol handler on its own.
+// characters with a served slave address, ends at the length its function code gives (the
+// rule it is made with), and counts only with a good CRC; a silence inside a frame drops what
+// was held. Each complete frame is handed to the protocol handler on its own, and the handler
+// says whether to answer it. A frame it does not answer is dropped and the line hunted again.
 //
 // After an answer has been written, bytes that were already waiting (left over from the last
 // read or in the driver) may start a frame without a silence; the line is hunted afresh
@@ -19,9 +20,11 @@
 #include "io/io_messenger.h"
 #include "io/serial/rtu_framer.h"
 #include "toolkit/tk_string.h"
+#include "util/iobuf.h"
 
 #include <boost/asio/serial_port.hpp>
 
+#include <bitset>
 #include <cstdint>
 
 class CSerialConnection : public CIoMessenger {
@@ -43,16 +46,21 @@ public:
     static rtu_timing_t rtu_timing(uint32_t baud, char_size_t char_size, parity_t parity,
                                    stop_bits_t stop_bits);
 
+    // What finds the frames of a line: the slave addresses served, the length rule of a
+    // frame (CRtuFramer), and the line's counters (null: not counted).
+    struct framing_t {
+        std::bitset<256> served;
+        CRtuFramer::length_rule_t length;
+        CTransportCounters* counters = nullptr;
+    };
+
     static std::shared_ptr<CSerialConnection> create(CIoManager& manager,
-                                                     const CProtocolHandler& prototype,
-                                                     const tk_string& device,
-                                                     unsigned interface_number);
+                                                     std::unique_ptr<CProtocolHandler> handler,
+                                                     const tk_string& device, framing_t framing);
     ~CSerialConnection() override;
 
     // Only an open connection may be start()ed.
     bool is_open() const { return _port.is_open(); }
-    // The interface number given at creation.
-    unsigned interface_id() const { return _interface; }
     const tk_string& device() const { return _device; }
     int64_t char_time() const { return _char_time; }
     int64_t timer_t15() const { return _timerT15; }
@@ -62,25 +70,26 @@ public:
     void set_char_size(char_size_t bits);
     void set_parity(parity_t parity);
     void set_stop_bits(stop_bits_t stop_bits);
-    // Hands a non-zero response time-out (milliseconds) to the handler, makes the handler's
-    // frame object, computes the timing and starts hunting. Call before start().
-    void generate_RTU_timers(uint32_t baud, char_size_t char_size, parity_t parity,
-                             stop_bits_t stop_bits, size_t timeout);
+    // Computes the timing that tells frames apart and starts hunting. Call before start().
+    void set_timing(uint32_t baud, char_size_t char_size, parity_t parity, stop_bits_t stop_bits);
+    // Hands the handler its waker and starts reading.
+    void start();
 
     void close() override;
-    void read_more() override;
-    // Drops the unread bytes and hunts for the next frame start from now.
-    void reset_flags() override;
-    void write() override;
-    void handle_read(const boost::system::error_code& error, size_t count) override;
-    void handle_write(const boost::system::error_code& error) override;
-    // Hands the frame just completed to the handler.
-    void parse() override;
 
 private:
-    CSerialConnection(CIoManager& manager, const CProtocolHandler& prototype,
-                      const tk_string& device, unsigned interface_number);
+    CSerialConnection(CIoManager& manager, const tk_string& device, framing_t framing);
     std::shared_ptr<CSerialConnection> self();
+    void read_more();
+    // Drops the unread bytes and hunts for the next frame start from now.
+    void reset_flags();
+    void handle_read(const boost::system::error_code& error, size_t count);
+    void handle_write(const boost::system::error_code& error);
+    // Hands the frame just completed to the handler, and acts on its answer.
+    void parse();
+    void act(const CProtocolHandler::action_t& action);
+    void write(const uint8_t* data, size_t size);
+    void resumed() override;
     template <class Option> void apply(const Option& option, const char* what, unsigned value);
     bool input_waiting();
     // Feeds the unfed bytes to the framer, the first after gap_us of silence, until a frame
@@ -89,10 +98,12 @@ private:
 
     boost::asio::serial_port _port;
     tk_string _device;
-    unsigned _interface;
+    framing_t _framing;
+    std::unique_ptr<CProtocolHandler> _pending; // the handler, until start()
     int64_t _char_time = 0;
     int64_t _timerT15 = 0;
     CRtuFramer _framer;
+    static constexpr size_t read_size = 256;
     // Bytes as read from the port; those not yet fed to the framer.
     iobuf_t _raw;
     iobuf_t _unfed;

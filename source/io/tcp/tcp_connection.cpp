@@ -9,15 +9,16 @@
 #include <cassert>
 
 std::shared_ptr<CTcpConnection>
-CTcpConnection::create(CIoManager& manager, const CProtocolHandler& prototype,
+CTcpConnection::create(CIoManager& manager, handler_factory_t make_handler,
                        const std::shared_ptr<boost::asio::ssl::context>& tls) {
-    return std::shared_ptr<CTcpConnection>(new CTcpConnection(manager, prototype, tls));
+    return std::shared_ptr<CTcpConnection>(
+        new CTcpConnection(manager, std::move(make_handler), tls));
 }
 
-CTcpConnection::CTcpConnection(CIoManager& manager, const CProtocolHandler& prototype,
+CTcpConnection::CTcpConnection(CIoManager& manager, handler_factory_t make_handler,
                                const std::shared_ptr<boost::asio::ssl::context>& tls)
-    : CIoMessenger(manager, prototype), _sock(get_io_service()), _tls_context(tls),
-      _idle(get_io_service()) {
+    : CIoMessenger(manager), _make_handler(std::move(make_handler)), _sock(get_io_service()),
+      _tls_context(tls), _idle(get_io_service()) {
     if (_tls_context)
         _tls.reset(new tls_stream_t(_sock, *_tls_context));
 }
@@ -106,14 +107,14 @@ void CTcpConnection::handle_handshake(const boost::system::error_code& error) {
     if (_on_handshake)
         _on_handshake(std::string());
     _idle.cancel();
+    watch_idle(_serve_idle);
+    start();
     if (!_identity_oid.empty()) {
         const auto identity = CTlsContext::peer_extension(_tls->native_handle(), _identity_oid);
         LOG_INFO(SS_TCP_IO, 2, "TLS client '%s' identifies as '%s'", peer_name().c_str(),
                  identity ? identity->c_str() : "");
-        protocol().set_peer_identity(identity ? *identity : std::string());
+        _prot->set_peer_identity(identity ? *identity : std::string());
     }
-    watch_idle(_serve_idle);
-    start();
 }
 
 void CTcpConnection::wait_idle(std::chrono::steady_clock::time_point until) {
@@ -170,9 +171,17 @@ void CTcpConnection::close() {
         throw boost::system::system_error(close_error, "close");
 }
 
+void CTcpConnection::start() {
+    attach_handler(_make_handler());
+    _rbuf.assign(buffer_step, 0);
+    _offset = 0;
+    read_more();
+}
+
 void CTcpConnection::read_more() {
     assert(_sock.is_open());
-    assert(_offset < _rbuf.size());
+    if (_offset == _rbuf.size())
+        _rbuf.resize(_offset + buffer_step);
     auto me = self();
     _reading = true;
     const auto buffer = boost::asio::buffer(_rbuf.data() + _offset, _rbuf.size() - _offset);
@@ -198,30 +207,70 @@ void CTcpConnection::handle_read(const boost::system::error_code& error, size_t 
     _offset += count;
     assert(_offset <= _rbuf.size());
     LOG_DUMP(SS_TCP_IO, 6, _rbuf.data() + _offset - count, count, "Received");
-    parse();
+    process();
 }
 
-void CTcpConnection::parse() {
-    // The handler takes every whole frame it consumes, answered or dropped, off the front of
-    // the buffer, and nothing else shortens it: so a shorter buffer is a request, while bytes
-    // of one not yet whole leave the stamp alone.
-    const size_t before = _offset;
-    parse_or_read_more();
-    if (_stamp_requests && _offset < before)
+void CTcpConnection::process() {
+    for (;;) {
+        const auto begin = _rbuf.cbegin();
+        const CProtocolHandler::action_t action =
+            _prot->received(begin, begin + static_cast<std::ptrdiff_t>(_offset));
+        if (!act(action))
+            return;
+    }
+}
+
+bool CTcpConnection::act(const CProtocolHandler::action_t& action) {
+    assert(action.consumed <= _offset);
+    if (action.consumed != 0) {
+        // The bytes of a following request stay at the front.
+        _rbuf.erase(_rbuf.begin(), _rbuf.begin() + static_cast<std::ptrdiff_t>(action.consumed));
+        _offset -= action.consumed;
+        if (_offset == 0)
+            _rbuf.assign(buffer_step, 0);
+        else if (_rbuf.size() < _offset + buffer_step)
+            _rbuf.resize(_offset + buffer_step);
+    }
+    // The idle clock counts bytes; eviction counts whole requests.
+    if (action.request && _stamp_requests)
         _last_request = std::chrono::steady_clock::now();
+    switch (action.kind) {
+    case CProtocolHandler::action_t::READ:
+        // Bytes left after a frame dropped unanswered may hold the next request.
+        if (action.consumed != 0 && _offset != 0)
+            return true;
+        read_more();
+        return false;
+    case CProtocolHandler::action_t::SEND:
+        write(action.data, action.size);
+        return false;
+    case CProtocolHandler::action_t::WAIT:
+        return false; // resumed() follows
+    case CProtocolHandler::action_t::CLOSE:
+        remove();
+        return false;
+    }
+    return false;
 }
 
-void CTcpConnection::write() {
+void CTcpConnection::resumed() {
+    // A connection closed while its request waited answers nobody.
+    if (_sock.is_open())
+        act(_prot->resume());
+}
+
+void CTcpConnection::write(const uint8_t* data, size_t size) {
     assert(_sock.is_open());
-    assert(!_wbuf.empty());
+    assert(size != 0);
     auto me = self();
     const auto done = [me](const boost::system::error_code& error, size_t) {
         me->handle_write(error);
     };
+    // The handler keeps the bytes until it is called again, which is after the write.
     if (_tls)
-        boost::asio::async_write(*_tls, boost::asio::buffer(_wbuf), done);
+        boost::asio::async_write(*_tls, boost::asio::buffer(data, size), done);
     else
-        boost::asio::async_write(_sock, boost::asio::buffer(_wbuf), done);
+        boost::asio::async_write(_sock, boost::asio::buffer(data, size), done);
 }
 
 void CTcpConnection::handle_write(const boost::system::error_code& error) {
@@ -234,7 +283,7 @@ void CTcpConnection::handle_write(const boost::system::error_code& error) {
     if (_idle_timeout.count() > 0)
         _last_heard = std::chrono::steady_clock::now();
     if (_offset != 0)
-        parse();
+        process();
     else
         read_more();
 }

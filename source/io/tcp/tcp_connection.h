@@ -1,7 +1,10 @@
 #pragma once
-// The messenger of one accepted TCP socket. Requests are served strictly one at a time:
-// nothing is read while a request is being answered, and bytes of a pipelined request
-// wait in the buffer until the answer has been written. Any I/O error or the peer's close
+// The messenger of one accepted TCP socket. Its handler, made when the connection is served,
+// is handed every byte received and not yet consumed, and says what to do. Requests are
+// served strictly one at a time: nothing is read while a request is being answered, and bytes
+// of a pipelined request wait in the buffer until the answer has been written. The receive
+// buffer starts at 256 bytes, grows by 256 while a request is incomplete, and shrinks back
+// to 256 whenever everything received has been consumed. Any I/O error or the peer's close
 // ends only this connection. With an idle time-out, a connection that sends nothing for that
 // long while it waits for a request is closed; the clock is a time stamp taken when bytes
 // arrive or an answer leaves, checked by one coarse timer, so a request costs no timer call.
@@ -25,9 +28,12 @@
 
 class CTcpConnection : public CIoMessenger {
 public:
-    // tls: null for a plain connection.
+    static constexpr size_t buffer_step = 256;
+
+    // make_handler: called once the connection is served (after a TLS handshake). tls: null
+    // for a plain connection.
     static std::shared_ptr<CTcpConnection>
-    create(CIoManager& manager, const CProtocolHandler& prototype,
+    create(CIoManager& manager, handler_factory_t make_handler,
            const std::shared_ptr<boost::asio::ssl::context>& tls = nullptr);
     ~CTcpConnection() override;
 
@@ -54,25 +60,34 @@ public:
     bool waiting_for_client() const;
 
     void close() override;
-    void read_more() override;
-    void reset_flags() override {}
-    void write() override;
-    void handle_read(const boost::system::error_code& error, size_t count) override;
-    void handle_write(const boost::system::error_code& error) override;
-    void parse() override;
 
 private:
     using tls_stream_t = boost::asio::ssl::stream<boost::asio::ip::tcp::socket&>;
 
-    CTcpConnection(CIoManager& manager, const CProtocolHandler& prototype,
+    CTcpConnection(CIoManager& manager, handler_factory_t make_handler,
                    const std::shared_ptr<boost::asio::ssl::context>& tls);
     std::shared_ptr<CTcpConnection> self();
+    // Makes the handler and reads the first request.
+    void start();
+    void read_more();
+    void handle_read(const boost::system::error_code& error, size_t count);
+    void write(const uint8_t* data, size_t size);
+    void handle_write(const boost::system::error_code& error);
+    // Hands the unconsumed bytes to the handler until it wants more, answers or waits.
+    void process();
+    // Acts on what the handler said; true when process() may go on with the bytes left.
+    bool act(const CProtocolHandler::action_t& action);
+    void resumed() override;
     void handle_handshake(const boost::system::error_code& error);
     void handshake_failed(const std::string& reason);
     void handshake_timed_out(const boost::system::error_code& error);
     void wait_idle(std::chrono::steady_clock::time_point until);
     void handle_idle(const boost::system::error_code& error);
 
+    handler_factory_t _make_handler;
+    iobuf_t _rbuf;
+    // Bytes received and not yet consumed, at the front of _rbuf.
+    size_t _offset = 0;
     boost::asio::ip::tcp::socket _sock;
     // Keeps the context alive as long as the stream that uses it.
     std::shared_ptr<boost::asio::ssl::context> _tls_context;

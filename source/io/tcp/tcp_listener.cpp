@@ -13,19 +13,20 @@
 #include <unistd.h>
 
 std::shared_ptr<CTcpListener> CTcpListener::create(CIoManager& manager,
-                                                   const CProtocolHandler& prototype, uint16_t port,
+                                                   handler_factory_t make_handler, uint16_t port,
                                                    const CTcpListenerOptions& options) {
-    std::shared_ptr<CTcpListener> listener(new CTcpListener(manager, prototype, port, options));
+    std::shared_ptr<CTcpListener> listener(
+        new CTcpListener(manager, std::move(make_handler), port, options));
     listener->accept();
     return listener;
 }
 
-CTcpListener::CTcpListener(CIoManager& manager, const CProtocolHandler& prototype, uint16_t port,
+CTcpListener::CTcpListener(CIoManager& manager, handler_factory_t make_handler, uint16_t port,
                            const CTcpListenerOptions& options)
-    : CIoActor(manager), _acceptor(manager.service()), _prot(prototype.clone(nullptr)),
+    : CIoActor(manager), _acceptor(manager.service()), _make_handler(std::move(make_handler)),
       _options(options), _retry(manager.service()) {
     LOG_STACK();
-    assert(_prot);
+    assert(_make_handler);
     assert(_options.max_connections > 0);
     const std::string where = _options.bind_address.empty() ? "" : " on " + _options.bind_address;
     LOG_INFO(SS_TCP_IO, 2, "Listening for incoming %s connections on port %u%s",
@@ -78,7 +79,7 @@ uint16_t CTcpListener::port() const {
 }
 
 void CTcpListener::close() {
-    assert(_prot);
+    assert(_make_handler);
     _retry.cancel();
     release_spare();
     if (_acceptor.is_open())
@@ -86,8 +87,8 @@ void CTcpListener::close() {
 }
 
 void CTcpListener::accept() {
-    assert(_prot);
-    auto connection = CTcpConnection::create(get_manager(), *_prot, _options.tls);
+    assert(_make_handler);
+    auto connection = CTcpConnection::create(get_manager(), _make_handler, _options.tls);
     auto self = std::static_pointer_cast<CTcpListener>(shared_from_this());
     _acceptor.async_accept(connection->socket(),
                            [self, connection](const boost::system::error_code& error) {

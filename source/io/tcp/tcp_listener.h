@@ -1,7 +1,7 @@
 #pragma once
 // Accepts Modbus TCP connections on one port: on every address, IPv6 and IPv4 alike (a
 // dual-stack wildcard socket; plain IPv4 where the host has no IPv6), or on one address. Each
-// accepted connection gets its own protocol handler cloned from the listener's prototype.
+// connection served gets its own protocol handler from the listener's factory.
 //
 // A peer outside the allow list is accepted and closed at once, and so is one that comes while
 // the process is out of file descriptors: the listener keeps one spare descriptor and gives it
@@ -16,6 +16,7 @@
 // evictions (the burst ends when a peer is admitted without one) and failed TLS handshakes, at
 // level 0; at level 1 every failed handshake is logged, at level 2 every eviction.
 #include "io/io_actor.h"
+#include "io/protocol_handler.h"
 #include "io/tcp/burst_counter.h"
 #include "io/tcp/tcp_listener_options.h"
 
@@ -27,14 +28,13 @@
 #include <list>
 #include <memory>
 
-class CProtocolHandler;
 class CTcpConnection;
 
 class CTcpListener : public CIoActor {
 public:
     // Throws boost::system::system_error (after logging it) when the port cannot be bound.
-    static std::shared_ptr<CTcpListener> create(CIoManager& manager,
-                                                const CProtocolHandler& prototype, uint16_t port,
+    static std::shared_ptr<CTcpListener> create(CIoManager& manager, handler_factory_t make_handler,
+                                                uint16_t port,
                                                 const CTcpListenerOptions& options = {});
     ~CTcpListener() override;
     void close() override;
@@ -44,7 +44,7 @@ public:
     uint32_t open_connections() const { return static_cast<uint32_t>(_connections.size()); }
 
 private:
-    CTcpListener(CIoManager& manager, const CProtocolHandler& prototype, uint16_t port,
+    CTcpListener(CIoManager& manager, handler_factory_t make_handler, uint16_t port,
                  const CTcpListenerOptions& options);
     void bind(uint16_t port);
     void accept();
@@ -80,7 +80,7 @@ private:
     void release_spare();
 
     boost::asio::ip::tcp::acceptor _acceptor;
-    std::shared_ptr<CProtocolHandler> _prot;
+    handler_factory_t _make_handler;
     CTcpListenerOptions _options;
     boost::asio::steady_timer _retry; // backs off when a spare descriptor did not help
     int _spare = -1;

@@ -20,6 +20,7 @@ uint32_t nine_tenths(uint32_t timeout) {
 
 CModbusConfig::CModbusConfig(const CModbusSettings& settings)
     : _tcp_timeout(settings.tcp().timeout()), _block_writes(settings.block_writes()),
+      _checkpoint_frames(settings.checkpoint_pages()),
       _tcp_working_limit(nine_tenths(_tcp_timeout)), _serial_timeout(settings.serial().timeout()),
       _serial_working_limit(nine_tenths(_serial_timeout)) {
     LOG_STACK();

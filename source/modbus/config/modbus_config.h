@@ -39,6 +39,8 @@ public:
     uint32_t tcp_timeout() const { return _tcp_timeout; }
     // Function 16 (and 23's write) may span several parameters.
     bool block_writes() const { return _block_writes; }
+    // WAL frames past which the store is checkpointed at once (0: only when idle).
+    uint32_t checkpoint_frames() const { return _checkpoint_frames; }
     // Nine tenths of the time-out: the time a request may take before its answer is late.
     uint32_t tcp_working_limit() const { return _tcp_working_limit; }
     uint32_t serial_timeout() const { return _serial_timeout; }
@@ -81,6 +83,7 @@ private:
     std::map<const CEdsMapping*, tk_string> _eds_names;
     uint32_t _tcp_timeout;
     bool _block_writes;
+    uint32_t _checkpoint_frames;
     uint32_t _tcp_working_limit;
     uint32_t _serial_timeout;
     uint32_t _serial_working_limit;

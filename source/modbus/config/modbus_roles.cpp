@@ -46,12 +46,10 @@ bool CModbusRoles::parse_list(const std::string& text, set_t& out) {
     return any;
 }
 
-bool CModbusRoles::allows(const std::string& role, uint8_t function, uint8_t unit) const {
+const CAccessRule& CModbusRoles::rule_for(const std::string& role) const {
+    static const CAccessRule nothing{};
     auto rule = _rules.find(role);
     if (rule == _rules.end())
         rule = _rules.find(_default);
-    if (rule == _rules.end())
-        return false;
-    return rule->second.functions.test(function) &&
-           (rule->second.any_unit || rule->second.units.test(unit));
+    return rule == _rules.end() ? nothing : rule->second;
 }

@@ -16,6 +16,7 @@ namespace {
 const char* const zero_fill_node = "/Software/Data Servers/Modbus/Zero Fill Default";
 const char* const block_writes_node = "/Software/Data Servers/Modbus/Block Writes";
 const char* const strict_node = "/Software/Data Servers/Modbus/Strict Mapping Files";
+const char* const checkpoint_node = "/Software/Data Servers/Modbus/Checkpoint Pages";
 const char* const port_node =
     "/Software/System Settings/Network/Firewall Settings/Protocol/Modbus/Port/Value";
 const char* const tcp_node = "/Software/Data Servers/Modbus/Interface Type/TCP";
@@ -116,13 +117,11 @@ uint32_t read_number(CCdsHandle& cds, const tk_string& node, uint32_t def, uint3
     if (el && whole_number(*el, min, max, v, &cut)) {
         if (cut)
             MB_LOG_CALL(warn, SS_SETTINGS, 0, log_name,
-                        "'%s' is %s, which has a fraction; taken as %llu",
-                        value_path(node).c_str(), shown(*el).c_str(),
-                        static_cast<unsigned long long>(v));
+                        "'%s' is %s, which has a fraction; taken as %llu", value_path(node).c_str(),
+                        shown(*el).c_str(), static_cast<unsigned long long>(v));
         if (v > likely)
-            MB_LOG_CALL(warn, SS_SETTINGS, 0, log_name,
-                        "'%s' is %s, more than %u; taken as it is", value_path(node).c_str(),
-                        shown(*el).c_str(), likely);
+            MB_LOG_CALL(warn, SS_SETTINGS, 0, log_name, "'%s' is %s, more than %u; taken as it is",
+                        value_path(node).c_str(), shown(*el).c_str(), likely);
         return static_cast<uint32_t>(v);
     }
     const tk_string expected = "a whole number from " + std::to_string(min) +
@@ -270,6 +269,9 @@ CModbusSettings::CModbusSettings(CCdsHandle& cds)
       _block_writes(read_switch(cds, block_writes_node, "Block writes")),
       _strict_mapping_files(read_switch(cds, strict_node, "Strict mapping files")), _tcp(cds),
       _serial(cds) {
+    _checkpoint_pages =
+        read_number(cds, checkpoint_node, _checkpoint_pages, 0, UINT32_MAX, absent_t::info);
+    LOG_DEBUG(SS_SETTINGS, 3, "Checkpoint pages: %u", _checkpoint_pages);
     bool any = !_tcp.units().empty();
     for (const CModbusSerialInterfaceSettings& iface : _serial.interfaces())
         any = any || !iface.slaves().empty();
@@ -452,9 +454,9 @@ CModbusSerialSettings::CModbusSerialSettings(CCdsHandle& cds) {
     }
     // A time-out of 0 would leave a line with a request stuck for good; without interfaces
     // the value does not matter.
-    _timeout = read_number(cds, tk_string(serial_node) + "/Timeout", _timeout, 1, UINT32_MAX,
-                           _interfaces.empty() ? absent_t::info : absent_t::warn,
-                           likely_timeout_ms);
+    _timeout =
+        read_number(cds, tk_string(serial_node) + "/Timeout", _timeout, 1, UINT32_MAX,
+                    _interfaces.empty() ? absent_t::info : absent_t::warn, likely_timeout_ms);
     LOG_DEBUG(SS_SETTINGS, 3, "Serial timeout: %u", _timeout);
 }
 

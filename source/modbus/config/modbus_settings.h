@@ -183,6 +183,9 @@ public:
     bool block_writes() const { return _block_writes; }
     // Likely mistakes in mapping files are errors rather than warnings; false by default.
     bool strict_mapping_files() const { return _strict_mapping_files; }
+    // WAL pages past which the store is checkpointed at once rather than when idle (0: only
+    // when idle).
+    uint32_t checkpoint_pages() const { return _checkpoint_pages; }
     const CModbusTcpSettings& tcp() const { return _tcp; }
     const CModbusSerialSettings& serial() const { return _serial; }
 
@@ -190,6 +193,7 @@ private:
     bool _zero_fill;
     bool _block_writes;
     bool _strict_mapping_files;
+    uint32_t _checkpoint_pages = 1000;
     CModbusTcpSettings _tcp;
     CModbusSerialSettings _serial;
 };

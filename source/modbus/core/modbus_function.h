@@ -11,8 +11,9 @@
 //   (the caller reads them again)
 //   answer(req)  turns req.pdu into the response.
 //
-// Each step returns MB_NO_ERROR or the exception code to answer with; the caller answers
-// exception 4 itself when the store fails, and 11 when it does not answer in time.
+// Each step returns MB_NO_ERROR or the exception code to answer with; the request runner
+// (CRequestRunner) calls them and answers exception 4 itself when the store fails, and 11
+// when it does not answer in time.
 #include "modbus/core/modbus_request.h"
 #include "modbus/protocol/protocol_object.h"
 
@@ -27,14 +28,16 @@ struct CModbusFunction {
     // Where the request's byte count is, counted from the function code, for requests that
     // carry that many bytes after it; 0 for requests of a fixed length.
     uint8_t count_at;
-    // The largest quantity of a request (registers or bits).
-    uint16_t max_quantity;
     step_t plan;
     step_t write;  // null for reads
     step_t reread; // null but for a read after a write
     step_t answer;
     // Carrying it out counts as a communication event (function 11 counts all but itself).
     bool event;
+
+    // Whether a request to every unit at once (a broadcast) may carry it: the writes that
+    // answer nothing to read back (not 23).
+    bool broadcastable() const { return write != nullptr && reread == nullptr; }
 
     // The length of the request whose PDU (function code first) starts with the n bytes
     // given, or 0 while they do not tell yet: RTU frames carry no length of their own.

@@ -21,17 +21,19 @@ mbreg_t CBoolMapping::mask() const {
     return static_cast<mbreg_t>(0x8000u >> _offset);
 }
 
-void CBoolMapping::translate(const toolkit::CElement& el, const CModbusParamDynamicConfig&,
+bool CBoolMapping::translate(const toolkit::CElement& el, const CModbusParamDynamicConfig&,
                              mbreg_t* out) const {
     LOG_STACK();
     out[0] = el.to_bool() ? mask() : 0;
+    return true;
 }
 
-toolkit::CElement CBoolMapping::translate(const mbreg_t* regs,
-                                          const CModbusParamDynamicConfig&) const {
+bool CBoolMapping::translate(const mbreg_t* regs, const CModbusParamDynamicConfig&,
+                             toolkit::CElement& out) const {
     LOG_STACK();
     assert(regs != nullptr);
-    return toolkit::CElement::from_bool((regs[0] & mask()) != 0, toolkit::CElement::_invalid_time);
+    out = toolkit::CElement::from_bool((regs[0] & mask()) != 0, toolkit::CElement::_invalid_time);
+    return true;
 }
 
 CProfileMapping CBoolMapping::reverse_map(const toolkit::CElement& el, const tk_string&,

@@ -14,10 +14,10 @@ public:
 
     CProfileMapping reverse_map(const toolkit::CElement& el, const tk_string& units,
                                 const CModbusParamDynamicConfig& cfg) const override;
-    void translate(const toolkit::CElement& el, const CModbusParamDynamicConfig& cfg,
+    bool translate(const toolkit::CElement& el, const CModbusParamDynamicConfig& cfg,
                    mbreg_t* out) const override;
-    toolkit::CElement translate(const mbreg_t* regs,
-                                const CModbusParamDynamicConfig& cfg) const override;
+    bool translate(const mbreg_t* regs, const CModbusParamDynamicConfig& cfg,
+                   toolkit::CElement& out) const override;
 
 private:
     mbreg_t mask() const;

@@ -35,8 +35,8 @@ CEventMapping::CEventMapping(const toolkit::node_map_t& node) {
     const auto iindex = node.find("EventIndex");
     if (iindex != node.end() && !iindex->second.empty() && iindex->second[0] == '-')
         CMapUtil::fail(node, "EventIndex", "negative (0 is the newest event)");
-    _index = static_cast<size_t>(
-        CMapUtil::num(node, "EventIndex", 0, std::numeric_limits<long>::max()));
+    _index =
+        static_cast<size_t>(CMapUtil::num(node, "EventIndex", 0, std::numeric_limits<long>::max()));
     LOG_DEBUG(SS_MAPPING, 9, "Creating event mapping (%zu:%s)", _index, iprop->second.c_str());
     _mapping = CRegisterMapping::create(node);
 }
@@ -50,9 +50,9 @@ const CRegisterMapping& CEventMapping::mapping() const {
     return *_mapping;
 }
 
-void CEventMapping::to_registers(const CEventQueue& events, mbreg_t* out) const {
+bool CEventMapping::to_registers(const CEventQueue& events, mbreg_t* out) const {
     LOG_STACK();
-    mapping().to_registers(get_mapped_data(events), CModbusParamDynamicConfig(), out);
+    return mapping().to_registers(get_mapped_data(events), CModbusParamDynamicConfig(), out);
 }
 
 toolkit::CElement CEventMapping::get_mapped_data(const CEventQueue& events) const {

@@ -32,7 +32,7 @@ public:
     // The property of the indexed event, laid out without units conversion in reg_count()
     // registers at out; an index beyond the queue's slots reads as an empty slot. Allocates
     // nothing.
-    void to_registers(const CEventQueue& events, mbreg_t* out) const;
+    bool to_registers(const CEventQueue& events, mbreg_t* out) const;
     toolkit::CElement get_mapped_data(const CEventQueue& events) const;
 
     unsigned property() const { return _property; }

@@ -81,7 +81,7 @@ float CFloatMapping::scaled(const toolkit::CElement& el, double factor) const {
     return v;
 }
 
-void CFloatMapping::translate(const toolkit::CElement& el, const CModbusParamDynamicConfig& cfg,
+bool CFloatMapping::translate(const toolkit::CElement& el, const CModbusParamDynamicConfig& cfg,
                               mbreg_t* out) const {
     LOG_STACK();
     assert(_size == 4);
@@ -90,10 +90,11 @@ void CFloatMapping::translate(const toolkit::CElement& el, const CModbusParamDyn
     const size_t start = _offset / 8;
     for (size_t k = 0; k < 4; ++k)
         CMapUtil::put_byte(out, start + k, static_cast<uint8_t>(b >> (24 - 8 * k)));
+    return true;
 }
 
-toolkit::CElement CFloatMapping::translate(const mbreg_t* regs,
-                                           const CModbusParamDynamicConfig& cfg) const {
+bool CFloatMapping::translate(const mbreg_t* regs, const CModbusParamDynamicConfig& cfg,
+                              toolkit::CElement& out) const {
     LOG_STACK();
     assert(_size == 4);
     assert(regs != nullptr);
@@ -109,7 +110,8 @@ toolkit::CElement CFloatMapping::translate(const mbreg_t* regs,
     const double factor = CMapUtil::units_factor(_units, cfg.units());
     if (factor != 0.0)
         v = narrow(v * factor);
-    return toolkit::CElement::from_float(v, toolkit::CElement::_invalid_time);
+    out = toolkit::CElement::from_float(v, toolkit::CElement::_invalid_time);
+    return true;
 }
 
 CProfileMapping CFloatMapping::reverse_map(const toolkit::CElement& el, const tk_string& units,

@@ -117,7 +117,7 @@ void CIntMapping::check_layout() const {
     assert(!(_offset == 8 && _size == 2));
 }
 
-void CIntMapping::translate(const toolkit::CElement& el, const CModbusParamDynamicConfig& cfg,
+bool CIntMapping::translate(const toolkit::CElement& el, const CModbusParamDynamicConfig& cfg,
                             mbreg_t* out) const {
     LOG_STACK();
     check_layout();
@@ -131,10 +131,11 @@ void CIntMapping::translate(const toolkit::CElement& el, const CModbusParamDynam
         const uint8_t b = shift < 4 ? static_cast<uint8_t>(v >> (8 * shift)) : fill;
         CMapUtil::put_byte(out, start + k, b);
     }
+    return true;
 }
 
-toolkit::CElement CIntMapping::translate(const mbreg_t* regs,
-                                         const CModbusParamDynamicConfig& cfg) const {
+bool CIntMapping::translate(const mbreg_t* regs, const CModbusParamDynamicConfig& cfg,
+                            toolkit::CElement& out) const {
     LOG_STACK();
     const uint32_t raw = read_field(regs);
     const double factor = CMapUtil::units_factor(cfg.units(), _units);
@@ -146,7 +147,8 @@ toolkit::CElement CIntMapping::translate(const mbreg_t* regs,
             v = div_i32(v, _multiplier);
         if (factor != 0.0)
             v = to_i32(v * factor);
-        return toolkit::CElement::from_int(v, toolkit::CElement::_invalid_time);
+        out = toolkit::CElement::from_int(v, toolkit::CElement::_invalid_time);
+        return true;
     }
     uint32_t v = raw;
     if (_divider != 0)
@@ -155,7 +157,8 @@ toolkit::CElement CIntMapping::translate(const mbreg_t* regs,
         v /= static_cast<uint32_t>(_multiplier);
     if (factor != 0.0)
         v = to_u32(v * factor);
-    return toolkit::CElement::from_uint(v, toolkit::CElement::_invalid_time);
+    out = toolkit::CElement::from_uint(v, toolkit::CElement::_invalid_time);
+    return true;
 }
 
 uint32_t CIntMapping::read_field(const mbreg_t* regs) const {
@@ -171,8 +174,8 @@ uint32_t CIntMapping::read_field(const mbreg_t* regs) const {
     return field(raw);
 }
 
-toolkit::CElement CIntMapping::translate_float(const mbreg_t* regs,
-                                               const CModbusParamDynamicConfig& cfg) const {
+bool CIntMapping::translate_float(const mbreg_t* regs, const CModbusParamDynamicConfig& cfg,
+                                  toolkit::CElement& out) const {
     LOG_STACK();
     const uint32_t raw = read_field(regs);
     double d = _signed ? static_cast<double>(static_cast<int32_t>(raw)) : static_cast<double>(raw);
@@ -183,7 +186,8 @@ toolkit::CElement CIntMapping::translate_float(const mbreg_t* regs,
     const double factor = CMapUtil::units_factor(cfg.units(), _units);
     if (factor != 0.0)
         d *= factor;
-    return toolkit::CElement::from_float(d, toolkit::CElement::_invalid_time);
+    out = toolkit::CElement::from_float(d, toolkit::CElement::_invalid_time);
+    return true;
 }
 
 CProfileMapping CIntMapping::reverse_map(const toolkit::CElement& el, const tk_string& units,

@@ -10,19 +10,19 @@ CParamRegisterMapping::CParamRegisterMapping(const toolkit::node_map_t& node, si
     _mapping = CRegisterMapping::create(node);
 }
 
-void CParamRegisterMapping::to_registers(const toolkit::CElement& el,
+bool CParamRegisterMapping::to_registers(const toolkit::CElement& el,
                                          const CModbusParamDynamicConfig& cfg, mbreg_t* out) const {
     LOG_STACK();
     assert(_mapping);
-    _mapping->to_registers(el, cfg, out);
+    return _mapping->to_registers(el, cfg, out);
 }
 
-toolkit::CElement CParamRegisterMapping::from_registers(const mbreg_t* regs,
-                                                        const CModbusParamDynamicConfig& cfg,
-                                                        bool float_leaf) const {
+bool CParamRegisterMapping::from_registers(const mbreg_t* regs,
+                                           const CModbusParamDynamicConfig& cfg,
+                                           toolkit::CElement& out, bool float_leaf) const {
     LOG_STACK();
     assert(_mapping);
-    return _mapping->from_registers(regs, cfg, float_leaf);
+    return _mapping->from_registers(regs, cfg, out, float_leaf);
 }
 
 size_t CParamRegisterMapping::reg_count() const {

@@ -12,11 +12,11 @@ public:
     CParamRegisterMapping(const toolkit::node_map_t& node, size_t id);
 
     // The translator's to_registers and from_registers: reg_count() registers at out or
-    // regs, with the swaps applied.
-    void to_registers(const toolkit::CElement& el, const CModbusParamDynamicConfig& cfg,
+    // regs, with the swaps applied; false when the translator refuses.
+    bool to_registers(const toolkit::CElement& el, const CModbusParamDynamicConfig& cfg,
                       mbreg_t* out) const;
-    toolkit::CElement from_registers(const mbreg_t* regs, const CModbusParamDynamicConfig& cfg,
-                                     bool float_leaf = false) const;
+    bool from_registers(const mbreg_t* regs, const CModbusParamDynamicConfig& cfg,
+                        toolkit::CElement& out, bool float_leaf = false) const;
     size_t reg_count() const;
 
     const CRegisterMapping& mapping() const;

@@ -55,22 +55,23 @@ size_t CRegisterMapping::reg_count() const {
     return _offset == 0 ? (_size + 1u) / 2 : (_size + 2u) / 2;
 }
 
-void CRegisterMapping::to_registers(const toolkit::CElement& el,
+bool CRegisterMapping::to_registers(const toolkit::CElement& el,
                                     const CModbusParamDynamicConfig& cfg, mbreg_t* out) const {
     LOG_STACK();
-    translate(el, cfg, out);
+    if (!translate(el, cfg, out))
+        return false;
     if (_swap_bytes)
         CMapUtil::swap_endianness(out, reg_count());
     if (_swap_words)
         CMapUtil::swap_word_order(out, reg_count());
+    return true;
 }
 
-toolkit::CElement CRegisterMapping::from_registers(const mbreg_t* regs,
-                                                   const CModbusParamDynamicConfig& cfg,
-                                                   bool float_leaf) const {
+bool CRegisterMapping::from_registers(const mbreg_t* regs, const CModbusParamDynamicConfig& cfg,
+                                      toolkit::CElement& out, bool float_leaf) const {
     LOG_STACK();
     if (!_swap_bytes && !_swap_words)
-        return float_leaf ? translate_float(regs, cfg) : translate(regs, cfg);
+        return float_leaf ? translate_float(regs, cfg, out) : translate(regs, cfg, out);
     // Undoing the swaps needs a copy: on the stack for anything one request can write.
     const size_t n = reg_count();
     std::array<mbreg_t, max_request_regs> local;
@@ -85,5 +86,5 @@ toolkit::CElement CRegisterMapping::from_registers(const mbreg_t* regs,
         CMapUtil::swap_word_order(natural, n);
     if (_swap_bytes)
         CMapUtil::swap_endianness(natural, n);
-    return float_leaf ? translate_float(natural, cfg) : translate(natural, cfg);
+    return float_leaf ? translate_float(natural, cfg, out) : translate(natural, cfg, out);
 }

@@ -37,17 +37,19 @@ public:
     virtual CProfileMapping reverse_map(const toolkit::CElement& el, const tk_string& units,
                                         const CModbusParamDynamicConfig& cfg) const = 0;
     // Natural-order translation, without the swaps: writes exactly reg_count() registers
-    // to out. Allocates nothing.
-    virtual void translate(const toolkit::CElement& el, const CModbusParamDynamicConfig& cfg,
+    // to out. Allocates nothing. False when the value has no register form (a time without
+    // a calendar date); out is then unspecified.
+    virtual bool translate(const toolkit::CElement& el, const CModbusParamDynamicConfig& cfg,
                            mbreg_t* out) const = 0;
-    // Reads exactly reg_count() natural-order registers from regs.
-    virtual toolkit::CElement translate(const mbreg_t* regs,
-                                        const CModbusParamDynamicConfig& cfg) const = 0;
+    // Reads exactly reg_count() natural-order registers from regs into out. False when the
+    // registers cannot be written to the parameter (its time stamp, a date that is no time).
+    virtual bool translate(const mbreg_t* regs, const CModbusParamDynamicConfig& cfg,
+                           toolkit::CElement& out) const = 0;
     // The same for a parameter the store keeps as a floating-point number: a scaled integer
     // keeps its fraction (2351 with Multiplier 10 is 235.1). Others read as translate().
-    virtual toolkit::CElement translate_float(const mbreg_t* regs,
-                                              const CModbusParamDynamicConfig& cfg) const {
-        return translate(regs, cfg);
+    virtual bool translate_float(const mbreg_t* regs, const CModbusParamDynamicConfig& cfg,
+                                 toolkit::CElement& out) const {
+        return translate(regs, cfg, out);
     }
 
     // Registers the value occupies: (size + 1) / 2 at offset 0, (size + 2) / 2 at offset 8.
@@ -56,14 +58,15 @@ public:
 
     // The wire registers for el: writes reg_count() registers to out and applies the byte
     // and word swaps to them in place. Allocates nothing, so that a read request costs no
-    // heap traffic per parameter.
-    void to_registers(const toolkit::CElement& el, const CModbusParamDynamicConfig& cfg,
+    // heap traffic per parameter. False as translate().
+    bool to_registers(const toolkit::CElement& el, const CModbusParamDynamicConfig& cfg,
                       mbreg_t* out) const;
-    // The value of the reg_count() wire registers at regs (left untouched). Allocates only
-    // for a text value, or to undo the swaps of a value longer than one request can carry.
-    // float_leaf: the store keeps the parameter as a floating-point number.
-    toolkit::CElement from_registers(const mbreg_t* regs, const CModbusParamDynamicConfig& cfg,
-                                     bool float_leaf = false) const;
+    // The value of the reg_count() wire registers at regs (left untouched) into out.
+    // Allocates only for a text value, or to undo the swaps of a value longer than one
+    // request can carry. float_leaf: the store keeps the parameter as a floating-point
+    // number. False as translate().
+    bool from_registers(const mbreg_t* regs, const CModbusParamDynamicConfig& cfg,
+                        toolkit::CElement& out, bool float_leaf = false) const;
 
     uint16_t size() const { return _size; }
     uint8_t offset() const { return _offset; }

@@ -13,7 +13,7 @@ CStringMapping::CStringMapping(const toolkit::node_map_t& node) : CRegisterMappi
         CMapUtil::fail(node, "BitOffset", "a DATATYPE_STRING starts at bit offset 0 or 8");
 }
 
-void CStringMapping::translate(const toolkit::CElement& el, const CModbusParamDynamicConfig&,
+bool CStringMapping::translate(const toolkit::CElement& el, const CModbusParamDynamicConfig&,
                                mbreg_t* out) const {
     LOG_STACK();
     // A text is laid out from its own storage; any other kind is converted first, which is
@@ -28,10 +28,11 @@ void CStringMapping::translate(const toolkit::CElement& el, const CModbusParamDy
     const size_t n = std::min(text.size(), 2 * nregs - start);
     for (size_t k = 0; k < n; ++k)
         CMapUtil::put_byte(out, start + k, static_cast<uint8_t>(text[k]));
+    return true;
 }
 
-toolkit::CElement CStringMapping::translate(const mbreg_t* regs,
-                                            const CModbusParamDynamicConfig&) const {
+bool CStringMapping::translate(const mbreg_t* regs, const CModbusParamDynamicConfig&,
+                               toolkit::CElement& out) const {
     LOG_STACK();
     assert(regs != nullptr);
     const size_t start = _offset / 8;
@@ -41,7 +42,8 @@ toolkit::CElement CStringMapping::translate(const mbreg_t* regs,
     tk_string text(len, '\0');
     for (size_t pos = 0; pos < len; ++pos)
         text[pos] = static_cast<char>(CMapUtil::get_byte(regs, start + pos));
-    return toolkit::CElement::from_string(text, toolkit::CElement::_invalid_time);
+    out = toolkit::CElement::from_string(text, toolkit::CElement::_invalid_time);
+    return true;
 }
 
 CProfileMapping CStringMapping::reverse_map(const toolkit::CElement& el, const tk_string&,

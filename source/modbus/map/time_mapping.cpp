@@ -32,7 +32,7 @@ const CTimeMappingSpec& CTimeMapping::spec() const {
     return *_spec;
 }
 
-void CTimeMapping::translate(const toolkit::CElement& el, const CModbusParamDynamicConfig&,
+bool CTimeMapping::translate(const toolkit::CElement& el, const CModbusParamDynamicConfig&,
                              mbreg_t* out) const {
     LOG_STACK();
     const size_t nregs = reg_count();
@@ -45,7 +45,7 @@ void CTimeMapping::translate(const toolkit::CElement& el, const CModbusParamDyna
     tm t;
     if (!gmtime_r(&secs, &t)) {
         LOG_WARN(SS_MAPPING, 1, "Time %lld has no calendar date", static_cast<long long>(secs));
-        throw generic_err();
+        return false;
     }
     size_t i = 0;
     size_t r = 0;
@@ -59,22 +59,23 @@ void CTimeMapping::translate(const toolkit::CElement& el, const CModbusParamDyna
         const mbreg_t low = i + 1 < _spec->size() ? _spec->translate(i + 1, t, tv) & 0xff : 0;
         out[r] = static_cast<mbreg_t>((_spec->translate(i, t, tv) & 0xff) << 8 | low);
     }
+    return true;
 }
 
-toolkit::CElement CTimeMapping::translate(const mbreg_t* regs,
-                                          const CModbusParamDynamicConfig&) const {
+bool CTimeMapping::translate(const mbreg_t* regs, const CModbusParamDynamicConfig&,
+                             toolkit::CElement& out) const {
     LOG_STACK();
     const size_t nregs = reg_count();
     assert(_spec);
     assert(regs != nullptr);
     if (_timestamp) {
         LOG_WARN(SS_MAPPING, 1, "Can't set a value's timestamp via Modbus");
-        throw generic_err();
+        return false;
     }
     timeval tv;
     tm t;
     if (gettimeofday(&tv, nullptr) != 0 || !gmtime_r(&tv.tv_sec, &t))
-        throw generic_err();
+        return false;
     size_t i = 0;
     size_t r = 0;
     if (_offset == 8)
@@ -93,12 +94,13 @@ toolkit::CElement CTimeMapping::translate(const mbreg_t* regs,
     const time_t secs = mktime(&t);
     if (secs == static_cast<time_t>(-1) && errno != 0) {
         LOG_WARN(SS_MAPPING, 1, "Date written is out of range");
-        throw generic_err();
+        return false;
     }
     // A doubled q may carry more than a second of milliseconds.
     tv.tv_sec = secs + tv.tv_usec / 1000000;
     tv.tv_usec %= 1000000;
-    return toolkit::CElement::from_time(tv, toolkit::CElement::_invalid_time);
+    out = toolkit::CElement::from_time(tv, toolkit::CElement::_invalid_time);
+    return true;
 }
 
 CProfileMapping CTimeMapping::reverse_map(const toolkit::CElement&, const tk_string&,

@@ -19,13 +19,12 @@ public:
 
     CProfileMapping reverse_map(const toolkit::CElement& el, const tk_string& units,
                                 const CModbusParamDynamicConfig& cfg) const override;
-    // Throws generic_err when the time has no calendar date.
-    void translate(const toolkit::CElement& el, const CModbusParamDynamicConfig& cfg,
+    // False when the time has no calendar date.
+    bool translate(const toolkit::CElement& el, const CModbusParamDynamicConfig& cfg,
                    mbreg_t* out) const override;
-    // Throws generic_err for a time stamp mapping (after a warning) and when the date
-    // written is no time.
-    toolkit::CElement translate(const mbreg_t* regs,
-                                const CModbusParamDynamicConfig& cfg) const override;
+    // False for a time stamp mapping (after a warning) and when the date written is no time.
+    bool translate(const mbreg_t* regs, const CModbusParamDynamicConfig& cfg,
+                   toolkit::CElement& out) const override;
 
     bool timestamp() const { return _timestamp; }
     const CTimeMappingSpec& spec() const;

@@ -2,32 +2,16 @@
 
 #include "modbus/protocol/modbus_util.h"
 #include "modbus/protocol/serial/modbus_serial_adu.h"
+#include "util/crc16.h"
 #include "util/log.h"
 
 #include <cassert>
 
-namespace {
-// Entry i is the CRC register after shifting byte i through eight rounds.
-struct crc_table_t {
-    uint16_t entries[256];
-    constexpr crc_table_t() : entries() {
-        for (unsigned i = 0; i < 256; ++i) {
-            uint16_t crc = static_cast<uint16_t>(i);
-            for (int bit = 0; bit < 8; ++bit)
-                crc = static_cast<uint16_t>((crc & 1) ? (crc >> 1) ^ 0xA001 : crc >> 1);
-            entries[i] = crc;
-        }
-    }
-};
-constexpr crc_table_t crc_table;
-static_assert(crc_table.entries[1] == 0xC0C1 && crc_table.entries[3] == 0x0140, "CRC table");
-} // namespace
-
 const uint16_t CModbusSerialCrc::_crc_table[256] = {
 #define MB_CRC_ROW(i)                                                                              \
-    crc_table.entries[i], crc_table.entries[i + 1], crc_table.entries[i + 2],                      \
-        crc_table.entries[i + 3], crc_table.entries[i + 4], crc_table.entries[i + 5],              \
-        crc_table.entries[i + 6], crc_table.entries[i + 7]
+    crc16::table.entries[i], crc16::table.entries[i + 1], crc16::table.entries[i + 2],             \
+        crc16::table.entries[i + 3], crc16::table.entries[i + 4], crc16::table.entries[i + 5],     \
+        crc16::table.entries[i + 6], crc16::table.entries[i + 7]
     MB_CRC_ROW(0),   MB_CRC_ROW(8),   MB_CRC_ROW(16),  MB_CRC_ROW(24),  MB_CRC_ROW(32),
     MB_CRC_ROW(40),  MB_CRC_ROW(48),  MB_CRC_ROW(56),  MB_CRC_ROW(64),  MB_CRC_ROW(72),
     MB_CRC_ROW(80),  MB_CRC_ROW(88),  MB_CRC_ROW(96),  MB_CRC_ROW(104), MB_CRC_ROW(112),
