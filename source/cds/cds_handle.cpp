@@ -189,9 +189,9 @@ int CCdsHandle::wal_frames() const {
     return _cds->wal_frames();
 }
 
-int CCdsHandle::checkpoint(int& wal_frames_left) {
+int CCdsHandle::checkpoint(int& wal_frames_left, bool restart) {
     check();
-    const int rc = _cds->checkpoint(wal_frames_left);
+    const int rc = _cds->checkpoint(wal_frames_left, restart);
     report_file();
     return rc;
 }

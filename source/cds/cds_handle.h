@@ -57,7 +57,7 @@ public:
     // WAL checkpoints (see toolkit::CCds): off for a connection whose owner makes them.
     void set_auto_checkpoint(bool on);
     int wal_frames() const;
-    int checkpoint(int& wal_frames_left);
+    int checkpoint(int& wal_frames_left, bool restart = false);
 
     // timeout in milliseconds, greater than 0.
     void watchdog_register(unsigned int timeout);

@@ -59,8 +59,14 @@ void CStoreWorker::run(task_t task, task_done_t done, bool urgent) {
 void CStoreWorker::note_commit(int wal_frames) {
     _wal_frames.store(wal_frames, std::memory_order_relaxed);
     note_activity();
+    // A WAL shorter than at the last checkpoint has started over.
+    int copied = _checkpointed.load(std::memory_order_relaxed);
+    if (wal_frames < copied) {
+        copied = 0;
+        _checkpointed.store(0, std::memory_order_relaxed);
+    }
     if (_options.checkpoint_frames == 0 || wal_frames < 0 ||
-        static_cast<unsigned>(wal_frames) < _options.checkpoint_frames)
+        static_cast<unsigned>(wal_frames - copied) < _options.checkpoint_frames)
         return;
     {
         std::lock_guard<std::mutex> lock(_mutex);
@@ -253,20 +259,38 @@ void CStoreWorker::complete(const std::shared_ptr<CStoreJob>& job) {
 }
 
 void CStoreWorker::maybe_checkpoint(bool forced) {
-    if (_wal_frames.load(std::memory_order_relaxed) <= 0)
+    const int uncopied =
+        _wal_frames.load(std::memory_order_relaxed) - _checkpointed.load(std::memory_order_relaxed);
+    if (uncopied <= 0)
         return;
     if (!forced &&
         now_ms() - _last_activity.load(std::memory_order_relaxed) < _options.idle.count())
         return;
+    // A passive checkpoint never holds a writer up, but the WAL only starts over once all of
+    // it is copied, which a steady stream of writes never lets happen: at twice the size
+    // limit the restart holds the I/O thread's writes off (they wait here meanwhile) until
+    // the rest, which the passive ones left little of, is copied.
+    const int frames = _wal_frames.load(std::memory_order_relaxed);
+    const bool restart = forced && _options.checkpoint_frames != 0 &&
+                         static_cast<unsigned>(frames) >= 2 * _options.checkpoint_frames;
     int left = 0;
-    if (_cds->checkpoint(left) != 0) {
+    const int rc = _cds->checkpoint(left, restart);
+    if (rc == toolkit::CCds::busy) {
+        LOG_THREAD(debug, 4, "Checkpoint put off: the store is busy");
+        return;
+    }
+    if (rc != 0) {
         LOG_THREAD(warn, 1, "Checkpointing the store failed: %s", _cds->error().c_str());
         return;
     }
     ++_checkpoints;
-    LOG_THREAD(debug, 4, "Checkpointed the store (%d frames left behind readers)", left);
-    // Frames a reader still needs stay; they go at a later checkpoint.
-    _wal_frames.store(left, std::memory_order_relaxed);
+    LOG_THREAD(debug, 4, "Checkpointed the store (%s; %d frames left behind readers)",
+               restart ? "restart" : "passive", left);
+    // After a passive checkpoint the WAL keeps its length until it starts over, and the next
+    // one is due when as much again has been written; a restart starts it over now.
+    _checkpointed.store(restart ? 0 : frames - left, std::memory_order_relaxed);
+    if (restart)
+        _wal_frames.store(left, std::memory_order_relaxed);
 }
 
 void CStoreWorker::stop(std::chrono::seconds timeout) {

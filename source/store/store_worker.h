@@ -131,6 +131,8 @@ private:
     std::atomic<unsigned> _queued_writes{0};
     std::atomic<int64_t> _last_activity{0};
     std::atomic<int> _wal_frames{0};
+    // The WAL's length when a checkpoint last copied all it could.
+    std::atomic<int> _checkpointed{0};
     std::atomic<uint64_t> _checkpoints{0};
 
     // A cancelled thread can only be joined natively, so this is a std::thread; its end

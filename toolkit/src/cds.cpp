@@ -104,9 +104,9 @@ int CCds::wal_frames() const {
     return _handle ? _handle->wal_frames() : 0;
 }
 
-int CCds::checkpoint(int& wal_frames_left) {
+int CCds::checkpoint(int& wal_frames_left, bool restart) {
     wal_frames_left = 0;
-    return _handle ? _handle->checkpoint(wal_frames_left) : -1;
+    return _handle ? _handle->checkpoint(wal_frames_left, restart) : -1;
 }
 
 void CCds::setReadOnly() {

@@ -253,14 +253,15 @@ int CStoreConnection::on_wal_commit(void* self, sqlite3* db, const char* name, i
     return SQLITE_OK;
 }
 
-int CStoreConnection::checkpoint(int& wal_frames_left) {
+int CStoreConnection::checkpoint(int& wal_frames_left, bool restart) {
     wal_frames_left = 0;
     // A replaced file's checkpoint would read the -wal that the new file now uses.
     if (!check_file(k_check_store))
         return -1;
     int log = 0, copied = 0;
-    const int rc =
-        sqlite3_wal_checkpoint_v2(_db.get(), nullptr, SQLITE_CHECKPOINT_PASSIVE, &log, &copied);
+    const int rc = sqlite3_wal_checkpoint_v2(
+        _db.get(), nullptr, restart ? SQLITE_CHECKPOINT_TRUNCATE : SQLITE_CHECKPOINT_PASSIVE, &log,
+        &copied);
     if (rc != SQLITE_OK) {
         _error = "cannot checkpoint data store '" + _path + "': " + _db.message();
         return (rc & 0xff) == SQLITE_BUSY ? SQLITE_BUSY : rc;

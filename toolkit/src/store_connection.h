@@ -97,7 +97,7 @@ public:
     // Checkpoints: see CCds.
     void set_auto_checkpoint(bool on) { _auto_checkpoint = on; }
     int wal_frames() const { return _wal_frames.load(std::memory_order_relaxed); }
-    int checkpoint(int& wal_frames_left);
+    int checkpoint(int& wal_frames_left, bool restart);
     bool read_only() const { return _read_only; }
     int watchdog_register(api_status_t& status, const tk_string& ident, unsigned int timeout,
                           bool enable);

@@ -101,9 +101,14 @@ public:
     int wal_frames() const;
     // Copies into the store file what the WAL holds and no reader still needs, without
     // waiting for readers or writers (SQLite's PASSIVE checkpoint), and says how many frames
-    // are left. Returns 0, busy when another checkpoint is running, or another non-zero
+    // are left. Under a steady stream of writes a passive checkpoint never catches up, and the
+    // WAL, which only starts over once it is wholly copied and no reader uses it, grows
+    // without bound: with restart, new writers are held off (they see busy, or wait) until
+    // every frame is copied and the readers are done with it, and the WAL is emptied then
+    // (SQLite's TRUNCATE checkpoint), whoever reads next. Returns 0,
+    // busy when another checkpoint is running or the store stayed held, or another non-zero
     // code when the store failed.
-    int checkpoint(int& wal_frames_left);
+    int checkpoint(int& wal_frames_left, bool restart = false);
 
     // From now on every write fails with API_STATUS_READ_ONLY and changes nothing.
     void setReadOnly();
