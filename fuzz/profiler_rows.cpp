@@ -6,10 +6,12 @@
 #include "support/fuzz_store.h"
 
 #include "cds/cds_handle.h"
-#include "modbus/config/modbus_device_config.h"
+#include "modbus/core/unit_map.h"
 #include "modbus/map/eds_mapping.h"
-#include "modbus/maplist/profile_maplist.h"
+#include "profiler/profile_builder.h"
 #include "util/generic_err.h"
+
+#include "toolkit/leaf_table.h"
 
 #include <cstdio>
 #include <cstdlib>
@@ -35,17 +37,18 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     } catch (const generic_err&) {
         return 0;
     }
-    // The size picks zero fill and the base, so that both vary without a format of their own.
-    CModbusDeviceConfig device("/Devices/UPS", {eds}, size % 2 == 1);
+    toolkit::CLeafTable leaves;
+    const CUnitMap unit("/Devices/UPS", {eds.get()}, leaves);
+    // The size picks the base, so that it varies without a format of its own.
     const regaddr_t base = size % 3 == 0 ? 0 : size % 3 == 1 ? 1 : 40001;
-    const std::unique_ptr<CProfileMaplist> profile = device.get_profile();
+    CProfileBuilder profile;
     try {
-        profile->build_profile(device, *cds, base);
+        profile.build(unit, "/Devices/UPS", *cds, base);
     } catch (const generic_err&) {
         return 0;
     }
     for (const bool master : {false, true})
         for (const bool description : {false, true})
-            profile->print_profile(base, master, description);
+            profile.print(base, master, description);
     return 0;
 }

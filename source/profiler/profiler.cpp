@@ -1,6 +1,6 @@
 #include "profiler/profiler.h"
 
-#include "modbus/maplist/profile_maplist.h"
+#include "profiler/profile_builder.h"
 #include "util/log.h"
 
 #include <cstdio>
@@ -57,8 +57,8 @@ bool CProfiler::main() {
         return false;
     }
     const unsigned short base = _options->one_based() ? 1 : 0;
-    std::unique_ptr<CProfileMaplist> profile = device->get_profile();
-    profile->build_profile(*device, *_cds, base);
-    profile->print_profile(base, _options->master_mapping(), _options->description());
+    CProfileBuilder profile;
+    profile.build(device->unit(), device->path(), *_cds, base);
+    profile.print(base, _options->master_mapping(), _options->description());
     return true;
 }

@@ -93,8 +93,16 @@ BOOST_AUTO_TEST_CASE(sample_registry) {
     BOOST_TEST(u1->eds()[0].get() == s1->eds()[0].get());
     BOOST_TEST(u1->eds()[1].get() != u1->eds()[0].get());
     BOOST_TEST(!u1->zero_fill());
-    // Each unit keeps its own attributes, even over one file.
-    BOOST_TEST(&u1->dynamic_config() != &u2->dynamic_config());
+    // Units over one file resolve its mappings under their own device, so that each keeps
+    // leaves and attributes of its own.
+    const auto& on_u1 = u1->unit().registers()[0].items();
+    const auto& on_u2 = u2->unit().registers()[0].items();
+    BOOST_REQUIRE(!on_u1.empty());
+    BOOST_REQUIRE_EQUAL(on_u1.size(), on_u2.size());
+    BOOST_TEST(on_u1[0].mapping == on_u2[0].mapping);
+    BOOST_TEST(cfg.leaves().path(on_u1[0].value) == "/Devices/UPS/Identity/Model/Value");
+    BOOST_TEST(cfg.leaves().path(on_u2[0].value) == "/Devices/UPS2/Identity/Model/Value");
+    BOOST_TEST(cfg.leaves().path(on_u2[0].writable) == "/Devices/UPS2/Identity/Model/Writable");
 
     BOOST_TEST(cfg.tcp_timeout() == 1000u);
     BOOST_TEST(cfg.tcp_working_limit() == 900u);

@@ -1,7 +1,7 @@
 #pragma once
 // Helpers of the mapping suite: nodes written inline, sample files, captured log lines,
 // translations into exactly sized buffers and checks that a call aborts.
-#include "modbus/config/modbus_param_dynamic_config.h"
+#include "modbus/map/modbus_param_dynamic_config.h"
 #include "modbus/modbus_types.h"
 #include "support/stderr_capture.h"
 #include "util/log.h"

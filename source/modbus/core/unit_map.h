@@ -11,8 +11,8 @@
 // The run-time attributes (writable, units) live in the entries; they are filled in by the first
 // request that reads them, on the thread that serves requests.
 #include "modbus/address_range/interval_index.h"
-#include "modbus/config/modbus_param_dynamic_config.h"
 #include "modbus/map/eds_mapping.h"
+#include "modbus/map/modbus_param_dynamic_config.h"
 
 #include "toolkit/leaf_table.h"
 

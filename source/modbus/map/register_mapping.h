@@ -10,7 +10,7 @@
 //
 // Every translator produces elements stamped with the invalid time, so that the store
 // stamps what Modbus writes.
-#include "modbus/config/modbus_param_dynamic_config.h"
+#include "modbus/map/modbus_param_dynamic_config.h"
 #include "modbus/map/profile_mapping.h"
 #include "modbus/modbus_types.h"
 

@@ -2,7 +2,6 @@
 // A parameter's run-time attributes as the data store reports them: whether Modbus may
 // write it and the units it is currently held in. Read once per parameter; until then the
 // defaults apply (not writable, no units).
-#include "cds/cds_leaf.h"
 #include "toolkit/kvr.h"
 #include "toolkit/leaf_table.h"
 
@@ -18,20 +17,13 @@ public:
     // The store's units enumeration; KVR_UNITS_NONE when the parameter has none.
     int units() const { return _units; }
 
-    // Until the attributes have been read, asks for param_path + "/Writable" and
-    // param_path + "/Units" in the next read. param_path is the parameter's node
-    // (CParamMapping::param_path()).
-    void add_paths(const tk_string& param_path, cds_leaf_set_t& leaves) const;
-    // Takes the attributes from the leaves read, once: a "/Writable" leaf read as a bool
-    // sets writable, a "/Units" leaf the units (a text the store does not know gives none).
-    // Missing or failed leaves keep the defaults. Later calls change nothing.
-    void update(const tk_string& param_path, const cds_leaf_set_t& leaves);
-    // The same from the "/Writable" and "/Units" leaves as read by id.
+    // Takes the attributes from the parameter's "/Writable" and "/Units" leaves as read, once:
+    // a writable read as a bool sets writable, units the units (a text the store does not
+    // know gives none). Missing or failed leaves keep the defaults. Later calls change
+    // nothing.
     void update(const toolkit::CLeafValue& writable, const toolkit::CLeafValue& units);
 
 private:
-    void take(const toolkit::CElement* writable, const toolkit::CElement* units);
-
     bool _updated = false;
     bool _writable = false;
     int _units = KVR_UNITS_NONE;
