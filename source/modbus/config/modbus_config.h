@@ -6,7 +6,7 @@
 // Construction throws generic_err, after "Error parsing EDS file: '<path>'" for every file
 // that does not parse: the server must not run with a broken map. A second unit with a unit
 // id (or interface and slave address) already taken is an error and left out. Read-only
-// after construction, except for the units' dynamic configurations.
+// after construction, except for the parameters' run-time attributes in the unit maps.
 #include "modbus/config/modbus_device_config.h"
 #include "modbus/config/modbus_settings.h"
 #include "toolkit/leaf_table.h"

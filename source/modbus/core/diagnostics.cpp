@@ -7,18 +7,18 @@ using steps::read_u16;
 namespace {
 
 enum diagnostic_t : uint16_t {
-    DIAG_RETURN_QUERY = 0x00,
-    DIAG_RESTART = 0x01,
-    DIAG_LISTEN_ONLY = 0x04,
-    DIAG_CLEAR = 0x0A,
-    DIAG_BUS_MESSAGES = 0x0B,
-    DIAG_BUS_ERRORS = 0x0C,
-    DIAG_BUS_EXCEPTIONS = 0x0D,
-    DIAG_SERVER_MESSAGES = 0x0E,
-    DIAG_NO_RESPONSE = 0x0F,
-    DIAG_NAK = 0x10,
-    DIAG_BUSY = 0x11,
-    DIAG_OVERRUNS = 0x12,
+    DIAG_RETURN_QUERY = 0,
+    DIAG_RESTART = 1,
+    DIAG_LISTEN_ONLY = 4,
+    DIAG_CLEAR = 10,
+    DIAG_BUS_MESSAGES = 11,
+    DIAG_BUS_ERRORS = 12,
+    DIAG_BUS_EXCEPTIONS = 13,
+    DIAG_SERVER_MESSAGES = 14,
+    DIAG_NO_RESPONSE = 15,
+    DIAG_NAK = 16,
+    DIAG_BUSY = 17,
+    DIAG_OVERRUNS = 18,
 };
 
 uint32_t diagnostic_count(const CModbusRequest& req, uint16_t sub) {
