@@ -27,32 +27,28 @@ tk_string leaf_path(int i) {
     return "/W/leaf " + std::to_string(i);
 }
 
+std::vector<toolkit::CLeafInfo> int_leaves() {
+    std::vector<toolkit::CLeafInfo> leaves;
+    for (int i = 0; i < k_leaves; ++i)
+        leaves.push_back({leaf_path(i), CElement::TYPE_INT, CElement::from_int(0), 0});
+    return leaves;
+}
+
 // k_leaves int leaves at 0, their ids, and a second connection `a` bound to them.
 struct CWriteFixture : CTestStore {
     CWriteFixture() {
-        std::vector<toolkit::CLeafInfo> leaves;
-        for (int i = 0; i < k_leaves; ++i) {
-            leaves.push_back({leaf_path(i), CElement::TYPE_INT, CElement::from_int(0), 0});
+        define(int_leaves());
+        for (int i = 0; i < k_leaves; ++i)
             ids.push_back(table.add(leaf_path(i)));
-        }
-        define(leaves);
         BOOST_REQUIRE_EQUAL(a_store.open(path()), 0);
         a().bind(table);
     }
     CCds& a() { return a_store.cds(); }
-    // The values a connection reads by id, -1 for a leaf that is not OK; empty on failure.
-    std::vector<int64_t> read(CCds& cds, bool wait = true) {
-        std::vector<const CLeafValue*> out(ids.size());
-        rc = cds.read(ids.data(), ids.size(), out.data(), wait);
-        std::vector<int64_t> values;
-        if (rc == 0)
-            for (const CLeafValue* v : out)
-                values.push_back(v->status == API_STATUS_OK ? v->value.to_int() : -1);
-        return values;
-    }
-    int64_t read_one(int i) {
-        const std::vector<int64_t> v = read(a());
-        return v.empty() ? -2 : v[i];
+    // Leaf i as cds reads it by id: -1 when not OK, -2 when the read failed (rc says why).
+    int64_t read_one(int i, CCds* cds = nullptr, bool wait = true) {
+        const CLeafValue* out = nullptr;
+        rc = (cds ? *cds : a()).read(&ids[i], 1, &out, wait);
+        return rc != 0 ? -2 : out->status == API_STATUS_OK ? out->value.to_int() : -1;
     }
     api_status_t write_one(CCds& cds, int i, const CElement& value) {
         api_status_t status = API_STATUS_NONE;
@@ -60,14 +56,17 @@ struct CWriteFixture : CTestStore {
         return status;
     }
     int64_t generation() {
+        tk_string g;
         sqlite3* db = nullptr;
-        sqlite3_open_v2(path().c_str(), &db, SQLITE_OPEN_READONLY, nullptr);
-        sqlite3_stmt* stmt = nullptr;
-        sqlite3_prepare_v2(db, "SELECT generation FROM changes", -1, &stmt, nullptr);
-        const int64_t g = sqlite3_step(stmt) == SQLITE_ROW ? sqlite3_column_int64(stmt, 0) : -1;
-        sqlite3_finalize(stmt);
+        sqlite3_open(path().c_str(), &db);
+        sqlite3_exec(
+            db, "SELECT generation FROM changes",
+            [](void* out, int, char** row, char**) {
+                return *static_cast<tk_string*>(out) = row[0], 0;
+            },
+            &g, nullptr);
         sqlite3_close(db);
-        return g;
+        return std::stoll(g);
     }
 
     CLeafTable table;
@@ -75,6 +74,14 @@ struct CWriteFixture : CTestStore {
     CCdsStore a_store;
     int rc = 0;
 };
+
+std::vector<api_status_t> statuses(const api_status_t* st, size_t n) {
+    return std::vector<api_status_t>(st, st + n);
+}
+std::vector<api_status_t> statuses(std::initializer_list<api_status_t> st) {
+    return st;
+}
+using boost::test_tools::per_element;
 
 tk_string update_sql(int i, const tk_string& set) {
     return "UPDATE leaves SET " + set + " WHERE path = '" + leaf_path(i) + "'";
@@ -95,11 +102,10 @@ BOOST_AUTO_TEST_CASE(parts_share_one_transaction_and_keep_their_own_statuses) {
     api_status_t st0[2] = {}, st1[3] = {};
     const CWritePart parts[] = {{ids0, values0, 2, st0}, {ids1, values1, 3, st1}};
     BOOST_TEST(a().write(parts, 2, true) == 0);
-    BOOST_TEST(st0[0] == API_STATUS_OK);
-    BOOST_TEST(st0[1] == API_STATUS_BAD_VALUE); // fails alone
-    BOOST_TEST(st1[0] == API_STATUS_NOT_FOUND); // a node
-    BOOST_TEST(st1[1] == API_STATUS_OK);
-    BOOST_TEST(st1[2] == API_STATUS_OK);
+    // One bad leaf fails alone; "/W" is a node.
+    BOOST_TEST(statuses(st0, 2) == statuses({API_STATUS_OK, API_STATUS_BAD_VALUE}), per_element());
+    BOOST_TEST(statuses(st1, 3) == statuses({API_STATUS_NOT_FOUND, API_STATUS_OK, API_STATUS_OK}),
+               per_element());
     BOOST_TEST(value(leaf_path(1)).to_int() == 12); // the later part's
     BOOST_TEST(value(leaf_path(3)).to_int() == 13);
     BOOST_TEST(read_one(1) == 12);
@@ -137,8 +143,8 @@ BOOST_AUTO_TEST_CASE(a_refused_commit_writes_nothing_and_the_rest_can_follow) {
     int asked = 0;
     BOOST_TEST(a().write(parts, 2, true, [&] { return ++asked, false; }) == CCds::cancelled);
     BOOST_TEST(asked == 1);
-    BOOST_TEST(st[0] == API_STATUS_FAILURE);
-    BOOST_TEST(st[1] == API_STATUS_FAILURE);
+    BOOST_TEST(statuses(st, 2) == statuses({API_STATUS_FAILURE, API_STATUS_FAILURE}),
+               per_element());
     BOOST_TEST(value(leaf_path(4)).to_int() == 0);
     BOOST_TEST(counter_value(path()) == bumps);
     // Not even its own cache keeps what was rolled back.
@@ -174,8 +180,8 @@ BOOST_AUTO_TEST_CASE(a_leaf_changed_behind_the_cache_is_written_the_long_way) {
     const CElement stored = value(leaf_path(7));
     BOOST_TEST((stored.type() == CElement::TYPE_STRING && stored.str() == "7"));
     const CLeafValue* out = nullptr;
-    BOOST_REQUIRE_EQUAL(a().read(&ids[7], 1, &out, true), 0);
-    BOOST_TEST(out->value.type() == CElement::TYPE_STRING);
+    BOOST_TEST(
+        (a().read(&ids[7], 1, &out, true) == 0 && out->value.type() == CElement::TYPE_STRING));
 
     // Removed, and defined again with another type, by another connection.
     BOOST_TEST(read_one(8) == 0);
@@ -241,51 +247,42 @@ BOOST_AUTO_TEST_CASE(own_writes_never_hide_what_others_committed) {
     BOOST_TEST(read_one(0) == 6);
 }
 
+// In rollback-journal mode another connection can lock readers out, and a read that asks
+// SQLite then answers busy.
 BOOST_AUTO_TEST_CASE(a_connection_reads_back_its_own_writes_without_asking_the_store) {
-    // A store in rollback-journal mode, so that another connection can lock readers out:
-    // a read that asks SQLite then answers busy.
-    CTempDir dir;
-    const tk_string file = dir.file("plain.db");
+    const tk_string file = dir().file("plain.db");
     tk_string error;
     BOOST_REQUIRE_MESSAGE(CCdsStore::create(file, error) == 0, error);
     raw_sql(file, "PRAGMA journal_mode=DELETE");
     CCdsStore w;
     BOOST_REQUIRE_EQUAL(w.open(file), 0);
-    std::vector<toolkit::CLeafInfo> leaves;
-    for (int i = 0; i < k_leaves; ++i)
-        leaves.push_back({leaf_path(i), CElement::TYPE_INT, CElement::from_int(0), 0});
-    BOOST_REQUIRE_EQUAL(w.define(leaves), 0);
+    BOOST_REQUIRE_EQUAL(w.define(int_leaves()), 0);
     w.cds().bind(table);
-    BOOST_REQUIRE_EQUAL(read(w.cds()).size(), ids.size());
+    BOOST_TEST(read_one(3, &w.cds()) == 0);
     sqlite3* db = nullptr;
     BOOST_REQUIRE_EQUAL(sqlite3_open(file.c_str(), &db), SQLITE_OK);
-    auto locked_read = [&](std::vector<int64_t>& values) {
-        BOOST_REQUIRE_EQUAL(sqlite3_exec(db, "BEGIN EXCLUSIVE", nullptr, nullptr, nullptr),
-                            SQLITE_OK);
-        values = read(w.cds(), false);
+    auto locked_read = [&](int i) {
+        sqlite3_exec(db, "BEGIN EXCLUSIVE", nullptr, nullptr, nullptr);
+        const int64_t v = read_one(i, &w.cds(), false);
         sqlite3_exec(db, "ROLLBACK", nullptr, nullptr, nullptr);
-        return rc;
+        return v;
     };
     // Past the periodic check, so that the write makes it and the reads are not due one.
     std::this_thread::sleep_for(std::chrono::milliseconds(600));
-    std::vector<int64_t> values;
     BOOST_TEST(write_one(w.cds(), 1, CElement::from_string("10")) == API_STATUS_OK);
     std::vector<api_status_t> st;
     BOOST_REQUIRE_EQUAL(w.cds().set_leaves({leaf_path(2)}, {CElement::from_int(20)}, {2}, st, ""),
                         0);
-    BOOST_REQUIRE(locked_read(values) == 0);
-    BOOST_TEST(values[1] == 10);
-    BOOST_TEST(values[2] == 20);
+    BOOST_TEST(locked_read(1) == 10);
+    BOOST_TEST(locked_read(2) == 20);
+    BOOST_TEST(locked_read(3) == 0);
 
-    // A hand edit before the write drops the cache (the generation moved): the next read
-    // has to ask, and finds it.
+    // A hand edit before a write drops the cache (the generation moved): reads ask again.
     raw_sql(file, update_sql(3, "value = 30"));
     BOOST_TEST(write_one(w.cds(), 4, CElement::from_int(40)) == API_STATUS_OK);
-    BOOST_TEST(locked_read(values) == CCds::busy);
-    values = read(w.cds());
-    BOOST_REQUIRE_EQUAL(values.size(), ids.size());
-    BOOST_TEST(values[3] == 30);
-    BOOST_TEST(values[4] == 40);
+    BOOST_TEST(locked_read(3) == -2);
+    BOOST_TEST(rc == CCds::busy);
+    BOOST_TEST(read_one(3, &w.cds()) == 30);
     sqlite3_close(db);
 }
 
@@ -295,8 +292,7 @@ BOOST_AUTO_TEST_CASE(wal_frames_grow_until_a_checkpoint_that_never_waits) {
     const int k_writes = 400; // past SQLite's 1000 frames
     for (int i = 0; i < k_writes; ++i)
         BOOST_REQUIRE_EQUAL(write_one(a(), i % k_leaves, CElement::from_int(i)), API_STATUS_OK);
-    const int frames = a().wal_frames();
-    BOOST_TEST(frames > 1000);
+    BOOST_TEST(a().wal_frames() > 1000);
 
     // A reader in a transaction keeps the frames it may need.
     sqlite3* db = nullptr;
