@@ -12,12 +12,6 @@
 CStoreAccess::CStoreAccess(CCdsHandle& cds, CStoreWorker& worker, boost::asio::io_context& io)
     : _cds(cds), _worker(worker), _io(io) {}
 
-int CStoreAccess::read_now(const toolkit::leaf_id_t* ids, size_t n,
-                           const toolkit::CLeafValue** out) {
-    _worker.note_activity();
-    return _cds.read(ids, n, out, false);
-}
-
 void CStoreAccess::submit(const std::shared_ptr<CStoreJob>& job, unsigned timeout_ms) {
     assert(job && job->state() == CStoreJob::PENDING);
     if (job->kind == CStoreJob::READ || _worker.queued_writes() != 0) {

@@ -16,15 +16,14 @@
 // Every job sent to the worker gets the requester's time-out, kept by a timer on this thread;
 // the job's done() says TIMED_OUT when the timer won (see CStoreJob for why a write answered so
 // is never made). done() always runs on this thread, and never within a call here.
+#include "cds/cds_handle.h"
 #include "store/store_job.h"
+#include "store/store_worker.h"
 
 #include <boost/asio/io_context.hpp>
 
 #include <memory>
 #include <vector>
-
-class CCdsHandle;
-class CStoreWorker;
 
 class CStoreAccess {
 public:
@@ -35,7 +34,10 @@ public:
     // Reads ids on this thread's connection, pointing out[i] at each leaf (valid until the
     // next call here): 0, toolkit::CCds::busy when another process holds the store, or another
     // code when the store failed.
-    int read_now(const toolkit::leaf_id_t* ids, size_t n, const toolkit::CLeafValue** out);
+    int read_now(const toolkit::leaf_id_t* ids, size_t n, const toolkit::CLeafValue** out) {
+        _worker.note_activity();
+        return _cds.read(ids, n, out, false);
+    }
     // Carries out job (a READ that found the store busy, or any WRITE) later; timeout_ms bounds
     // the wait for the worker (0: none).
     void submit(const std::shared_ptr<CStoreJob>& job, unsigned timeout_ms);

@@ -13,7 +13,7 @@ CStoreWorker::CStoreWorker(std::unique_ptr<CCdsHandle> cds, boost::asio::io_cont
                            const options_t& options)
     : _cds(std::move(cds)), _io(io), _options(options) {
     assert(_cds);
-    _last_activity.store(now_ms());
+    _activity_changed_ms = now_ms();
     _thread.reset(new std::thread([this] {
         struct CEndSignal {
             CStoreWorker& worker;
@@ -258,13 +258,23 @@ void CStoreWorker::complete(const std::shared_ptr<CStoreJob>& job) {
     });
 }
 
+bool CStoreWorker::idle() {
+    const uint32_t activity = _activity.load(std::memory_order_relaxed);
+    const int64_t now = now_ms();
+    if (activity != _activity_seen) {
+        _activity_seen = activity;
+        _activity_changed_ms = now;
+        return false;
+    }
+    return now - _activity_changed_ms >= _options.idle.count();
+}
+
 void CStoreWorker::maybe_checkpoint(bool forced) {
     const int uncopied =
         _wal_frames.load(std::memory_order_relaxed) - _checkpointed.load(std::memory_order_relaxed);
     if (uncopied <= 0)
         return;
-    if (!forced &&
-        now_ms() - _last_activity.load(std::memory_order_relaxed) < _options.idle.count())
+    if (!forced && !idle())
         return;
     // A passive checkpoint never holds a writer up, but the WAL only starts over once all of
     // it is copied, which a steady stream of writes never lets happen: at twice the size

@@ -86,9 +86,10 @@ public:
     void run(task_t task, task_done_t done = {}, bool urgent = false);
 
     // The I/O thread tells of its own commits (WAL frames after them) and of its requests,
-    // so that checkpoints come when it is idle.
+    // so that checkpoints come when it is idle. A count, not a clock: a request pays no
+    // system call for it.
     void note_commit(int wal_frames);
-    void note_activity() { _last_activity.store(now_ms(), std::memory_order_relaxed); }
+    void note_activity() { _activity.fetch_add(1, std::memory_order_relaxed); }
 
     // Ends the thread: jobs and tasks still queued are dropped (on the calling thread, which
     // must be the I/O thread or the thread that owns the I/O loop). A worker still busy after
@@ -116,6 +117,8 @@ private:
     void write(std::deque<item_t>& writes);
     void complete(const std::shared_ptr<CStoreJob>& job);
     void maybe_checkpoint(bool forced);
+    // Whether no request came for the idle period, as far as the worker's looks tell.
+    bool idle();
 
     std::unique_ptr<CCdsHandle> _cds;
     boost::asio::io_context& _io;
@@ -129,7 +132,10 @@ private:
     bool _checkpoint_now = false;
 
     std::atomic<unsigned> _queued_writes{0};
-    std::atomic<int64_t> _last_activity{0};
+    std::atomic<uint32_t> _activity{0};
+    // The count at the worker's last look, and when it last changed (worker only).
+    uint32_t _activity_seen = 0;
+    int64_t _activity_changed_ms = 0;
     std::atomic<int> _wal_frames{0};
     // The WAL's length when a checkpoint last copied all it could.
     std::atomic<int> _checkpointed{0};
