@@ -53,6 +53,7 @@ CProtocolHandler::action_t CModbusTcpProtocolHandler::received(iobuf_const_iter_
             // parses as incomplete however much follows. Drop its 7 bytes unanswered.
             LOG_DEBUG(SS_TCP_PROTOCOL, 7, "Dropping a frame without a function code");
             action.consumed = header_size;
+            action.request = true; // a whole frame, if a useless one: the client is not idle
         } else if (n > max_unread) {
             LOG_WARN(SS_TCP_PROTOCOL, 1, "No complete request in %zu bytes; closing connection", n);
             action.kind = action_t::CLOSE;
