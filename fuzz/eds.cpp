@@ -1,16 +1,18 @@
 // Fuzz target: a mapping file, read by the EDS reader and then parsed into mappings as the
-// server parses each unit's files. Any error is fine as long as it is reported as one; the
+// server parses each unit's files. Any error is fine as long as it is reported as one whose
+// message names the file and a reason, since that line is all the user is told; the
 // mappings of a file that parses must translate values both ways without overrunning the
 // registers they occupy.
 #include "support/fuzz_log.h"
 #include "support/fuzz_store.h"
 
 #include "modbus/map/eds_mapping.h"
-#include "util/generic_err.h"
+#include "util/error.h"
 
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <limits>
 
 namespace {
@@ -95,7 +97,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         for (auto it = events.first; it != events.second; ++it)
             max_index = std::max<size_t>(max_index, it->second->index());
         check(max_index == eds.max_event_index(), "max_event_index differs from the mappings");
-    } catch (const generic_err&) {
+    } catch (const CError& e) {
+        const tk_string head = "Error parsing EDS file: '" + path + "': ";
+        check(tk_string(e.what()).compare(0, head.size(), head) == 0 &&
+                  std::strlen(e.what()) > head.size(),
+              "a refused file without its name or a reason");
     }
     return 0;
 }

@@ -9,7 +9,7 @@
 #include "modbus/core/unit_map.h"
 #include "modbus/map/eds_mapping.h"
 #include "profiler/profile_builder.h"
-#include "util/generic_err.h"
+#include "util/error.h"
 
 #include "toolkit/leaf_table.h"
 
@@ -34,7 +34,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     std::shared_ptr<const CEdsMapping> eds;
     try {
         eds = std::make_shared<const CEdsMapping>(path);
-    } catch (const generic_err&) {
+    } catch (const CError&) {
         return 0;
     }
     toolkit::CLeafTable leaves;
@@ -44,7 +44,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     CProfileBuilder profile;
     try {
         profile.build(unit, "/Devices/UPS", *cds, base);
-    } catch (const generic_err&) {
+    } catch (const CError&) {
         return 0;
     }
     for (const bool master : {false, true})

@@ -10,7 +10,7 @@
 #include "cds/cds_handle.h"
 #include "modbus/config/modbus_config.h"
 #include "modbus/config/modbus_settings.h"
-#include "util/generic_err.h"
+#include "util/error.h"
 
 #include <cstdio>
 #include <cstdlib>
@@ -166,7 +166,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                       "a serial slave is not in the registry");
             }
         }
-    } catch (const generic_err&) {
+    } catch (const CError&) {
     }
     return 0;
 }

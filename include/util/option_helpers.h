@@ -11,9 +11,9 @@
 
 namespace option_helpers {
 
-// Converts text with base detection (decimal, 0x hexadecimal, 0 octal); prints the
-// framework's message and throws generic_err when it is not wholly a number or outside
-// [min, max]. min defaults to 0 and must not be negative.
+// Converts text with base detection (decimal, 0x hexadecimal, 0 octal); throws CError with
+// the framework's message when it is not wholly a number or outside [min, max]. min
+// defaults to 0 and must not be negative.
 long long parse_number(const std::vector<tk_string>& args, size_t idx,
                        boost::optional<long long> min, boost::optional<long long> max);
 

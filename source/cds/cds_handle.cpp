@@ -1,10 +1,11 @@
 #include "cds/cds_handle.h"
 
 #include "toolkit/sys_log.h"
-#include "util/generic_err.h"
+#include "util/error.h"
 #include "util/log.h"
 
 #include <cassert>
+#include <string>
 
 namespace {
 
@@ -21,10 +22,8 @@ CCdsHandle::CCdsHandle() : _cds(new toolkit::CCds) {
     LOG_STACK();
     if (!_cds->is_initialized()) {
         kvr_handle_t handle = kvr_init(0);
-        if (!handle) {
-            LOG_ERR(SS_CDS_HANDLE, 0, "Can't connect to CDS: %s", kvr_last_error());
-            throw generic_err();
-        }
+        if (!handle)
+            throw CError(tk_string("Can't connect to CDS: ") + kvr_last_error(), SS_CDS_HANDLE);
         _cds->set_handle(handle);
     }
     api_status_t status = 0;
@@ -57,10 +56,8 @@ void CCdsHandle::get(std::unordered_set<CCdsLeaf>& leaves, const tk_string& pref
     std::vector<element_property_t> sources;
     const int rc = _cds->get_leaves(paths, statuses, values, sources);
     report_file();
-    if (rc != 0) {
-        LOG_ERR(SS_CDS_HANDLE, 1, "Can't get CDS leaves: %s", _cds->error().c_str());
-        throw generic_err();
-    }
+    if (rc != 0)
+        throw CError("Can't get CDS leaves: " + _cds->error(), SS_CDS_HANDLE, 1);
     assert(values.size() == leaves.size());
     assert(statuses.size() == leaves.size());
     assert(sources.size() == leaves.size());
@@ -88,10 +85,8 @@ void CCdsHandle::set(std::unordered_set<CCdsLeaf>& leaves, const tk_string& pref
     std::vector<api_status_t> statuses;
     const int rc = _cds->set_leaves(paths, values, flags, statuses, tk_string());
     report_file();
-    if (rc != 0) {
-        LOG_ERR(SS_CDS_HANDLE, 1, "Can't set CDS leaves: %s", _cds->error().c_str());
-        throw generic_err();
-    }
+    if (rc != 0)
+        throw CError("Can't set CDS leaves: " + _cds->error(), SS_CDS_HANDLE, 1);
     assert(statuses.size() == leaves.size());
     size_t i = 0;
     for (const CCdsLeaf& leaf : leaves) {
@@ -207,10 +202,10 @@ void CCdsHandle::watchdog_register(unsigned int timeout) {
     api_status_t status = 0;
     const int rc = _cds->watchdog_register(status, toolkit::CSysLog::_ident, timeout, true);
     report_file();
-    if (rc != 0 || status != API_STATUS_OK) {
-        LOG_ERR(SS_CDS_HANDLE, 1, "Can't register for watchdog (%d / %d)", rc, status);
-        throw generic_err();
-    }
+    if (rc != 0 || status != API_STATUS_OK)
+        throw CError("Can't register for watchdog (" + std::to_string(rc) + " / " +
+                         std::to_string(status) + ")",
+                     SS_CDS_HANDLE, 1);
 }
 
 void CCdsHandle::watchdog_ping() {
@@ -219,8 +214,8 @@ void CCdsHandle::watchdog_ping() {
     api_status_t status = 0;
     const int rc = _cds->watchdog_ping(status);
     report_file();
-    if (rc != 0 || status != API_STATUS_OK) {
-        LOG_ERR(SS_CDS_HANDLE, 1, "Can't ping watchdog (%d / %d)", rc, status);
-        throw generic_err();
-    }
+    if (rc != 0 || status != API_STATUS_OK)
+        throw CError("Can't ping watchdog (" + std::to_string(rc) + " / " + std::to_string(status) +
+                         ")",
+                     SS_CDS_HANDLE, 1);
 }

@@ -1,11 +1,13 @@
 #pragma once
 // The server's one connection to the data store.
 //
-// Created once (it connects in its constructor and throws generic_err when it cannot) and
+// Created once (it connects in its constructor and throws CError when it cannot) and
 // shared by std::shared_ptr between the settings readers and the CDS thread, which use it
 // one after the other, never at once: it has no lock. Every batch is a single call into the
 // store, so it is read or written in one transaction. Per-leaf failures are left in the
-// leaves' statuses; only a failing store throws. If the leaf "/ReadOnlyCDS" is true when
+// leaves' statuses; only a failing store throws, a CError of the "cds_handle" subsystem: at
+// the default level when it cannot connect, else at level 1, since the caller that gives up
+// says in its own line what could not be done. If the leaf "/ReadOnlyCDS" is true when
 // connecting, every write fails for the handle's whole life. When the store file is
 // replaced or removed under the server the store reopens it or fails the batch (see
 // toolkit); either is logged once as a warning at the default verbosity.

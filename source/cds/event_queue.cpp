@@ -1,6 +1,6 @@
 #include "cds/event_queue.h"
 
-#include "util/generic_err.h"
+#include "util/error.h"
 #include "util/log.h"
 
 #include <cassert>
@@ -56,10 +56,9 @@ void CEventQueue::read_historical_events(const tk_string& log_path) {
         return;
     }
     toolkit::CLog log;
-    if (log.init(log_path, 0, true, false, true, true, 0, 0, 0, false) != 0) {
-        LOG_WARN(SS_DEFAULT, 1, "Couldn't open event log at '%s'...", log_path.c_str());
-        throw generic_err();
-    }
+    if (log.init(log_path, 0, true, false, true, true, 0, 0, 0, false) != 0)
+        throw CError("Couldn't open event log at '" + log_path + "'...", SS_DEFAULT, 1,
+                     CError::severity_t::warning);
     CLogCloser closer{log};
 
     const size_t length = _queue.size();
@@ -73,11 +72,9 @@ void CEventQueue::read_historical_events(const tk_string& log_path) {
     for (;;) {
         batch.clear();
         if (log.retrieve(batch, tk_string(), nullptr, have_end ? &end : nullptr, count, true, false,
-                         0) != 0) {
-            LOG_WARN(SS_DEFAULT, 1, "Failed to retrieve data from event log located at '%s'...",
-                     log_path.c_str());
-            throw generic_err();
-        }
+                         0) != 0)
+            throw CError("Failed to retrieve data from event log located at '" + log_path + "'...",
+                         SS_DEFAULT, 1, CError::severity_t::warning);
         const bool full = batch.size() == count;
         if (full && same_time(batch.front().time, batch.back().time)) {
             // A whole page at one instant cannot be split by time: ask for more, and past

@@ -2,8 +2,8 @@
 // The most recent completed events of the device's event log, newest in slot 0.
 //
 // The number of slots is fixed at construction; slots without an event hold an empty
-// event (kind 0). Filled once from the historical log at construction (which throws
-// generic_err when the log cannot be read), then only read, except for add().
+// event (kind 0). Filled once from the historical log at construction (which throws CError,
+// a warning at level 1, when the log cannot be read), then only read, except for add().
 #include "toolkit/event_log.h"
 
 #include <cstddef>

@@ -18,7 +18,7 @@ public:
 
     // rel is a parameter path relative to root ("/Battery/Low"); empty levels (doubled or
     // trailing slashes) are skipped. A path with no level at all is not held. Throws
-    // generic_err only when the store itself fails.
+    // CError only when the store itself fails.
     bool holds(const tk_string& rel);
 
 private:

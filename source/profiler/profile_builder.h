@@ -19,7 +19,7 @@ class CProfileBuilder {
 public:
     // Reads the attributes of the unit's parameters below device (the store path the unit
     // was resolved under) through cds and adds their rows. Addresses are printed as
-    // base + address, modulo 65536. Throws generic_err only when the store itself fails.
+    // base + address, modulo 65536. Throws CError only when the store itself fails.
     void build(const CUnitMap& unit, const tk_string& device, CCdsHandle& cds, regaddr_t base);
     // base only names the address column ("Base Address (1-based)"). master_mapping drops
     // the encoding columns (bit offset to date spec); description adds the current value

@@ -9,24 +9,22 @@ CProfiler::CProfiler(int argc, char** argv) {
     LOG_STACK();
     try {
         _options.reset(new CProfilerOptions(argc, argv));
-    } catch (const COptionsBase::help_shown&) {
-        throw;
-    } catch (const generic_err&) {
-        throw init_err();
+    } catch (const CError& e) {
+        throw init_err(e); // told by the option parser, with the usage
     }
     try {
         _cds = std::make_shared<CCdsHandle>();
-    } catch (const generic_err&) {
-        LOG_THREAD(err, 0, "Couldn't connect to CDS");
-        throw init_err();
+    } catch (const CError& e) {
+        LOG_CAUGHT(e);
+        throw LOGGED(init_err("Couldn't connect to CDS"));
     }
     set_verbosity();
     try {
         _settings.reset(new CModbusSettings(*_cds));
         _cfg.reset(new CModbusConfig(*_settings));
-    } catch (const generic_err&) {
-        LOG_ERR(SS_DEFAULT, 1, "Couldn't initialize settings / configuration");
-        throw init_err();
+    } catch (const CError& e) {
+        LOG_CAUGHT(e); // nothing more for broken mapping files: the registry named them
+        throw LOGGED(init_err("Couldn't initialize settings / configuration", SS_DEFAULT, 1));
     }
 }
 
@@ -43,8 +41,8 @@ bool CProfiler::main() {
     LOG_STACK();
     try {
         _options->check_slave();
-    } catch (const generic_err&) {
-        std::fputs("Error: No Unit ID was selected\n", stderr);
+    } catch (const CError& e) {
+        std::fprintf(stderr, "%s\n", e.what());
         return false;
     }
     const unsigned id = *_options->unit_id() & 0xFFu;

@@ -62,5 +62,5 @@ CProfilerOptions::CProfilerOptions(int argc, const char* const* argv) {
 
 void CProfilerOptions::check_slave() const {
     if (!_unit_id)
-        throw generic_err();
+        throw CError("Error: No Unit ID was selected");
 }

@@ -8,10 +8,11 @@
 
 class CProfilerOptions : public COptionsBase {
 public:
-    // Parses at once; throws generic_err after telling the user why.
+    // Parses at once; throws CError, reported, once it has told the user why (see
+    // COptionsBase::parse).
     CProfilerOptions(int argc, const char* const* argv);
 
-    // Throws generic_err when no unit id was given.
+    // Throws CError, for stderr, when no unit id was given.
     void check_slave() const;
 
     // 0 to 65535; only the low 8 bits select a unit.

@@ -1,6 +1,7 @@
 #include "server_core/daemon_launch.h"
 
 #include "toolkit/sys_log.h"
+#include "util/error.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -72,23 +73,28 @@ void say(const char* text) {
     ::_exit(1);
 }
 
+// Before anything is forked: the caller goes on in the foreground process or gives up.
+[[noreturn]] void cannot_daemonize() {
+    throw CError("Couldn't daemonize process");
+}
+
 } // namespace
 
 CDaemonLaunch::CDaemonLaunch() {
     int err_pipe[2];
     int status_pipe[2];
     if (::pipe(err_pipe) != 0)
-        throw generic_err();
+        cannot_daemonize();
     if (::pipe(status_pipe) != 0) {
         ::close(err_pipe[0]);
         ::close(err_pipe[1]);
-        throw generic_err();
+        cannot_daemonize();
     }
     const pid_t pid = ::fork();
     if (pid < 0) {
         for (int fd : {err_pipe[0], err_pipe[1], status_pipe[0], status_pipe[1]})
             ::close(fd);
-        throw generic_err();
+        cannot_daemonize();
     }
     if (pid > 0) {
         ::close(err_pipe[1]);

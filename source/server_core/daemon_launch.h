@@ -11,12 +11,11 @@
 // daemon's stderr points at /dev/null.
 //
 // Call before any thread exists: it forks.
-#include "util/generic_err.h"
 
 class CDaemonLaunch {
 public:
-    // Throws generic_err (in the calling process, nothing forked) when a pipe or the first
-    // fork fails.
+    // Throws CError "Couldn't daemonize process" (in the calling process, nothing forked)
+    // when a pipe or the first fork fails.
     CDaemonLaunch();
     // Without a report the daemon has failed: the starting process sees the pipes close.
     ~CDaemonLaunch();

@@ -28,8 +28,8 @@ void CEventRefresher::tick() {
     std::weak_ptr<CEventRefresher> weak =
         std::static_pointer_cast<CEventRefresher>(shared_from_this());
     _worker.run(
-        // The queue's constructor says why when the log cannot be read; the registers then
-        // keep the events read before.
+        // When the log cannot be read the queue's error says why, and the store worker, which
+        // catches it, logs it; the registers then keep the events read before.
         [fresh, length, path = _log_path](CCdsHandle&) {
             fresh->reset(new CEventQueue(length, path));
             return true;

@@ -99,10 +99,8 @@ void CServerCore::start(int argc, const char* const* argv) {
     LOG_STACK();
     try {
         _options.reset(new CServerOptions(argc, argv));
-    } catch (const COptionsBase::help_shown&) {
-        throw;
-    } catch (const generic_err&) {
-        throw init_err();
+    } catch (const CError& e) {
+        throw init_err(e); // told by the option parser, with the usage
     }
     toolkit::CSysLog& log = thread_log();
     log._verbosity = _options->verbosity();
@@ -110,9 +108,9 @@ void CServerCore::start(int argc, const char* const* argv) {
     if (_options->check() || _options->statistics_leaves()) {
         try {
             _cds = std::make_unique<CCdsHandle>();
-        } catch (const generic_err&) {
-            LOG_THREAD(err, 0, "Couldn't connect to CDS");
-            throw init_err();
+        } catch (const CError& e) {
+            LOG_CAUGHT(e);
+            throw LOGGED(init_err("Couldn't connect to CDS"));
         }
         // A check is for the person at the terminal: nothing goes to syslog.
         setup_verbosity(_options->verbosity(), _options->subsystem_levels(),
@@ -125,9 +123,9 @@ void CServerCore::start(int argc, const char* const* argv) {
     if (_options->daemon()) {
         try {
             _launch.reset(new CDaemonLaunch);
-        } catch (const generic_err&) {
-            LOG_THREAD(err, 0, "Couldn't daemonize process");
-            throw init_err();
+        } catch (const CError& e) {
+            LOG_CAUGHT(e);
+            throw init_err(e);
         }
         toolkit::CSysLog::set_ident("modbus_server");
     }
@@ -138,9 +136,9 @@ void CServerCore::start(int argc, const char* const* argv) {
 
     try {
         _cds = std::make_unique<CCdsHandle>();
-    } catch (const generic_err&) {
-        LOG_THREAD(err, 0, "Couldn't connect to CDS");
-        throw init_err();
+    } catch (const CError& e) {
+        LOG_CAUGHT(e);
+        throw LOGGED(init_err("Couldn't connect to CDS"));
     }
     // The verbosity table and the syslog switch are complete before the store worker exists;
     // every thread only reads them afterwards.
@@ -149,17 +147,22 @@ void CServerCore::start(int argc, const char* const* argv) {
     CLogStack::cache_max_verbosity(_options->verbosity(),
                                    {_options->main_verbosity(), _options->cds_verbosity()});
 
-    if (!wait_for_ups()) {
-        _stopped = true;
-        return;
+    try {
+        if (!wait_for_ups()) {
+            _stopped = true;
+            return;
+        }
+    } catch (const CError& e) {
+        LOG_CAUGHT(e);
+        throw init_err(e);
     }
     load_configuration();
     _cfg->warn_overlaps();
     try {
         _cfg->warn_missing_leaves(*_cds);
-    } catch (const generic_err&) {
-        LOG_ERR(SS_DEFAULT, 0, "Couldn't read the mapped leaves from the store");
-        throw init_err();
+    } catch (const CError& e) {
+        LOG_CAUGHT(e);
+        throw LOGGED(init_err("Couldn't read the mapped leaves from the store"));
     }
     try {
         _cds->bind(_cfg->leaves());
@@ -168,16 +171,16 @@ void CServerCore::start(int argc, const char* const* argv) {
         // The store worker checkpoints the WAL; no request pays for one.
         _cds->set_auto_checkpoint(false);
         _reader->set_auto_checkpoint(false);
-    } catch (const generic_err&) {
-        LOG_THREAD(err, 0, "Couldn't connect to CDS");
-        throw init_err();
+    } catch (const CError& e) {
+        LOG_CAUGHT(e);
+        throw LOGGED(init_err("Couldn't connect to CDS"));
     }
     try {
         _ev_queue.reset(
             new CEventQueue(static_cast<unsigned>(_cfg->max_event_index() + 1), event_log_path()));
-    } catch (const generic_err&) {
-        LOG_ERR(SS_DEFAULT, 0, "Couldn't read the event log");
-        throw init_err();
+    } catch (const CError& e) {
+        LOG_CAUGHT(e);
+        throw LOGGED(init_err("Couldn't read the event log"));
     }
 }
 
@@ -223,16 +226,17 @@ void CServerCore::load_configuration() {
     try {
         _settings.reset(new CModbusSettings(*_cds));
         _cfg = std::make_shared<CModbusConfig>(*_settings);
-    } catch (const generic_err&) {
-        LOG_ERR(SS_DEFAULT, 0, "Couldn't initialize settings / configuration");
-        throw init_err();
+    } catch (const CError& e) {
+        LOG_CAUGHT(e); // nothing more for broken mapping files: the registry named them
+        throw LOGGED(init_err("Couldn't initialize settings / configuration"));
     }
 }
 
 int CServerCore::print_statistics_leaves() {
     try {
         load_configuration();
-    } catch (const init_err&) {
+    } catch (const init_err& e) {
+        LOG_CAUGHT(e);
         return 1;
     }
     const tk_string json = CStatisticsWriter::leaves_json(*_cfg, _settings->serial().interfaces());
@@ -250,8 +254,10 @@ int CServerCore::check() {
         load_configuration();
         _cfg->warn_overlaps();
         _cfg->warn_missing_leaves(*_cds);
-    } catch (const init_err&) {
-    } catch (const generic_err&) {
+    } catch (const init_err& e) {
+        LOG_CAUGHT(e);
+    } catch (const CError& e) {
+        LOG_CAUGHT(e);
         LOG_ERR(SS_DEFAULT, 0, "Couldn't read the mapped leaves from the store");
     }
     if (_settings) {
@@ -319,9 +325,8 @@ tk_string CServerCore::add_transports(CIoManager& manager) {
             secure.tls = CTlsContext::create(security.certificate(), security.private_key(),
                                              security.ca_bundle(), security.tls12_ciphers());
         } catch (const CTlsContext::error& e) {
-            LOG_ERR(SS_DEFAULT, 0, "Couldn't open the secure Modbus TCP port %u: %s",
-                    security.port(), e.what());
-            throw init_err();
+            throw LOGGED(init_err("Couldn't open the secure Modbus TCP port " +
+                                  std::to_string(security.port()) + ": " + e.what()));
         }
         secure.identity_oid = role_oid;
         secure.handshake_timeout_s = security.handshake_timeout();
@@ -399,8 +404,9 @@ tk_string CServerCore::attach(CIoManager& manager) {
         LOG_INFO(SS_DEFAULT, 2, "Using watchdog timer with a timeout of %u msecs", store_watchdog);
         try {
             _cds->watchdog_register(store_watchdog);
-        } catch (const generic_err&) {
-            throw init_err();
+        } catch (const CError& e) {
+            LOG_CAUGHT(e);
+            throw init_err(e);
         }
     } else {
         LOG_INFO(SS_DEFAULT, 2, "Watchdog timer disabled.");
@@ -435,8 +441,11 @@ tk_string CServerCore::attach(CIoManager& manager) {
     tk_string summary;
     try {
         summary = add_transports(manager);
-    } catch (const boost::system::system_error&) {
-        throw init_err();
+    } catch (const boost::system::system_error& e) {
+        // The listener has said which port it could not bind.
+        const init_err failed(e.what());
+        failed.mark_reported();
+        throw failed;
     }
     manager.add(CStatisticsWriter::create(manager, *_cfg, _tcp_counters, _serial_counters,
                                           _settings->serial().interfaces(), *_worker));
@@ -463,14 +472,16 @@ bool CServerCore::main() {
         tk_string summary;
         try {
             summary = attach(manager);
-        } catch (const init_err&) {
+        } catch (const init_err& e) {
+            LOG_CAUGHT(e);
             return false;
         }
         if (_options && !_options->user().empty()) {
             try {
                 CUtil::set_uid(_options->user());
-            } catch (const generic_err&) {
-                LOG_THREAD(err, 0, "Couldn't set UID (but continuing)...");
+            } catch (const CError& e) {
+                // Serving with more rights than asked beats not serving.
+                LOG_THREAD(err, 0, "%s (but continuing)...", e.what());
             }
         }
         LOG_INFO(SS_DEFAULT, 0, "%s", summary.c_str());

@@ -13,7 +13,7 @@
 #include "modbus/config/modbus_roles.h"
 #include "modbus/handler/modbus_services.h"
 #include "toolkit/tk_string.h"
-#include "util/generic_err.h"
+#include "util/error.h"
 #include "util/systemd_notify.h"
 
 #include <boost/optional.hpp>
@@ -33,8 +33,13 @@ class CStoreWorker;
 
 class CServerCore {
 public:
-    // Start-up failed (already logged); the program's entry ends the process.
-    struct init_err : generic_err {};
+    // Start-up cannot go on. Thrown reported: why has been logged (or told by the option
+    // parser), and the program's entry only ends the process.
+    struct init_err : CError {
+        using CError::CError;
+        // Start-up fails for cause: its message, and whether it has been logged.
+        explicit init_err(const CError& cause) : CError(cause) {}
+    };
 
     CServerCore();
     ~CServerCore();

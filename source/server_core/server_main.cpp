@@ -1,6 +1,7 @@
 // Entry of modbus_server: start up, serve until a terminating signal, shut down; or, with
 // --check, check the configuration and exit with its verdict.
 #include "server_core/server_core.h"
+#include "util/error.h"
 #include "util/log.h"
 #include "util/options_base.h"
 
@@ -23,9 +24,8 @@ int main(int argc, char** argv) {
         return served ? 0 : 1;
     } catch (const COptionsBase::help_shown&) {
         return 0;
-    } catch (const CServerCore::init_err&) {
-        return 1;
-    } catch (const generic_err&) {
+    } catch (const CError& e) {
+        LOG_CAUGHT(e); // start-up's own errors have been logged where it gave up
         return 1;
     }
 }

@@ -2,7 +2,6 @@
 
 #include "util/option_helpers.h"
 
-#include <cstdio>
 #include <cstdlib>
 
 namespace {
@@ -10,17 +9,12 @@ namespace {
 // A nice value, -20 to 19 (the framework's number parser takes no negative values).
 COption::parse_func_t parse_nice(boost::optional<int32_t>& field) {
     return [&field](const std::vector<tk_string>& args, size_t idx) {
-        if (idx >= args.size()) {
-            std::fprintf(stderr, "Error: missing argument\n");
-            throw generic_err();
-        }
+        if (idx >= args.size())
+            throw CError("Error: missing argument");
         char* end = nullptr;
         const long long value = std::strtoll(args[idx].c_str(), &end, 0);
-        if (args[idx].empty() || *end != '\0' || value < -20 || value > 19) {
-            std::fprintf(stderr, "Error: invalid process priority '%s' (-20 to 19)\n",
-                         args[idx].c_str());
-            throw generic_err();
-        }
+        if (args[idx].empty() || *end != '\0' || value < -20 || value > 19)
+            throw CError("Error: invalid process priority '" + args[idx] + "' (-20 to 19)");
         field = static_cast<int32_t>(value);
         return size_t(1);
     };
@@ -29,18 +23,15 @@ COption::parse_func_t parse_nice(boost::optional<int32_t>& field) {
 // A scheduling policy and a priority.
 COption::parse_func_t parse_rt(boost::optional<CRealtimePriority>& field) {
     return [&field](const std::vector<tk_string>& args, size_t idx) {
-        if (idx + 2 > args.size()) {
-            std::fprintf(stderr, "Error: missing argument\n");
-            throw generic_err();
-        }
+        if (idx + 2 > args.size())
+            throw CError("Error: missing argument");
         try {
             field = CRealtimePriority(args[idx], args[idx + 1]);
-        } catch (const generic_err&) {
-            std::fprintf(stderr,
-                         "Error: invalid real-time priority '%s %s' (policy normal, batch, "
-                         "fifo or rr, and a priority within the policy's range)\n",
-                         args[idx].c_str(), args[idx + 1].c_str());
-            throw;
+        } catch (const CError&) {
+            // The user is shown the rule rather than which half of it failed.
+            throw CError("Error: invalid real-time priority '" + args[idx] + " " + args[idx + 1] +
+                         "' (policy normal, batch, fifo or rr, and a priority within the "
+                         "policy's range)");
         }
         return size_t(2);
     };

@@ -9,7 +9,8 @@
 
 class CServerOptions : public COptionsBase {
 public:
-    // Parses at once; throws generic_err after telling the user why.
+    // Parses at once; throws CError, reported, once it has told the user why (see
+    // COptionsBase::parse).
     CServerOptions(int argc, const char* const* argv);
 
     int32_t verbosity() const { return _verbosity; }

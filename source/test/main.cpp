@@ -1,5 +1,6 @@
 // Entry of the test driver: options, logging, seed, then Boost.Test.
 #include "test/global_test_data.h"
+#include "util/error.h"
 #include "util/log.h"
 #include "util/options_base.h"
 
@@ -25,7 +26,8 @@ int main(int argc, char** argv) {
         data.reset(new CGlobalTestData(argc, argv));
     } catch (const COptionsBase::help_shown&) {
         return 0;
-    } catch (const generic_err&) {
+    } catch (const CError& e) {
+        LOG_CAUGHT(e); // a seed that could not be drawn; the option parser tells its own
         return 1;
     }
     g_test_data = std::move(data);

@@ -2,17 +2,15 @@
 
 #include <cassert>
 #include <cerrno>
-#include <cstdio>
 #include <cstdlib>
+#include <string>
 
 namespace option_helpers {
 
 namespace {
 void require_args(const std::vector<tk_string>& args, size_t idx, size_t count) {
-    if (idx + count > args.size()) {
-        std::fprintf(stderr, "Error: missing argument\n");
-        throw generic_err();
-    }
+    if (idx + count > args.size())
+        throw CError("Error: missing argument");
 }
 } // namespace
 
@@ -25,20 +23,14 @@ long long parse_number(const std::vector<tk_string>& args, size_t idx,
     char* end = nullptr;
     errno = 0;
     const long long value = std::strtoll(text, &end, 0);
-    if (*text == '\0' || *end != '\0') {
-        std::fprintf(stderr, "Error: invalid (non-numeric) argument '%s'\n", text);
-        throw generic_err();
-    }
-    if (value < lo) {
-        std::fprintf(stderr, "Error: value '%lld' less than the allowed miniumum (%lld)\n", value,
-                     lo);
-        throw generic_err();
-    }
-    if (max && value > *max) {
-        std::fprintf(stderr, "Error: value '%lld' greater than the allowed maximum (%lld)\n", value,
-                     *max);
-        throw generic_err();
-    }
+    if (*text == '\0' || *end != '\0')
+        throw CError("Error: invalid (non-numeric) argument '" + args[idx] + "'");
+    if (value < lo)
+        throw CError("Error: value '" + std::to_string(value) +
+                     "' less than the allowed miniumum (" + std::to_string(lo) + ")");
+    if (max && value > *max)
+        throw CError("Error: value '" + std::to_string(value) +
+                     "' greater than the allowed maximum (" + std::to_string(*max) + ")");
     return value;
 }
 
@@ -52,10 +44,8 @@ COption::parse_func_t parse_bool(bool& field) {
 COption::parse_func_t parse_str(tk_string& field) {
     return [&field](const std::vector<tk_string>& args, size_t idx) {
         require_args(args, idx, 1);
-        if (args[idx].empty()) {
-            std::fprintf(stderr, "Error: Invalid empty string\n");
-            throw generic_err();
-        }
+        if (args[idx].empty())
+            throw CError("Error: Invalid empty string");
         field = args[idx];
         return size_t(1);
     };
@@ -70,11 +60,10 @@ COption::parse_func_t parse_subsystem_verb_opt(subsystem_levels_t& levels) {
                 return size_t(2);
             }
         }
-        std::fprintf(stderr, "Unknown subsystem '%s'\n", args[idx].c_str());
-        std::fprintf(stderr, "\nAvailable subsystems:\n");
+        tk_string text = "Unknown subsystem '" + args[idx] + "'\n\nAvailable subsystems:";
         for (const char* name : COptionsBase::subsystem_strings)
-            std::fprintf(stderr, "\t'%s'\n", name);
-        throw generic_err();
+            text += "\n\t'" + tk_string(name) + "'";
+        throw CError(text);
     };
 }
 

@@ -20,6 +20,15 @@ const char* const COptionsBase::revision_line = "$Revision: 54292 $\n";
 namespace {
 // A synopsis line never gets narrower than this, however long the program's path.
 constexpr int min_synopsis_width = 16;
+
+// A flag no option has: answered with the brief usage alone.
+struct unknown_flag {};
+
+// The text of an option function's refusal, ahead of the usage.
+void print_refusal(const CError& error) {
+    std::fprintf(stderr, "%s\n", error.what());
+    error.mark_reported();
+}
 } // namespace
 
 COptionsBase::COptionsBase() {
@@ -125,9 +134,10 @@ void COptionsBase::usage(const tk_string& prog, bool detailed) const {
                 std::fprintf(stderr, "%*s%s\n", column, "", desc[i].c_str());
         }
         if (opt->postprocess) {
+            // The help shows the values as they stand; refusing one is parse's business.
             try {
                 opt->postprocess();
-            } catch (const generic_err&) {
+            } catch (const CError&) {
             }
         }
         if (detailed && !opt->details.empty()) {
@@ -170,7 +180,7 @@ int COptionsBase::parse(int argc, const char* const* argv) {
         while (idx < args.size()) {
             const auto it = _opts.find(args[idx]);
             if (it == _opts.end())
-                throw generic_err(); // answered with the brief usage below
+                throw unknown_flag();
             ++idx;
             idx += it->second->parse(args, idx);
             assert(idx <= args.size());
@@ -185,9 +195,15 @@ int COptionsBase::parse(int argc, const char* const* argv) {
         usage(prog, false);
         throw help_shown();
     } catch (const end_args&) {
-    } catch (const generic_err&) {
+    } catch (const unknown_flag&) {
         usage(prog, false);
-        throw generic_err();
+        const CError refused("unknown option '" + args[idx] + "'");
+        refused.mark_reported();
+        throw refused;
+    } catch (const CError& e) {
+        print_refusal(e);
+        usage(prog, false);
+        throw;
     }
 
     for (const auto& opt : set) {
@@ -195,9 +211,10 @@ int COptionsBase::parse(int argc, const char* const* argv) {
             continue;
         try {
             opt->postprocess();
-        } catch (const generic_err&) {
+        } catch (const CError& e) {
+            print_refusal(e);
             usage(prog, false);
-            throw generic_err();
+            throw;
         }
     }
     _opts.clear();

@@ -3,11 +3,12 @@
 //
 // A concrete class registers its options in its constructor with add_opt, each bound to a
 // field through small function objects (see include/util/option_helpers.h), then calls
-// parse. Every user error ends in generic_err after a message on stderr; the help, detailed
-// help and version requests end in help_shown (a generic_err too) after their text, so that
-// a program can exit successfully.
+// parse. An option function refuses its arguments by throwing CError with the text for the
+// user; parse prints it on stderr with the brief usage and passes the error on, reported. The
+// help, detailed help and version requests end in help_shown after their text: not an
+// error, so that a program exits successfully.
 #include "toolkit/tk_string.h"
-#include "util/generic_err.h"
+#include "util/error.h"
 #include "util/log.h"
 
 #include <boost/optional.hpp>
@@ -49,11 +50,12 @@ public:
 
     // Signals thrown by the standard options' parse functions.
     struct dump_version {};
-    struct show_usage : generic_err {};
+    struct show_usage {};
     struct show_detailed_usage {};
     struct end_args {};
-    // What parse throws once it has printed the help or the version.
-    struct help_shown : generic_err {};
+    // What parse throws once it has printed the help or the version: the program is done
+    // and ends successfully.
+    struct help_shown {};
 
     static const char* const subsystem_strings[SS_COUNT];
     static const char* const version_string;
@@ -76,7 +78,9 @@ public:
     static std::vector<tk_string> break_line(const tk_string& text, size_t width,
                                              const tk_string& separators);
 
-    // Returns the index of the first argument not consumed (behind "--" when given).
+    // Returns the index of the first argument not consumed (behind "--" when given). Throws
+    // CError, reported, once it has printed why the arguments are refused and the brief
+    // usage (an unknown flag gets the usage alone); help_shown after -h, -hv or -v.
     int parse(int argc, const char* const* argv);
 
 protected:

@@ -1,7 +1,6 @@
 #include "util/random.h"
 
-#include "util/generic_err.h"
-#include "util/log.h"
+#include "util/error.h"
 
 #include <boost/random/bernoulli_distribution.hpp>
 #include <boost/random/exponential_distribution.hpp>
@@ -12,6 +11,7 @@
 
 #include <cerrno>
 #include <fcntl.h>
+#include <string>
 #include <unistd.h>
 
 CRandom::CRandom(boost::optional<uint32_t> seed)
@@ -19,18 +19,15 @@ CRandom::CRandom(boost::optional<uint32_t> seed)
 
 uint32_t CRandom::random_value() {
     const int fd = ::open("/dev/random", O_RDONLY | O_CLOEXEC);
-    if (fd < 0) {
-        LOG_THREAD(err, 0, "Can't open /dev/random: %d", errno);
-        throw generic_err();
-    }
+    if (fd < 0)
+        throw CError("Can't open /dev/random: " + std::to_string(errno));
     unsigned char bytes[4];
     const ssize_t n = ::read(fd, bytes, sizeof bytes);
     const int error = errno;
     ::close(fd);
-    if (n != static_cast<ssize_t>(sizeof bytes)) {
-        LOG_THREAD(err, 0, "Error/EOF reading /dev/random: %zd / %d", n, error);
-        throw generic_err();
-    }
+    if (n != static_cast<ssize_t>(sizeof bytes))
+        throw CError("Error/EOF reading /dev/random: " + std::to_string(n) + " / " +
+                     std::to_string(error));
     return static_cast<uint32_t>(bytes[0]) << 24 | static_cast<uint32_t>(bytes[1]) << 16 |
            static_cast<uint32_t>(bytes[2]) << 8 | bytes[3];
 }

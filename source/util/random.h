@@ -14,7 +14,7 @@ public:
     explicit CRandom(boost::optional<uint32_t> seed = boost::none);
 
     uint32_t seed() const { return _seed; }
-    // Four bytes from /dev/random; throws generic_err when they cannot be read.
+    // Four bytes from /dev/random; throws CError when they cannot be read.
     static uint32_t random_value();
 
     double normal(double mean, double sigma);

@@ -1,10 +1,11 @@
 #include "util/realtime_priority.h"
 
-#include "util/generic_err.h"
+#include "util/error.h"
 
 #include <cerrno>
 #include <cstdlib>
 #include <sched.h>
+#include <string>
 
 int32_t CRealtimePriority::str_to_policy(const tk_string& text) {
     if (text == "normal")
@@ -15,7 +16,7 @@ int32_t CRealtimePriority::str_to_policy(const tk_string& text) {
         return SCHED_FIFO;
     if (text == "rr")
         return SCHED_RR;
-    throw generic_err();
+    throw CError("unknown scheduling policy '" + text + "'");
 }
 
 CRealtimePriority::CRealtimePriority(const tk_string& policy, const tk_string& priority)
@@ -25,6 +26,9 @@ CRealtimePriority::CRealtimePriority(const tk_string& policy, const tk_string& p
     const long long value = std::strtoll(priority.c_str(), &end, 0);
     if (priority.empty() || *end != '\0' || errno == ERANGE ||
         value < ::sched_get_priority_min(_policy) || value > ::sched_get_priority_max(_policy))
-        throw generic_err();
+        throw CError("priority '" + priority + "' is not a number from " +
+                     std::to_string(::sched_get_priority_min(_policy)) + " to " +
+                     std::to_string(::sched_get_priority_max(_policy)) + " for policy '" + policy +
+                     "'");
     _priority = static_cast<int32_t>(value);
 }

@@ -6,11 +6,11 @@
 
 class CRealtimePriority {
 public:
-    // "normal", "batch", "fifo" or "rr" (exactly); anything else throws generic_err.
+    // "normal", "batch", "fifo" or "rr" (exactly); anything else throws CError.
     static int32_t str_to_policy(const tk_string& text);
 
     CRealtimePriority(int32_t policy, int32_t priority) : _policy(policy), _priority(priority) {}
-    // Throws generic_err for an unknown policy or a priority that is not wholly a number
+    // Throws CError for an unknown policy or a priority that is not wholly a number
     // within the policy's range.
     CRealtimePriority(const tk_string& policy, const tk_string& priority);
 

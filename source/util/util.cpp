@@ -25,11 +25,11 @@ void CUtil::set_uid(const tk_string& name) {
         const long long value = std::strtoll(name.c_str(), &end, 0);
         if (name.empty() || *end != '\0' || value < 0 || errno == ERANGE ||
             static_cast<unsigned long long>(value) > static_cast<uid_t>(-1))
-            throw no_such_user();
+            throw no_such_user("Couldn't set UID");
         uid = static_cast<uid_t>(value);
     }
     if (::setuid(uid) != 0)
-        throw generic_err();
+        throw CError("Couldn't set UID");
 }
 
 void CUtil::set_process_prio(int prio) {

@@ -1,7 +1,7 @@
 #include "cds/cds_handle.h"
 #include "toolkit/store_fixture.h"
 #include "toolkit/sys_log.h"
-#include "util/generic_err.h"
+#include "util/error.h"
 
 #include <boost/test/unit_test.hpp>
 
@@ -62,7 +62,7 @@ BOOST_AUTO_TEST_CASE(connecting) {
     CTempDir dir;
     {
         CScopedEnv env("CDS_STORE", dir.file("missing.db"));
-        BOOST_CHECK_THROW(CCdsHandle(), generic_err);
+        BOOST_CHECK_THROW(CCdsHandle(), CError);
     }
     CHandleFixture f;
     BOOST_CHECK_NO_THROW(CCdsHandle());
@@ -127,7 +127,7 @@ BOOST_FIXTURE_TEST_CASE(empty_batches_do_not_reach_the_store, CHandleFixture) {
     BOOST_TEST(quick);
     cds_leaf_set_t one;
     one.emplace("Port", CElement::from_int(1));
-    BOOST_CHECK_THROW(cds.set(one, "/Dev"), generic_err);
+    BOOST_CHECK_THROW(cds.set(one, "/Dev"), CError);
     sqlite3_exec(holder, "ROLLBACK", nullptr, nullptr, nullptr);
     sqlite3_close(holder);
 }
@@ -168,7 +168,7 @@ BOOST_FIXTURE_TEST_CASE(listing_nodes, CHandleFixture) {
 
 BOOST_FIXTURE_TEST_CASE(watchdog, CHandleFixture) {
     CCdsHandle cds;
-    BOOST_CHECK_THROW(cds.watchdog_ping(), generic_err); // not registered
+    BOOST_CHECK_THROW(cds.watchdog_ping(), CError); // not registered
     cds.watchdog_register(2000);
     BOOST_CHECK_NO_THROW(cds.watchdog_ping());
     std::vector<toolkit::CWatchdogInfo> entries;

@@ -1,6 +1,6 @@
 #include "cds/event_queue.h"
 #include "toolkit/store_fixture.h"
-#include "util/generic_err.h"
+#include "util/error.h"
 
 #include <boost/test/unit_test.hpp>
 
@@ -49,9 +49,9 @@ BOOST_AUTO_TEST_CASE(no_log_and_bad_logs) {
     CEventQueue none(3, "");
     for (size_t i = 0; i < 3; ++i)
         BOOST_TEST(none.get(i).kind == 0u);
-    BOOST_CHECK_THROW(CEventQueue(3, store.dir().file("missing.db")), generic_err);
+    BOOST_CHECK_THROW(CEventQueue(3, store.dir().file("missing.db")), CError);
     write_text(store.dir().file("junk.db"), tk_string(2048, 'j'));
-    BOOST_CHECK_THROW(CEventQueue(3, store.dir().file("junk.db")), generic_err);
+    BOOST_CHECK_THROW(CEventQueue(3, store.dir().file("junk.db")), CError);
     BOOST_TEST(ids(4) == (ids_t{0, 0, 0, 0}), boost::test_tools::per_element());
 }
 

@@ -1,7 +1,6 @@
 #include "mapping_test_util.h"
 #include "modbus/map/eds_mapping.h"
 #include "toolkit/store_fixture.h"
-#include "util/generic_err.h"
 
 #include <boost/test/unit_test.hpp>
 
@@ -63,14 +62,13 @@ BOOST_AUTO_TEST_CASE(addresses_of_a_node) {
         {"65000", 600, "[] Address = 65000: its 600 addresses run past 65535"},
     };
     for (const auto& b : bad) {
-        CMappingLog log(0);
-        BOOST_CHECK_THROW(addrs(b.address, b.naddrs), generic_err);
-        const std::string text = log.text();
+        const std::string text = refusal([&] { addrs(b.address, b.naddrs); });
         BOOST_TEST(text.find(b.message) != std::string::npos, b.address << ": " << text);
     }
-    CMappingLog log(0);
-    BOOST_CHECK_THROW(CEdsMapping::get_addrs(make_node({{"Name", "/A/V"}}), 1), generic_err);
-    BOOST_TEST(log.text().find("[]: no Address") != std::string::npos, log.text());
+    const std::string text = refusal([] {
+        CEdsMapping::get_addrs(make_node({{"Name", "/A/V"}}), 1);
+    });
+    BOOST_TEST(text.find("[]: no Address") != std::string::npos, text);
 }
 
 BOOST_AUTO_TEST_CASE(sample_unit) {
@@ -156,14 +154,12 @@ BOOST_AUTO_TEST_CASE(malformed_files) {
     };
     for (const auto& c : cases) {
         const std::string path = sample_eds(c.file);
-        CMappingLog log(0);
-        BOOST_CHECK_THROW(CEdsMapping eds(path), generic_err);
-        const std::string text = log.text();
+        const std::string text = refusal([&] { CEdsMapping eds(path); });
         const std::string head = "Error parsing EDS file: '" + path + "': " + path + ":";
         BOOST_TEST(text.find(head + c.where) != std::string::npos, c.file << ": " << text);
         BOOST_TEST(text.find(c.why) != std::string::npos, c.file << ": " << text);
         // One line, so that counting errors counts problems.
-        BOOST_TEST(std::count(text.begin(), text.end(), '\n') == 1, c.file << ": " << text);
+        BOOST_TEST(std::count(text.begin(), text.end(), '\n') == 0, c.file << ": " << text);
     }
 }
 
@@ -197,14 +193,12 @@ BOOST_AUTO_TEST_CASE(refused_values) {
         const size_t at = keys.find(c.where);
         BOOST_REQUIRE(at != std::string::npos);
         const long line = 10 + std::count(keys.begin(), keys.begin() + at, '\n');
-        CMappingLog log(0);
-        BOOST_CHECK_THROW(CEdsMapping eds(path), generic_err);
-        const std::string text = log.text();
+        const std::string text = refusal([&] { CEdsMapping eds(path); });
         const std::string where =
             path + ":" + std::to_string(line) + ": [Bad one] " + c.where + ": ";
         BOOST_TEST(has_text(text, "Error parsing EDS file: '" + path + "': " + where), text);
         BOOST_TEST(has_text(text, c.why), text);
-        BOOST_TEST(std::count(text.begin(), text.end(), '\n') == 1, text);
+        BOOST_TEST(std::count(text.begin(), text.end(), '\n') == 0, text);
     }
 }
 
@@ -248,13 +242,11 @@ BOOST_AUTO_TEST_CASE(likely_mistakes_warn_or_fail_when_strict) {
             BOOST_TEST(has_text(text, c.taken), text);
             BOOST_TEST(std::count(text.begin(), text.end(), '\n') == 1, text);
         }
-        CMappingLog log(0);
-        BOOST_CHECK_THROW(CEdsMapping eds(path, true), generic_err);
-        const std::string text = log.text();
+        const std::string text = refusal([&] { CEdsMapping eds(path, true); });
         BOOST_TEST(has_text(text, "Error parsing EDS file: '" + path + "': " + where + ": "),
                    text);
         BOOST_TEST(has_text(text, "(mapping files are strict)"), text);
-        BOOST_TEST(std::count(text.begin(), text.end(), '\n') == 1, text);
+        BOOST_TEST(std::count(text.begin(), text.end(), '\n') == 0, text);
     }
 }
 

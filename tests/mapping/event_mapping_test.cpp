@@ -1,6 +1,6 @@
 #include "mapping_test_util.h"
 #include "modbus/map/event_mapping.h"
-#include "util/generic_err.h"
+#include "util/error.h"
 
 #include <boost/test/unit_test.hpp>
 
@@ -62,12 +62,10 @@ BOOST_AUTO_TEST_CASE(event_mapping_keys) {
             {{"ExternalValueType", "DATATYPE_UINT"}, {"Size", "4"}, {"EventProperty", b.property}});
         if (b.index)
             node.emplace("EventIndex", b.index);
-        CMappingLog log(0);
-        BOOST_CHECK_THROW(CEventMapping m(node), generic_err);
-        const std::string text = log.text();
+        const std::string text = refusal([&] { CEventMapping m(node); });
         BOOST_TEST(text.find(b.message) != std::string::npos, text);
     }
-    BOOST_CHECK_THROW(event_mapping("ID", "0", "DATATYPE_UINT", "0"), generic_err);
+    BOOST_CHECK_THROW(event_mapping("ID", "0", "DATATYPE_UINT", "0"), CError);
 
     const char* names[] = {"ID", "Time", "Cause", "Param", "WaveformID"};
     for (unsigned p = 0; p < 5; ++p)

@@ -1,9 +1,10 @@
 #pragma once
 // Helpers of the mapping suite: nodes written inline, sample files, captured log lines,
-// translations into exactly sized buffers and checks that a call aborts.
+// refusals, translations into exactly sized buffers and checks that a call aborts.
 #include "modbus/map/modbus_param_dynamic_config.h"
 #include "modbus/modbus_types.h"
 #include "support/stderr_capture.h"
+#include "util/error.h"
 #include "util/log.h"
 
 #include "toolkit/eds.h"
@@ -47,6 +48,23 @@ private:
     int32_t _saved;
     CStderrCapture _capture;
 };
+
+// The message of the CError that fn refuses with; empty, and a failed check, when it throws
+// none. The line is for whoever loads the file to log: fn must not have logged it itself.
+inline std::string refusal(const std::function<void()>& fn) {
+    CMappingLog log(9);
+    std::string message;
+    try {
+        fn();
+        BOOST_ERROR("no CError thrown");
+    } catch (const CError& e) {
+        message = e.what();
+    }
+    const std::string logged = log.text();
+    BOOST_TEST((message.empty() || logged.find(message) == std::string::npos),
+               "logged where it was thrown: " << logged);
+    return message;
+}
 
 // m.to_registers into reg_count() registers followed by a guard that it must leave alone.
 template <class M>

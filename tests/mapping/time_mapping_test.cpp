@@ -1,6 +1,6 @@
 #include "mapping_test_util.h"
 #include "modbus/map/time_mapping.h"
-#include "util/generic_err.h"
+#include "util/error.h"
 
 #include <boost/test/unit_test.hpp>
 
@@ -33,8 +33,8 @@ tm utc(time_t t) {
 BOOST_AUTO_TEST_SUITE(mapping)
 
 BOOST_AUTO_TEST_CASE(date_spec_letters) {
-    BOOST_CHECK_THROW(CTimeMappingSpec("YYmx"), generic_err);
-    BOOST_CHECK_THROW(CTimeMappingSpec("D"), generic_err);
+    BOOST_CHECK_THROW(CTimeMappingSpec("YYmx"), CError);
+    BOOST_CHECK_THROW(CTimeMappingSpec("D"), CError);
     const CTimeMappingSpec all("dHIjmMSuwyYqQ");
     const tm t = utc(when.tv_sec);
     const int expected[] = {5, 14, 2, 64, 3, 7, 9, 4, 4, 26, 2026, 250, 9250};
@@ -103,8 +103,8 @@ BOOST_AUTO_TEST_CASE(date_layouts) {
     BOOST_TEST(to_regs(*date("Hq", "0", "1"), stamped, no_units) == regvec_t{0x0EFA});
     BOOST_TEST(to_regs(*date("Hq", "0", "0"), stamped, no_units) == regvec_t{0x0000});
 
-    BOOST_CHECK_THROW(date("YYmd", "4"), generic_err);
-    BOOST_CHECK_THROW(date(""), generic_err);
+    BOOST_CHECK_THROW(date("YYmd", "4"), CError);
+    BOOST_CHECK_THROW(date(""), CError);
 }
 
 BOOST_AUTO_TEST_CASE(date_written_back) {

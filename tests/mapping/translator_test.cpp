@@ -1,6 +1,6 @@
 #include "mapping_test_util.h"
 #include "modbus/map/register_mapping.h"
-#include "util/generic_err.h"
+#include "util/error.h"
 
 #include <boost/test/unit_test.hpp>
 
@@ -61,11 +61,11 @@ BOOST_AUTO_TEST_CASE(integer_layouts) {
 
     // The two layouts the translation cannot place are refused when built, so a mapping
     // file cannot carry them to a read or write.
-    BOOST_CHECK_THROW(integer("DATATYPE_UINT", "1", "0"), generic_err);
-    BOOST_CHECK_THROW(integer("DATATYPE_INT", "2", "8"), generic_err);
+    BOOST_CHECK_THROW(integer("DATATYPE_UINT", "1", "0"), CError);
+    BOOST_CHECK_THROW(integer("DATATYPE_INT", "2", "8"), CError);
     // Beyond 4 bytes a written value would be cut to 32 bits without a word.
     for (const char* size : {"5", "6", "8", "99"})
-        BOOST_CHECK_THROW(integer("DATATYPE_UINT", size, "0"), generic_err);
+        BOOST_CHECK_THROW(integer("DATATYPE_UINT", size, "0"), CError);
 }
 
 BOOST_AUTO_TEST_CASE(integer_signs) {
@@ -237,7 +237,7 @@ BOOST_AUTO_TEST_CASE(bit_positions) {
         if (offset != 0 && offset != 8) {
             BOOST_CHECK_THROW(
                 translator({{"ExternalValueType", "DATATYPE_BOOL"}, {"BitOffset", text.c_str()}}),
-                generic_err);
+                CError);
             continue;
         }
         const auto m =

@@ -1,4 +1,4 @@
-#include "util/generic_err.h"
+#include "util/error.h"
 #include "util/random.h"
 #include "util/realtime_priority.h"
 #include "util/timestamp.h"
@@ -53,19 +53,19 @@ BOOST_AUTO_TEST_CASE(priority_parsing) {
     BOOST_TEST(CRealtimePriority::str_to_policy("batch") == SCHED_BATCH);
     BOOST_TEST(CRealtimePriority::str_to_policy("fifo") == SCHED_FIFO);
     BOOST_TEST(CRealtimePriority::str_to_policy("rr") == SCHED_RR);
-    BOOST_CHECK_THROW(CRealtimePriority::str_to_policy("FIFO"), generic_err);
-    BOOST_CHECK_THROW(CRealtimePriority::str_to_policy(""), generic_err);
+    BOOST_CHECK_THROW(CRealtimePriority::str_to_policy("FIFO"), CError);
+    BOOST_CHECK_THROW(CRealtimePriority::str_to_policy(""), CError);
 
     const CRealtimePriority p("fifo", "0x10");
     BOOST_TEST(p.policy() == SCHED_FIFO);
     BOOST_TEST(p.priority() == 16);
     BOOST_TEST(CRealtimePriority("normal", "0").priority() == 0);
-    BOOST_CHECK_THROW(CRealtimePriority("normal", "1"), generic_err);
-    BOOST_CHECK_THROW(CRealtimePriority("rr", "100"), generic_err);
-    BOOST_CHECK_THROW(CRealtimePriority("rr", "0"), generic_err);
-    BOOST_CHECK_THROW(CRealtimePriority("rr", "12x"), generic_err);
-    BOOST_CHECK_THROW(CRealtimePriority("rr", ""), generic_err);
-    BOOST_CHECK_THROW(CRealtimePriority("rr", "99999999999999999999"), generic_err);
+    BOOST_CHECK_THROW(CRealtimePriority("normal", "1"), CError);
+    BOOST_CHECK_THROW(CRealtimePriority("rr", "100"), CError);
+    BOOST_CHECK_THROW(CRealtimePriority("rr", "0"), CError);
+    BOOST_CHECK_THROW(CRealtimePriority("rr", "12x"), CError);
+    BOOST_CHECK_THROW(CRealtimePriority("rr", ""), CError);
+    BOOST_CHECK_THROW(CRealtimePriority("rr", "99999999999999999999"), CError);
 }
 
 BOOST_AUTO_TEST_CASE(set_uid_refusals) {

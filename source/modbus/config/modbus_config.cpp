@@ -1,5 +1,5 @@
 #include "modbus/config/modbus_config.h"
-#include "util/generic_err.h"
+#include "util/error.h"
 #include "util/log.h"
 
 #include <cassert>
@@ -77,17 +77,22 @@ void CModbusConfig::parse(const CModbusSettings& settings, eds_map_t& eds_map) {
         for (const CModbusSerialSlaveSettings& slave : iface.slaves())
             paths.insert(slave.eds_paths().begin(), slave.eds_paths().end());
 
-    // Every file is read even after one failed, so that one start reports every broken file.
-    bool failed = false;
+    // Every file is read even after one failed, so that one start reports every broken file:
+    // each file's error is logged here, where the next file is taken up.
+    tk_string broken;
     for (const tk_string& edspath : paths) {
         LOG_DEBUG(SS_CONFIG, 4, "Parsing EDS file '%s'", edspath.c_str());
         assert(!eds_map.count(edspath));
         std::shared_ptr<const CEdsMapping> eds;
         try {
             eds = std::make_shared<const CEdsMapping>(edspath, settings.strict_mapping_files());
-        } catch (...) { // whatever a broken file throws, the start-up reports it the same way
+        } catch (const CError& e) {
+            LOG_CAUGHT(e);
+        } catch (...) { // whatever else a broken file throws, the start-up reports it the same way
+        }
+        if (!eds) {
             LOG_ERR(SS_CONFIG, 0, "Error parsing EDS file: '%s'", edspath.c_str());
-            failed = true;
+            broken += (broken.empty() ? "'" : ", '") + edspath + "'";
             continue;
         }
         if (eds->max_event_index() > _max_event_index)
@@ -97,8 +102,12 @@ void CModbusConfig::parse(const CModbusSettings& settings, eds_map_t& eds_map) {
         _eds_names.emplace(eds.get(), edspath);
         eds_map.emplace(edspath, std::move(eds));
     }
-    if (failed)
-        throw generic_err();
+    if (!broken.empty()) {
+        // Each file has been named above: the caller only decides what happens next.
+        const CError error("Mapping files that do not parse: " + broken, SS_CONFIG);
+        error.mark_reported();
+        throw error;
+    }
 }
 
 eds_mapvec_t CModbusConfig::lookup(const eds_map_t& eds_map,

@@ -3,10 +3,11 @@
 // unit id and per (serial interface number, slave address), built once at start from the
 // settings. Every mapping file is parsed once, however many units name it.
 //
-// Construction throws generic_err, after "Error parsing EDS file: '<path>'" for every file
-// that does not parse: the server must not run with a broken map. A second unit with a unit
-// id (or interface and slave address) already taken is an error and left out. Read-only
-// after construction, except for the parameters' run-time attributes in the unit maps.
+// Construction logs, for every file that does not parse, the file's own error and then
+// "Error parsing EDS file: '<path>'", and throws CError, reported: the server must not run
+// with a broken map. A second unit with a unit id (or interface and slave address) already
+// taken is an error and left out. Read-only after construction, except for the parameters'
+// run-time attributes in the unit maps.
 #include "modbus/config/modbus_device_config.h"
 #include "modbus/config/modbus_settings.h"
 #include "toolkit/leaf_table.h"
@@ -64,7 +65,7 @@ public:
     // Reads every leaf the units' register and discrete mappings name, in one batch, and
     // warns about each one the store lacks (its full path and the unit and file that map
     // it; after max_missing_lines only the count). Returns how many are missing. Throws
-    // generic_err when the store fails.
+    // CError when the store fails.
     size_t warn_missing_leaves(CCdsHandle& cds) const;
     // Lets every parsed file warn about its overlapping mappings, once per file, in path
     // order; returns how many overlapping pairs there are.

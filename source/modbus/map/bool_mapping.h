@@ -8,8 +8,7 @@
 
 class CBoolMapping : public CRegisterMapping {
 public:
-    // "Size" defaults to 1; a size that would span more than one register throws
-    // generic_err.
+    // "Size" defaults to 1; a size that would span more than one register throws CError.
     explicit CBoolMapping(const toolkit::node_map_t& node);
 
     CProfileMapping reverse_map(const toolkit::CElement& el, const tk_string& units,

@@ -1,6 +1,6 @@
 #include "modbus/map/eds_mapping.h"
 #include "modbus/map/map_util.h"
-#include "util/generic_err.h"
+#include "util/error.h"
 #include "util/log.h"
 
 #include <algorithm>
@@ -110,11 +110,8 @@ void CEdsMapping::check_spellings(const toolkit::node_map_t& node, bool strict) 
 CEdsMapping::CEdsMapping(const tk_string& path, bool strict) {
     LOG_STACK();
     toolkit::CEds eds;
-    if (eds.open(path) != 0) {
-        LOG_ERR(SS_MAPPING, 0, "Error parsing EDS file: '%s': %s", path.c_str(),
-                eds.error().c_str());
-        throw generic_err();
-    }
+    if (eds.open(path) != 0)
+        throw CError("Error parsing EDS file: '" + path + "': " + eds.error(), SS_MAPPING);
     pendvec_t<CParamRegisterMapping> registers;
     pendvec_t<CParamDiscreteMapping> discretes;
     pendvec_t<CEventMapping> events;
@@ -124,11 +121,8 @@ CEdsMapping::CEdsMapping(const tk_string& path, bool strict) {
         const int result = eds.next_node(node);
         if (result > 0)
             break;
-        if (result < 0) {
-            LOG_ERR(SS_MAPPING, 0, "Error parsing EDS file: '%s': %s", path.c_str(),
-                    eds.error().c_str());
-            throw generic_err();
-        }
+        if (result < 0)
+            throw CError("Error parsing EDS file: '" + path + "': " + eds.error(), SS_MAPPING);
         check_spellings(node, strict);
         const bool discrete = CMapUtil::boolean(node, "Discrete");
         if (node.count("EventIndex"))

@@ -40,10 +40,10 @@ public:
     typedef discrete_map_t::iterrange_t discrete_iterrange_t;
     typedef event_map_t::iterrange_t event_iterrange_t;
 
-    // Parses the file; throws generic_err, after one error line that starts with "Error
-    // parsing EDS file: '<path>'" and names the line, section, key and reason, when it
-    // cannot be opened or read, when any node is not a valid mapping, and with `strict`
-    // at the first likely mistake.
+    // Parses the file; throws CError, with one line that starts with "Error parsing EDS
+    // file: '<path>'" and names the line, section, key and reason, when it cannot be opened
+    // or read, when any node is not a valid mapping, and with `strict` at the first likely
+    // mistake. The warnings about likely mistakes are logged as the file loads.
     explicit CEdsMapping(const tk_string& path, bool strict = false);
 
     // r must have first <= second.

@@ -10,7 +10,7 @@
 
 class CFloatMapping : public CRegisterMapping {
 public:
-    // Throws generic_err unless "Size" is 4 and the offset 0 or 8, and for a zero
+    // Throws CError unless "Size" is 4 and the offset 0 or 8, and for a zero
     // "Multiplier" or "Divider" or unknown "Units".
     explicit CFloatMapping(const toolkit::node_map_t& node);
 

@@ -1,5 +1,5 @@
 #include "modbus/map/map_util.h"
-#include "util/generic_err.h"
+#include "util/error.h"
 #include "util/log.h"
 
 #include "toolkit/kvr.h"
@@ -24,11 +24,9 @@ tk_string CMapUtil::where(const toolkit::node_map_t& node, const char* key) {
 
 void CMapUtil::fail(const toolkit::node_map_t& node, const char* key, const tk_string& why) {
     if (node.path().empty())
-        LOG_ERR(SS_MAPPING, 0, "Bad mapping: %s: %s", where(node, key).c_str(), why.c_str());
-    else
-        LOG_ERR(SS_MAPPING, 0, "Error parsing EDS file: '%s': %s: %s", node.path().c_str(),
-                where(node, key).c_str(), why.c_str());
-    throw generic_err();
+        throw CError("Bad mapping: " + where(node, key) + ": " + why, SS_MAPPING);
+    throw CError("Error parsing EDS file: '" + node.path() + "': " + where(node, key) + ": " + why,
+                 SS_MAPPING);
 }
 
 void CMapUtil::warn(const toolkit::node_map_t& node, const char* key, const tk_string& why) {

@@ -4,9 +4,9 @@
 // translation allocates nothing.
 //
 // A mapping file is user input. A value that no meaning can be given is refused through
-// fail(), which logs one error naming the file, line, section and key, then throws
-// generic_err. The readers below give every other value the meaning it has always had;
-// CEdsMapping warns about the spellings that are likely mistakes.
+// fail(), which throws CError with one line naming the file, line, section and key, for the
+// code loading the file to log. The readers below give every other value the meaning it has
+// always had; CEdsMapping warns about the spellings that are likely mistakes.
 #include "modbus/modbus_types.h"
 
 #include "toolkit/eds.h"
@@ -19,7 +19,8 @@ public:
     // "FILE:LINE: [label] KEY = VALUE" for a key of the node, "FILE:LINE: [label]" without
     // one (or when the node lacks it); nodes made in code have no file and line.
     static tk_string where(const toolkit::node_map_t& node, const char* key);
-    // Logs "Error parsing EDS file: 'FILE': <where>: <why>" and throws generic_err.
+    // Throws CError "Error parsing EDS file: 'FILE': <where>: <why>" ("Bad mapping: <where>:
+    // <why>" for a node made in code), an error of the mapping subsystem.
     [[noreturn]] static void fail(const toolkit::node_map_t& node, const char* key,
                                   const tk_string& why);
     // Logs "<where>: <why>" as a warning.

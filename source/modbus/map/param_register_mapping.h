@@ -8,7 +8,7 @@
 
 class CParamRegisterMapping : public CParamMapping {
 public:
-    // Throws generic_err for a bad "Name" or a translator that cannot be built.
+    // Throws CError for a bad "Name" or a translator that cannot be built.
     CParamRegisterMapping(const toolkit::node_map_t& node, size_t id);
 
     // The translator's to_registers and from_registers: reg_count() registers at out or

@@ -10,7 +10,7 @@
 
 class CStringMapping : public CRegisterMapping {
 public:
-    // Throws generic_err without a "Size" or with an offset other than 0 or 8.
+    // Throws CError without a "Size" or with an offset other than 0 or 8.
     explicit CStringMapping(const toolkit::node_map_t& node);
 
     CProfileMapping reverse_map(const toolkit::CElement& el, const tk_string& units,

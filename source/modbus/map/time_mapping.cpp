@@ -1,6 +1,5 @@
 #include "modbus/map/time_mapping.h"
 #include "modbus/map/map_util.h"
-#include "util/generic_err.h"
 #include "util/log.h"
 
 #include <cassert>

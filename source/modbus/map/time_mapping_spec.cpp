@@ -1,5 +1,5 @@
 #include "modbus/map/time_mapping_spec.h"
-#include "util/generic_err.h"
+#include "util/error.h"
 
 #include <cassert>
 
@@ -9,7 +9,7 @@ bool CTimeMappingSpec::valid(const tk_string& spec) {
 
 CTimeMappingSpec::CTimeMappingSpec(const tk_string& spec) : _str(spec) {
     if (!valid(_str))
-        throw generic_err();
+        throw CError("not a date spec: '" + _str + "' (one or more of dHIjmMSuwyYqQ)", SS_MAPPING);
 }
 
 void CTimeMappingSpec::reverse_map(CProfileMapping& row) const {

@@ -21,7 +21,7 @@ class CTimeMappingSpec {
 public:
     // True when spec is not empty and every character is one of the letters above.
     static bool valid(const tk_string& spec);
-    // Throws generic_err unless valid(spec).
+    // Throws CError unless valid(spec).
     explicit CTimeMappingSpec(const tk_string& spec);
     virtual ~CTimeMappingSpec() = default;
 
