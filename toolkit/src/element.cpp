@@ -246,7 +246,7 @@ bool CElement::is_numeric() const {
     return _type == TYPE_INT || _type == TYPE_UINT || _type == TYPE_FLOAT;
 }
 
-bool CElement::to_bool() const {
+bool CElement::converted_to_bool() const {
     bool b = false;
     switch (_type) {
     case TYPE_NONE:

@@ -9,11 +9,6 @@ CParamDiscreteMapping::CParamDiscreteMapping(const toolkit::node_map_t& node, si
     LOG_DEBUG(SS_MAPPING, 9, "Creating discrete mapping for '%s'", path().c_str());
 }
 
-bool CParamDiscreteMapping::translate(const toolkit::CElement& el) const {
-    LOG_STACK();
-    return el.to_bool() != _negate;
-}
-
 toolkit::CElement CParamDiscreteMapping::translate(bool value) const {
     LOG_STACK();
     return toolkit::CElement::from_bool(value != _negate, toolkit::CElement::_invalid_time);

@@ -47,7 +47,8 @@ public:
     // Conversions; an empty element gives false / 0 / "" / the zero time. Integers convert
     // to each other by their two's complement bits, floats are truncated and clamped; bools
     // print as "true"/"false", floats in their shortest exact form, times as time_to_string.
-    bool to_bool() const;
+    // A bool is read inline: coils are read thousands at a time.
+    bool to_bool() const { return _type == TYPE_BOOL ? _num.b : converted_to_bool(); }
     int64_t to_int() const;
     uint64_t to_uint() const;
     double to_float() const;
@@ -79,6 +80,8 @@ public:
     static bool time_from_string(const tk_string& text, timeval& t);
 
 private:
+    bool converted_to_bool() const;
+
     type_t _type = TYPE_NONE;
     union {
         bool b;
