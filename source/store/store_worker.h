@@ -97,7 +97,7 @@ public:
     void stop(std::chrono::seconds timeout = std::chrono::seconds(5));
     bool running() const { return static_cast<bool>(_thread); }
     // Checkpoints made, for tests and the log.
-    uint64_t checkpoints() const { return _checkpoints.load(); }
+    uint32_t checkpoints() const { return _checkpoints.load(); }
 
 private:
     struct item_t {
@@ -139,7 +139,7 @@ private:
     std::atomic<int> _wal_frames{0};
     // The WAL's length when a checkpoint last copied all it could.
     std::atomic<int> _checkpointed{0};
-    std::atomic<uint64_t> _checkpoints{0};
+    std::atomic<uint32_t> _checkpoints{0};
 
     // A cancelled thread can only be joined natively, so this is a std::thread; its end
     // (normal, or unwound by cancellation) is signalled through _ended.
