@@ -151,6 +151,11 @@ bool create_store_file(CSqliteDb& db, const tk_string& path, tk_string& error) {
     try {
         db.open(path, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX);
         configure(db);
+        // A write of a leaf dirties three pages (the leaf's, the seq index's and the changes
+        // row's), each a frame in the WAL: at 1 KiB instead of SQLite's 4 KiB a write copies
+        // a quarter of the bytes and costs about a quarter less, and a device's flash wears
+        // less. Set before the first table; a store keeps its page size for good.
+        db.exec("PRAGMA page_size=1024");
         db.exec("PRAGMA journal_mode=WAL");
         CSqliteTransaction txn(db, true);
         db.exec(k_schema);
