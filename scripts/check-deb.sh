@@ -19,7 +19,8 @@ grep -q "^ Package: modbus-server$" <<<"$info" || die "not the modbus-server pac
 grep -q "^ Architecture: $arch$" <<<"$info" || die "architecture is not $arch"
 for f in usr/bin/modbus_server usr/bin/modbus_profiler usr/bin/cdsctl \
     usr/lib/systemd/system/modbus-server.service usr/share/modbus-server/example/store.json \
-    usr/share/modbus-server/example/eds/power.eds usr/share/modbus-server/example/README.md; do
+    usr/share/modbus-server/example/eds/power.eds usr/share/modbus-server/example/README.md \
+    usr/share/modbus-server/example/realtime.conf; do
     grep -q " \./$f$" <<<"$contents" || die "$f is missing"
 done
 if grep -q " \./var/lib" <<<"$contents"; then die "it ships files in /var/lib"; fi

@@ -9,6 +9,8 @@ packages=(
     libboost-test1.74-dev libboost-random1.74-dev libboost-date-time1.74-dev
     libsqlite3-dev sqlite3 nlohmann-json3-dev libinih-dev libssl-dev openssl
     libbenchmark-dev libmodbus-dev socat mbpoll iproute2
+    # scripts/check-unit.sh: the server's system calls, and the unit in a container
+    strace systemd-container
     # pymodbus's client imports serial_asyncio, which its package only recommends
     python3-pymodbus python3-serial-asyncio
     "$@"
