@@ -179,6 +179,16 @@ void CCdsHandle::set_auto_checkpoint(bool on) {
     _cds->set_auto_checkpoint(on);
 }
 
+void CCdsHandle::set_cache_size(unsigned kib) {
+    check();
+    _cds->set_cache_size(kib);
+}
+
+void CCdsHandle::release_memory() {
+    check();
+    _cds->release_memory();
+}
+
 int CCdsHandle::wal_frames() const {
     check();
     return _cds->wal_frames();

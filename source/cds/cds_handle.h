@@ -60,6 +60,9 @@ public:
     void set_auto_checkpoint(bool on);
     int wal_frames() const;
     int checkpoint(int& wal_frames_left, bool restart = false);
+    // SQLite's page cache and the memory start-up used (see toolkit::CCds).
+    void set_cache_size(unsigned kib);
+    void release_memory();
 
     // timeout in milliseconds, greater than 0.
     void watchdog_register(unsigned int timeout);

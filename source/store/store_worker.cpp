@@ -1,11 +1,13 @@
 #include "store/store_worker.h"
 
 #include "cds/cds_handle.h"
+#include "util/error.h"
 #include "util/log.h"
 
 #include <boost/asio/post.hpp>
 
 #include <cassert>
+#include <cstring>
 #include <cxxabi.h>
 #include <pthread.h>
 
@@ -14,17 +16,32 @@ CStoreWorker::CStoreWorker(std::unique_ptr<CCdsHandle> cds, boost::asio::io_cont
     : _cds(std::move(cds)), _io(io), _options(options) {
     assert(_cds);
     _activity_changed_ms = now_ms();
-    _thread.reset(new std::thread([this] {
-        struct CEndSignal {
-            CStoreWorker& worker;
-            ~CEndSignal() {
-                std::lock_guard<std::mutex> lock(worker._end_mutex);
-                worker._ended = true;
-                worker._end_cond.notify_all();
-            }
-        } signal{*this};
-        main();
-    }));
+    // The default stack is 8 MiB of address space, a lot of a 32-bit device's; SQLite and the
+    // logger need a small part of the one given here.
+    pthread_attr_t attr;
+    ::pthread_attr_init(&attr);
+    ::pthread_attr_setstacksize(&attr, k_stack_size);
+    const int rc = ::pthread_create(&_thread, &attr, &CStoreWorker::entry, this);
+    ::pthread_attr_destroy(&attr);
+    if (rc != 0)
+        throw CError("CStoreWorker: cannot start the '" + _options.name +
+                     "' thread: " + std::strerror(rc));
+    _running = true;
+}
+
+void* CStoreWorker::entry(void* self) {
+    CStoreWorker& worker = *static_cast<CStoreWorker*>(self);
+    // Runs also when a cancellation unwinds the thread.
+    struct CEndSignal {
+        CStoreWorker& worker;
+        ~CEndSignal() {
+            std::lock_guard<std::mutex> lock(worker._end_mutex);
+            worker._ended = true;
+            worker._end_cond.notify_all();
+        }
+    } signal{worker};
+    worker.main();
+    return nullptr;
 }
 
 CStoreWorker::~CStoreWorker() {
@@ -304,9 +321,9 @@ void CStoreWorker::maybe_checkpoint(bool forced) {
 }
 
 void CStoreWorker::stop(std::chrono::seconds timeout) {
-    if (!_thread)
+    if (!_running)
         return;
-    assert(_thread->get_id() != std::this_thread::get_id());
+    assert(!::pthread_equal(_thread, ::pthread_self()));
     {
         std::lock_guard<std::mutex> lock(_mutex);
         _quit = true;
@@ -320,10 +337,10 @@ void CStoreWorker::stop(std::chrono::seconds timeout) {
     if (!ended) {
         LOG_THREAD(err, 1, "Timed out waiting for '%s' to exit! Forcing thread to exit...",
                    _options.name.c_str());
-        ::pthread_cancel(_thread->native_handle());
+        ::pthread_cancel(_thread);
     }
-    _thread->join();
-    _thread.reset();
+    ::pthread_join(_thread, nullptr);
+    _running = false;
     // Dropped here, on the caller's thread: their completions belong to its loop.
     std::lock_guard<std::mutex> lock(_mutex);
     _queue.clear();

@@ -43,7 +43,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
-#include <thread>
+#include <pthread.h>
 
 class CCdsHandle;
 
@@ -95,7 +95,7 @@ public:
     // must be the I/O thread or the thread that owns the I/O loop). A worker still busy after
     // `timeout` is cancelled.
     void stop(std::chrono::seconds timeout = std::chrono::seconds(5));
-    bool running() const { return static_cast<bool>(_thread); }
+    bool running() const { return _running; }
     // Checkpoints made, for tests and the log.
     uint32_t checkpoints() const { return _checkpoints.load(); }
 
@@ -141,9 +141,13 @@ private:
     std::atomic<int> _checkpointed{0};
     std::atomic<uint32_t> _checkpoints{0};
 
-    // A cancelled thread can only be joined natively, so this is a std::thread; its end
-    // (normal, or unwound by cancellation) is signalled through _ended.
-    std::unique_ptr<std::thread> _thread;
+    static void* entry(void* self);
+
+    static const size_t k_stack_size = 256 * 1024;
+    // A native thread: its stack size is set, and a stuck one is cancelled. Its end (normal,
+    // or unwound by cancellation) is signalled through _ended.
+    pthread_t _thread;
+    bool _running = false;
     std::mutex _end_mutex;
     std::condition_variable _end_cond;
     bool _ended = false;

@@ -111,7 +111,7 @@ struct CCore {
     }
 
     tk_string relative(const CModbusDeviceConfig& dev, toolkit::leaf_id_t id) const {
-        const tk_string& path = (is_own(dev) ? table : cfg->leaves()).path(id);
+        const tk_string path((is_own(dev) ? table : cfg->leaves()).path(id));
         return path.compare(0, dev.path().size(), dev.path()) == 0 ? path.substr(dev.path().size())
                                                                    : path;
     }

@@ -95,6 +95,27 @@ struct CIdFixture : CTestStore {
 
 BOOST_AUTO_TEST_SUITE(leaf_ids)
 
+// The table's index is rebuilt each time it doubles: every id must stay where it was, and
+// every spelling of a path find it.
+BOOST_AUTO_TEST_CASE(the_table_keeps_its_ids_as_it_grows) {
+    CLeafTable table;
+    const int n = 5000;
+    for (int i = 0; i < n; ++i)
+        BOOST_REQUIRE_EQUAL(table.add(leaf_path(i)), leaf_id_t(i));
+    BOOST_TEST(table.size() == size_t(n));
+    for (int i = 0; i < n; i += 7) {
+        const tk_string path = leaf_path(i);
+        leaf_id_t id = 0;
+        BOOST_REQUIRE(table.find("/" + path + "/", id));
+        BOOST_TEST(id == leaf_id_t(i));
+        BOOST_TEST(table.path(id) == path);
+        BOOST_TEST(table.add(path.substr(1)) == id);
+    }
+    leaf_id_t id = 0;
+    BOOST_TEST(!table.find(leaf_path(n), id));
+    BOOST_TEST(table.size() == size_t(n));
+}
+
 BOOST_FIXTURE_TEST_CASE(reads_see_every_writer_at_once, CIdFixture) {
     BOOST_TEST(read_one(5) == 0);
     BOOST_TEST(read_one(k_leaves - 1) == -1); // in the table, not in the store

@@ -109,6 +109,16 @@ int CCds::checkpoint(int& wal_frames_left, bool restart) {
     return _handle ? _handle->checkpoint(wal_frames_left, restart) : -1;
 }
 
+void CCds::set_cache_size(unsigned kib) {
+    if (_handle)
+        _handle->set_cache_size(kib);
+}
+
+void CCds::release_memory() {
+    if (_handle)
+        _handle->release_memory();
+}
+
 void CCds::setReadOnly() {
     if (_handle)
         _handle->set_read_only();

@@ -217,6 +217,8 @@ bool CStoreConnection::open(const tk_string& path, tk_string& error) {
     try {
         prepare_statements();
         watch_wal();
+        if (_cache_kib)
+            _db.exec(("PRAGMA cache_size=-" + std::to_string(_cache_kib)).c_str());
     } catch (const CSqliteError& e) {
         error = "cannot use data store '" + path + "': " + e.what();
         close_file();
@@ -226,6 +228,18 @@ bool CStoreConnection::open(const tk_string& path, tk_string& error) {
     _next_check = std::chrono::steady_clock::now() + k_read_check_interval;
     open_counter();
     return true;
+}
+
+void CStoreConnection::set_cache_size(unsigned kib) {
+    _cache_kib = kib;
+    if (_db.get() && kib)
+        _db.exec(("PRAGMA cache_size=-" + std::to_string(kib)).c_str());
+}
+
+void CStoreConnection::release_memory() {
+    std::unordered_map<tk_string, CLeafValue>().swap(_cache);
+    if (_db.get())
+        sqlite3_db_release_memory(_db.get());
 }
 
 void CStoreConnection::watch_wal() {
@@ -570,8 +584,8 @@ int CStoreConnection::get(const std::vector<tk_string>& paths, std::vector<api_s
 void CStoreConnection::forget(const tk_string& path) {
     _cache.erase(path);
     leaf_id_t id;
-    if (_table && _table->find(path, id) && id < _leaves.size())
-        _leaves[id].valid = false;
+    if (_table && _table->find(path, id) && id < _slot_of.size() && _slot_of[id])
+        _slot_of[id]->valid = false;
 }
 
 void CStoreConnection::remember(const write_item_t& item) {
@@ -589,24 +603,35 @@ void CStoreConnection::remember(const write_item_t& item) {
     if (id == k_no_id && !(_table && _table->find(*item.path, id)))
         return;
     // A table that grew since the bind has no entry for its new ids yet.
-    if (id < _leaves.size()) {
-        take(_leaves[id].leaf);
-        _leaves[id].valid = true;
+    if (id < _slot_of.size()) {
+        leaf_slot_t& entry = slot(id);
+        take(entry.leaf);
+        entry.valid = true;
     }
 }
 
 void CStoreConnection::drop_caches() {
     _cache.clear();
-    for (leaf_slot_t& slot : _leaves)
-        slot.valid = false;
+    for (leaf_slot_t& entry : _slots)
+        entry.valid = false;
 }
 
 void CStoreConnection::bind(const CLeafTable& table) {
     if (&table != _table) {
-        _leaves.clear();
+        _slot_of.clear();
+        _slots.clear();
         _table = &table;
     }
-    _leaves.resize(table.size());
+    _slot_of.resize(table.size(), nullptr);
+}
+
+CStoreConnection::leaf_slot_t& CStoreConnection::slot(leaf_id_t id) {
+    leaf_slot_t*& entry = _slot_of[id];
+    if (!entry) {
+        _slots.emplace_back();
+        entry = &_slots.back();
+    }
+    return *entry;
 }
 
 bool CStoreConnection::check_ids(const char* what, const leaf_id_t* ids, size_t n) {
@@ -621,8 +646,8 @@ bool CStoreConnection::check_ids(const char* what, const leaf_id_t* ids, size_t 
             return false;
         }
     // The table may have grown since it was bound.
-    if (_leaves.size() < _table->size())
-        _leaves.resize(_table->size());
+    if (_slot_of.size() < _table->size())
+        _slot_of.resize(_table->size(), nullptr);
     return true;
 }
 
@@ -651,12 +676,12 @@ int CStoreConnection::read_ids(const leaf_id_t* ids, size_t n, const CLeafValue*
         CSqliteTransaction txn(_db, false);
         catch_up();
         for (size_t i = 0; i < n; ++i) {
-            leaf_slot_t& slot = _leaves[ids[i]];
-            if (!slot.valid) {
-                read_entry(_table->path(ids[i]), slot.leaf);
-                slot.valid = true;
+            leaf_slot_t& entry = slot(ids[i]);
+            if (!entry.valid) {
+                read_entry(tk_string(_table->path(ids[i])), entry.leaf);
+                entry.valid = true;
             }
-            out[i] = &slot.leaf;
+            out[i] = &entry.leaf;
         }
         txn.commit();
         _seen_changes = word;
@@ -688,7 +713,9 @@ int CStoreConnection::write(const CWritePart* parts, size_t count, bool wait,
         size_t k = 0;
         for (size_t p = 0; p < count; ++p)
             for (size_t i = 0; i < parts[p].n; ++i, ++k) {
-                _items[k].path = &_table->path(parts[p].ids[i]);
+                // Into the item's own string, which keeps its capacity from write to write.
+                _items[k].own_path.assign(_table->path(parts[p].ids[i]));
+                _items[k].path = &_items[k].own_path;
                 _items[k].value = &parts[p].values[i];
                 _items[k].id = parts[p].ids[i];
             }
@@ -799,13 +826,13 @@ void CStoreConnection::write_item(write_item_t& item, const tk_string& writer,
     // A cached leaf's type saves the SELECT; the update checks it, and anything it does not
     // find (the type changed, the leaf was removed or already written here) goes the long way.
     if (item.id != k_no_id) {
-        const leaf_slot_t& slot = _leaves[item.id];
-        if (slot.valid && slot.leaf.status == API_STATUS_OK &&
-            CElement::convert(*item.value, slot.leaf.value.type(), item.stored)) {
+        const leaf_slot_t* entry = _slot_of[item.id];
+        if (entry && entry->valid && entry->leaf.status == API_STATUS_OK &&
+            CElement::convert(*item.value, entry->leaf.value.type(), item.stored)) {
             as_stored(item.stored, stamp);
-            _update_typed.bind(7, static_cast<int64_t>(slot.leaf.value.type()));
+            _update_typed.bind(7, static_cast<int64_t>(entry->leaf.value.type()));
             if (update_leaf(_update_typed, item, writer, write_seq())) {
-                item.property = slot.leaf.source;
+                item.property = entry->leaf.source;
                 item.status = API_STATUS_OK;
                 return;
             }

@@ -64,6 +64,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <deque>
 #include <functional>
 #include <unordered_map>
 #include <vector>
@@ -98,6 +99,9 @@ public:
     void set_auto_checkpoint(bool on) { _auto_checkpoint = on; }
     int wal_frames() const { return _wal_frames.load(std::memory_order_relaxed); }
     int checkpoint(int& wal_frames_left, bool restart);
+    // kib 0: SQLite's default page cache; kept across reopens.
+    void set_cache_size(unsigned kib);
+    void release_memory();
     bool read_only() const { return _read_only; }
     int watchdog_register(api_status_t& status, const tk_string& ident, unsigned int timeout,
                           bool enable);
@@ -128,6 +132,7 @@ private:
     // One leaf of a write transaction, kept until the commit for the caches.
     struct write_item_t {
         const tk_string* path = nullptr; // normal form
+        tk_string own_path;              // the path of a leaf written by id
         const CElement* value = nullptr;
         leaf_id_t id = k_no_id; // k_no_id when written by path
         api_status_t status = API_STATUS_NONE;
@@ -156,12 +161,15 @@ private:
                           std::vector<CElement>& values, std::vector<element_property_t>& sources);
     bool serve_ids(const leaf_id_t* ids, size_t n, const CLeafValue** out) {
         for (size_t i = 0; i < n; ++i) {
-            if (ids[i] >= _leaves.size() || !_leaves[ids[i]].valid)
+            const leaf_slot_t* slot = ids[i] < _slot_of.size() ? _slot_of[ids[i]] : nullptr;
+            if (!slot || !slot->valid)
                 return false;
-            out[i] = &_leaves[ids[i]].leaf;
+            out[i] = &slot->leaf;
         }
         return true;
     }
+    // The id cache's entry of a leaf, made on its first use.
+    leaf_slot_t& slot(leaf_id_t id);
     int read_synced(const leaf_id_t* ids, size_t n, const CLeafValue** out, bool wait);
     int read_ids(const leaf_id_t* ids, size_t n, const CLeafValue** out);
     bool check_ids(const char* what, const leaf_id_t* ids, size_t n);
@@ -223,9 +231,12 @@ private:
     CSqliteStatement _watchdog_ping;
 
     std::unordered_map<tk_string, CLeafValue> _cache;
-    // The id cache, parallel to the bound table.
+    // The id cache: the entry of each id of the bound table that this connection has read or
+    // written (null for the others), so that a connection holds only the leaves it serves. A
+    // deque, because adding entries must not move those a read has handed out.
     const CLeafTable* _table = nullptr;
-    std::vector<leaf_slot_t> _leaves;
+    std::vector<leaf_slot_t*> _slot_of;
+    std::deque<leaf_slot_t> _slots;
     CChangeCounter _changes;
     // The counter word loaded before the last sync; valid while _changes_seen.
     uint32_t _seen_changes = 0;
@@ -241,6 +252,7 @@ private:
     bool _write_seq_taken = false;
 
     bool _auto_checkpoint = true;
+    unsigned _cache_kib = 0;
     // SQLite's own limit, which the WAL hook keeps.
     int _auto_checkpoint_frames = 0;
     std::atomic<int> _wal_frames{0};

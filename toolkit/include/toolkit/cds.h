@@ -110,6 +110,15 @@ public:
     // code when the store failed.
     int checkpoint(int& wal_frames_left, bool restart = false);
 
+    // SQLite's page cache of this connection, at most kib KiB (0: SQLite's default, 2 MiB).
+    // The id cache serves a server's reads, so the page cache mostly holds the b-tree pages
+    // that writes and re-reads walk. Kept when the store file is reopened.
+    void set_cache_size(unsigned kib);
+    // Gives back what the caches hold that a running server does not need: the leaves read
+    // by path and SQLite's cached pages (start-up reads many of both once). The id cache
+    // stays.
+    void release_memory();
+
     // From now on every write fails with API_STATUS_READ_ONLY and changes nothing.
     void setReadOnly();
     bool is_read_only() const;
