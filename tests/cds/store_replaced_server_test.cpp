@@ -1,5 +1,4 @@
 // The real modbus_server while its store file is replaced or removed under it.
-#include "data/sample_store.h"
 #include "server/server_process.h"
 #include "toolkit/cds_store.h"
 
@@ -12,17 +11,8 @@
 
 namespace {
 
-using toolkit::CCdsStore;
-using toolkit::CElement;
-using toolkit::CLeafInfo;
-
-const char* const port_path =
-    "/Software/System Settings/Network/Firewall Settings/Protocol/Modbus/Port/Value";
-const char* const ups_path = "/Software/Device Handlers/UPS/Status/Value";
-// Register 8 of unit 1, in tenths of a volt.
-const char* const voltage_path = "/Devices/UPS/Output/Voltage/Value";
-
-// Writes register 8 of unit 1; 0 when acknowledged, else the exception code (-1: no answer).
+// Writes register 8 of unit 1 (the UPS's output voltage in tenths of a volt); 0 when
+// acknowledged, else the exception code (-1: no answer).
 int write_voltage(uint16_t port, uint16_t value) {
     modbus_t* ctx = modbus_new_tcp("127.0.0.1", port);
     modbus_set_slave(ctx, 1);
@@ -39,49 +29,34 @@ int write_voltage(uint16_t port, uint16_t value) {
     return result;
 }
 
-int wait_for_write(uint16_t port, uint16_t value) {
-    int rc = -1;
-    for (int i = 0; i < 100 && rc == -1; ++i) {
-        rc = write_voltage(port, value);
-        if (rc == -1)
-            std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    }
-    return rc;
-}
-
 } // namespace
 
 BOOST_AUTO_TEST_SUITE(cds_store_server)
 
 BOOST_AUTO_TEST_CASE(no_write_is_acknowledged_into_a_store_that_is_not_at_its_path) {
-    CTestStore store;
-    load_sample_store(store);
-    const uint16_t port = free_port();
-    store.define(port_path, CElement::TYPE_UINT, CElement::from_uint(port));
-    store.define(ups_path, CElement::TYPE_INT, CElement::from_int(1));
-    std::vector<CLeafInfo> leaves;
-    BOOST_REQUIRE_EQUAL(store.store().list("/", leaves), 0);
-
-    CServerProcess server(store.dir(), {"-Ns"});
-    BOOST_REQUIRE_EQUAL(wait_for_write(port, 2410), 0);
+    CServerStore s;
+    std::vector<toolkit::CLeafInfo> leaves;
+    BOOST_REQUIRE_EQUAL(s.store.store().list("/", leaves), 0);
+    CServerProcess server(s.store.dir(), {"-Ns"});
+    BOOST_REQUIRE(eventually([&] { return write_voltage(s.port, 2410) == 0; }));
 
     // A copy of the store renamed over it, while the server's -wal file stays beside it.
-    const tk_string copy = store.dir().file("copy.db");
+    const tk_string copy = s.store.dir().file("copy.db");
     {
         tk_string error;
-        BOOST_REQUIRE_MESSAGE(CCdsStore::create(copy, error) == 0, error);
-        CCdsStore other;
+        BOOST_REQUIRE_MESSAGE(toolkit::CCdsStore::create(copy, error) == 0, error);
+        toolkit::CCdsStore other;
         BOOST_REQUIRE_EQUAL(other.open(copy), 0);
         BOOST_REQUIRE_EQUAL(other.define(leaves), 0);
     }
-    BOOST_REQUIRE_EQUAL(std::rename(copy.c_str(), store.path().c_str()), 0);
-    BOOST_TEST(write_voltage(port, 2420) == 0);
-    BOOST_TEST(fresh_look(store.path(), voltage_path) == "242 ok");
+    BOOST_REQUIRE_EQUAL(std::rename(copy.c_str(), s.store.path().c_str()), 0);
+    BOOST_TEST(write_voltage(s.port, 2420) == 0);
+    BOOST_TEST(fresh_look(s.store.path(), "/Devices/UPS/Output/Voltage/Value") == "242 ok");
     BOOST_TEST(has_text(server.log(), "was replaced by another file"), server.log());
 
     // Removed: writes are refused with exception 4 (slave device failure), and so are reads.
-    BOOST_REQUIRE_EQUAL(::unlink(store.path().c_str()), 0);
-    BOOST_TEST(write_voltage(port, 2430) == MODBUS_EXCEPTION_SLAVE_OR_SERVER_FAILURE);
+    BOOST_REQUIRE_EQUAL(::unlink(s.store.path().c_str()), 0);
+    BOOST_TEST(write_voltage(s.port, 2430) == MODBUS_EXCEPTION_SLAVE_OR_SERVER_FAILURE);
     BOOST_TEST(has_text(server.log(), "is gone"), server.log());
 }
 

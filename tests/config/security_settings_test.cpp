@@ -1,7 +1,5 @@
 // The secure port's settings and the role table, read from a real store.
-#include "modbus/config/modbus_settings.h"
-#include "support/subsystem_log.h"
-#include "toolkit/store_fixture.h"
+#include "settings_store.h"
 
 #include <boost/test/unit_test.hpp>
 
@@ -9,22 +7,19 @@ using toolkit::CElement;
 
 namespace {
 
-const tk_string security = "/Software/Data Servers/Modbus/Interface Type/TCP/Security/";
+const tk_string security = tcp_node + "Security/";
 
-struct CSecurityStore {
-    CTestStore store;
+struct CSecurityStore : CSettingsStore {
     void put(const tk_string& node, const CElement& value) {
-        store.define(security + node + "/Value", value.type(), value);
+        CSettingsStore::put(security + node, value);
     }
     void put(const tk_string& node, const char* text) { put(node, CElement::from_string(text)); }
-    CSecurityStore() {
-        store.define("/Other/Value", CElement::TYPE_BOOL, CElement::from_bool(true));
-    }
-    CModbusTcpSecuritySettings read() {
-        CCdsHandle cds;
-        return CModbusTcpSecuritySettings(cds);
-    }
 };
+
+CModbusTcpSecuritySettings read() {
+    CCdsHandle cds;
+    return CModbusTcpSecuritySettings(cds);
+}
 
 } // namespace
 

@@ -2,10 +2,8 @@
 // Test helpers around a libmodbus client and raw Modbus TCP frames.
 #include <modbus/modbus.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstdint>
-#include <iterator>
 #include <memory>
 #include <vector>
 
@@ -33,26 +31,17 @@ inline int exception_code() {
     return errno > MODBUS_ENOBASE && errno < MODBUS_ENOBASE + 12 ? errno - MODBUS_ENOBASE : 0;
 }
 
-// A Modbus TCP request frame: transaction id 7, protocol id, unit, function and data.
-inline std::vector<uint8_t> tcp_frame(uint8_t unit, uint8_t function, std::vector<uint8_t> data,
-                                      uint16_t protocol = 0, uint16_t transaction = 7) {
-    const size_t length = data.size() + 2;
-    const uint8_t header[] = {uint8_t(transaction >> 8),
-                              uint8_t(transaction),
-                              uint8_t(protocol >> 8),
-                              uint8_t(protocol),
-                              uint8_t(length >> 8),
-                              uint8_t(length),
-                              unit,
-                              function};
-    std::vector<uint8_t> out(sizeof header + data.size());
-    std::copy(std::begin(header), std::end(header), out.begin());
-    std::copy(data.begin(), data.end(), out.begin() + sizeof header);
-    return out;
-}
-
 inline std::vector<uint8_t> u16(uint16_t a, uint16_t b) {
     return {uint8_t(a >> 8), uint8_t(a), uint8_t(b >> 8), uint8_t(b)};
+}
+
+// A Modbus TCP request frame: transaction id 7, protocol id, unit, function and data.
+inline std::vector<uint8_t> tcp_frame(uint8_t unit, uint8_t function,
+                                      const std::vector<uint8_t>& data, uint16_t protocol = 0) {
+    std::vector<uint8_t> out = u16(7, protocol);
+    for (const auto& part : {u16(uint16_t(data.size() + 2), uint16_t(unit << 8 | function)), data})
+        out.insert(out.end(), part.begin(), part.end());
+    return out;
 }
 
 // The exception response the server must send for a request frame.

@@ -1,97 +1,43 @@
-#include "io/protocol_handler.h"
 #include "io/tcp/tcp_connection.h"
 #include "io/tcp/tcp_listener.h"
 #include "support/loop_fixture.h"
-#include "support/stderr_capture.h"
+#include "support/subsystem_log.h"
 #include "support/test_client.h"
+#include "support/upper_case_handler.h"
+#include "support/wait.h"
 
 #include <boost/test/unit_test.hpp>
 
 #include <algorithm>
-#include <cctype>
 
 namespace {
 
-// Answers every line with the line in upper case, optionally after a delay, and keeps a
-// log of what it did so that tests can check the order of events.
-struct CLineLog {
-    std::vector<std::string> events;
-    size_t max_unread = 0;
-};
-
-class CLineHandler : public CProtocolHandler {
-public:
-    CLineHandler(boost::asio::io_context& io, CLineLog& log, int delay_ms)
-        : _io(io), _log(log), _delay_ms(delay_ms) {}
-
-    action_t received(iobuf_const_iter_t begin, iobuf_const_iter_t end) override {
-        _log.max_unread = std::max(_log.max_unread, static_cast<size_t>(end - begin));
-        action_t action;
-        const auto nl = std::find(begin, end, '\n');
-        if (nl == end)
-            return action;
-        std::string line(begin, nl);
-        action.consumed = static_cast<size_t>(nl - begin) + 1;
-        action.request = true;
-        _log.events.push_back("parse " + line);
-        std::transform(line.begin(), line.end(), line.begin(), ::toupper);
-        _out.assign(line.begin(), line.end());
-        _out.push_back('\n');
-        if (_delay_ms == 0)
-            return send(action);
-        // Answer later, as a handler waiting for the store would.
-        auto timer = std::make_shared<boost::asio::steady_timer>(_io);
-        timer->expires_after(std::chrono::milliseconds(_delay_ms));
-        std::weak_ptr<bool> alive = _alive;
-        timer->async_wait([this, timer, alive, line](const boost::system::error_code& e) {
-            if (e || alive.expired())
-                return;
-            _log.events.push_back("write " + line);
-            wake();
-        });
-        action.kind = action_t::WAIT;
-        return action;
-    }
-    action_t resume() override { return send(action_t()); }
-
-private:
-    action_t send(action_t action) {
-        action.kind = action_t::SEND;
-        action.data = _out.data();
-        action.size = _out.size();
-        return action;
-    }
-
-    boost::asio::io_context& _io;
-    CLineLog& _log;
-    int _delay_ms;
-    iobuf_t _out;
-    std::shared_ptr<bool> _alive = std::make_shared<bool>(true);
-};
-
 struct CTcpFixture : CLoopFixture {
+    // Requests are lines.
     explicit CTcpFixture(int delay_ms = 0) {
         factory = [this, delay_ms] {
-            return std::make_unique<CLineHandler>(manager.service(), log, delay_ms);
+            return std::make_unique<CUpperCaseHandler>(
+                manager.service(), log, delay_ms,
+                [](iobuf_const_iter_t begin, iobuf_const_iter_t end, std::string& line) {
+                    const auto nl = std::find(begin, end, '\n');
+                    line.assign(begin, nl);
+                    return nl == end ? 0 : static_cast<size_t>(nl - begin) + 1;
+                },
+                [](std::string line) {
+                    line += '\n';
+                    return iobuf_t(line.begin(), line.end());
+                });
         };
         listener = CTcpListener::create(manager, factory, 0);
         manager.add(listener);
         port = listener->port();
     }
-    size_t actors() {
-        return in_loop([this] { return manager.actor_count(); });
-    }
     // Waits until the manager holds `count` actors (connections come and go asynchronously).
     bool wait_for_actors(size_t count) {
-        for (int i = 0; i < 200; ++i) {
-            if (actors() == count)
-                return true;
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        }
-        return false;
+        return eventually([&] { return in_loop([&] { return manager.actor_count(); }) == count; });
     }
 
-    CLineLog log;
+    CHandlerLog log;
     handler_factory_t factory;
     std::shared_ptr<CTcpListener> listener;
     uint16_t port = 0;
@@ -122,7 +68,7 @@ BOOST_AUTO_TEST_CASE(request_split_and_pipelined) {
         BOOST_TEST(c.send("one\ntwo\n"));
         BOOST_TEST(c.receive_text(8) == "ONE\nTWO\n");
         // IPv4 and IPv6 clients alike.
-        CTestClient c6(f.port, true);
+        CTestClient c6(f.port, "::1");
         if (c6.fd() >= 0) {
             BOOST_TEST(c6.send("six\n"));
             BOOST_TEST(c6.receive_text(4) == "SIX\n");
@@ -141,8 +87,7 @@ BOOST_AUTO_TEST_CASE(one_request_at_a_time) {
     });
     BOOST_TEST(finished);
     // The next request is parsed only once the previous answer is on its way.
-    const std::vector<std::string> expected{"parse a", "write A", "parse b",
-                                            "write B", "parse c", "write C"};
+    const std::vector<std::string> expected{"a", "write A", "b", "write B", "c", "write C"};
     BOOST_TEST(f.log.events == expected, boost::test_tools::per_element());
 }
 
@@ -159,7 +104,8 @@ BOOST_AUTO_TEST_CASE(vanishing_peers_leave_nothing_behind) {
             // Reset while the answer is pending.
             CTestClient rude(f.port);
             BOOST_TEST(rude.send("x\n"));
-            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+            BOOST_TEST(
+                eventually([&] { return !f.in_loop([&] { return f.log.events.empty(); }); }));
             rude.reset();
         }
         {
@@ -204,12 +150,9 @@ BOOST_AUTO_TEST_CASE(many_connections_then_quit) {
 
 BOOST_AUTO_TEST_CASE(port_in_use) {
     CTcpFixture f;
-    CStderrCapture capture;
-    const int32_t saved = _svr_verb_array[SS_TCP_IO];
-    _svr_verb_array[SS_TCP_IO] = 0;
+    CSubsystemLog capture(SS_TCP_IO, 0);
     BOOST_CHECK_THROW(CTcpListener::create(f.manager, f.factory, f.port),
                       boost::system::system_error);
-    _svr_verb_array[SS_TCP_IO] = saved;
     const std::string text = capture.text();
     BOOST_TEST(text.find("While binding to TCP port " + std::to_string(f.port) + ": ") !=
                    std::string::npos,

@@ -6,13 +6,13 @@
 #include "mapping_test_util.h"
 #include "modbus/map/event_mapping.h"
 #include "modbus/map/param_discrete_mapping.h"
-#include "modbus/map/register_mapping.h"
 
 #include <boost/test/unit_test.hpp>
 
 #include <cstdlib>
 #include <new>
 #include <string>
+#include <sys/time.h>
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 #define MB_COUNT_ALLOCATIONS 0
@@ -48,54 +48,11 @@ using toolkit::CElement;
 
 namespace {
 
-const CModbusParamDynamicConfig no_units;
-
 // Heap allocations made by fn on this thread.
 template <class F> size_t allocations_in(F fn) {
     const size_t before = allocations;
     fn();
     return allocations - before;
-}
-
-struct CLayout {
-    std::string what;
-    toolkit::node_map_t node;
-    CElement value;
-};
-
-std::vector<CLayout> layouts() {
-    std::vector<CLayout> out;
-    for (const char* swaps : {"0", "1"}) {
-        const std::string s = swaps;
-        auto node = [&](std::initializer_list<std::pair<const char*, const char*>> keys) {
-            toolkit::node_map_t n = make_node(keys);
-            n.emplace("Endianness", s);
-            n.emplace("WordOrder", s);
-            return n;
-        };
-        out.push_back({"int " + s,
-                       node({{"ExternalValueType", "DATATYPE_INT"},
-                             {"Size", "4"},
-                             {"BitOffset", "8"},
-                             {"Multiplier", "10"},
-                             {"Units", "mV"}}),
-                       CElement::from_int(-12345)});
-        out.push_back(
-            {"float " + s,
-             node({{"ExternalValueType", "DATATYPE_FLOAT"}, {"Size", "4"}, {"Units", "kW"}}),
-             CElement::from_float(1500.5)});
-        out.push_back({"bool " + s,
-                       node({{"ExternalValueType", "DATATYPE_BOOL"}, {"BitOffset", "8"}}),
-                       CElement::from_bool(true)});
-        out.push_back({"time " + s,
-                       node({{"ExternalValueType", "DATATYPE_TIME"}, {"DateSpec", "YYmdHMSqq"}}),
-                       CElement::from_time(timeval{1772719629, 250000})});
-        // Far longer than any short-string buffer, so that a copy would allocate.
-        out.push_back({"string " + s,
-                       node({{"ExternalValueType", "DATATYPE_STRING"}, {"Size", "64"}}),
-                       CElement::from_string(std::string(60, 'x') + "tail")});
-    }
-    return out;
 }
 
 } // namespace
@@ -114,20 +71,33 @@ BOOST_AUTO_TEST_CASE(translations_do_not_allocate) {
                    sink = text.size();
                }) == 1u);
 
-    const CModbusParamDynamicConfig in_volts(false, kvr_units_str_to_enum("V"));
-    const CModbusParamDynamicConfig in_watts(false, kvr_units_str_to_enum("W"));
-    for (const CLayout& l : layouts()) {
-        const auto m = CRegisterMapping::create(l.node);
-        regvec_t regs(m->reg_count());
-        // Its text (a string element owns one) is the part a text value may allocate for.
-        CElement out = CElement::from_float(0.0);
-        for (const CModbusParamDynamicConfig* cfg : {&no_units, &in_volts, &in_watts}) {
-            BOOST_TEST(allocations_in([&] { m->to_registers(l.value, *cfg, regs.data()); }) == 0u,
-                       l.what);
-            if (l.value.is_string())
-                continue;
-            BOOST_TEST(allocations_in([&] { m->from_registers(regs.data(), *cfg, out); }) == 0u,
-                       l.what);
+    const struct {
+        const char* mapping;
+        CElement value;
+    } layouts[] = {
+        {"INT Size=4 BitOffset=8 Multiplier=10 Units=mV", CElement::from_int(-12345)},
+        {"FLOAT Size=4 Units=kW", CElement::from_float(1500.5)},
+        {"BOOL BitOffset=8", CElement::from_bool(true)},
+        {"TIME DateSpec=YYmdHMSqq", CElement::from_time(timeval{1772719629, 250000})},
+        // Far longer than any short-string buffer, so that a copy would allocate.
+        {"STRING Size=64", CElement::from_string(std::string(60, 'x') + "tail")},
+    };
+    const CModbusParamDynamicConfig configs[] = {held_in(nullptr), held_in("V"), held_in("W")};
+    for (const auto& l : layouts) {
+        for (const char* swaps : {" Endianness=0 WordOrder=0", " Endianness=1 WordOrder=1"}) {
+            const auto m = translator(l.mapping + std::string(swaps));
+            regvec_t regs(m->reg_count());
+            // Its text (a string element owns one) is the part a text value may allocate for.
+            CElement out = CElement::from_float(0.0);
+            for (const CModbusParamDynamicConfig& cfg : configs) {
+                BOOST_TEST(allocations_in([&] { m->to_registers(l.value, cfg, regs.data()); }) ==
+                               0u,
+                           l.mapping << swaps);
+                if (!l.value.is_string())
+                    BOOST_TEST(allocations_in([&] { m->from_registers(regs.data(), cfg, out); }) ==
+                                   0u,
+                               l.mapping << swaps);
+            }
         }
     }
 
@@ -139,32 +109,21 @@ BOOST_AUTO_TEST_CASE(translations_do_not_allocate) {
     ev.source = tk_string("/Devices/Power/Alarms/Input/mInputPhaseOneOverVoltage");
     ev.url = tk_string("/recordings/waveforms/2026/03/05/capture-000000123456.dat");
     queue.add(ev);
-    const struct {
-        const char* property;
-        const char* type;
-        const char* size;
-    } events[] = {{"ID", "DATATYPE_UINT", "4"},
-                  {"Time", "DATATYPE_TIME", "8"},
-                  {"Cause", "DATATYPE_UINT", "2"},
-                  {"Param", "DATATYPE_FLOAT", "4"},
-                  {"WaveformID", "DATATYPE_UINT", "4"}};
-    for (const auto& e : events) {
-        for (const char* index : {"0", "1"}) {
-            const CEventMapping m(make_node({{"EventProperty", e.property},
-                                             {"EventIndex", index},
-                                             {"ExternalValueType", e.type},
-                                             {"Size", e.size},
-                                             {"DateSpec", "YYmdHMSS"}}));
+    for (const char* property :
+         {"ID UINT Size=4", "Time TIME DateSpec=YYmdHMSS", "Cause UINT Size=2",
+          "Param FLOAT Size=4", "WaveformID UINT Size=4"}) {
+        for (const char* index : {" EventIndex=0", " EventIndex=1"}) {
+            const CEventMapping m(node_of("EventProperty=" + std::string(property) + index));
             regvec_t regs(m.reg_count());
             BOOST_TEST(allocations_in([&] { m.to_registers(queue, regs.data()); }) == 0u,
-                       e.property << " slot " << index);
+                       property << index);
         }
     }
     // The cause and id really came from the event, not from an empty slot.
     BOOST_TEST(CEventMapping::find_cause(queue.get(0)) == 11u);
     BOOST_TEST(CEventMapping::extract_waveform_id(queue.get(0)) == 123456u);
 
-    const CParamDiscreteMapping coil(make_node({{"Name", "/Out/Relay/Value"}}), 1);
+    const CParamDiscreteMapping coil(node_of("Name=/Out/Relay/Value"), 1);
     const CElement on = CElement::from_bool(true);
     bool bit = false;
     BOOST_TEST(allocations_in([&] { bit = coil.translate(on); }) == 0u);

@@ -3,9 +3,6 @@
 // the very next read returns, on any connection, whatever the other connections are reading
 // at the same time. Whatever the server keeps between requests must not outlive a write.
 #include "server_process.h"
-#include "toolkit/cds_store.h"
-
-#include <modbus/modbus.h>
 
 #include <boost/test/unit_test.hpp>
 
@@ -50,24 +47,20 @@ struct CLiveStore {
         leaf(dev + "/Coil/Value", CElement::TYPE_BOOL, CElement::from_bool(false));
         leaf(dev + "/Coil/Writable", CElement::TYPE_BOOL, CElement::from_bool(true));
 
-        const tk_string mb = "/Software/Data Servers/Modbus/";
-        const tk_string unit = mb + "Interface Type/TCP/Mappings/Live/";
-        port = free_port();
-        leaf("/Software/System Settings/Network/Firewall Settings/Protocol/Modbus/Port/Value",
-             CElement::TYPE_UINT, CElement::from_uint(port));
-        leaf(mb + "Interface Type/TCP/Timeout/Value", CElement::TYPE_UINT,
-             CElement::from_uint(1000));
-        leaf(mb + "Zero Fill Default/Value", CElement::TYPE_BOOL, CElement::from_bool(false));
+        const tk_string unit = tcp_node + "Mappings/Live/";
+        leaf(port_leaf, CElement::TYPE_UINT, CElement::from_uint(port));
+        leaf(tcp_node + "Timeout/Value", CElement::TYPE_UINT, CElement::from_uint(1000));
+        leaf("/Software/Data Servers/Modbus/Zero Fill Default/Value", CElement::TYPE_BOOL,
+             CElement::from_bool(false));
         leaf(unit + "Slave ID/Value", CElement::TYPE_UINT, CElement::from_uint(1));
         leaf(unit + "Device Path/Value", CElement::TYPE_STRING, CElement::from_string(dev));
         leaf(unit + "EDS Paths/Value", CElement::TYPE_STRING,
              CElement::from_string(store.dir().file("live.eds")));
-        leaf("/Software/Device Handlers/UPS/Status/Value", CElement::TYPE_INT,
-             CElement::from_int(1));
+        leaf(ups_leaf, CElement::TYPE_INT, CElement::from_int(1));
         store.define(leaves);
     }
     CTestStore store;
-    uint16_t port = 0;
+    uint16_t port = free_port();
 };
 
 // A device process's own connection to the store (the one CDS_STORE names).
@@ -101,26 +94,15 @@ struct CDeviceProcess {
     toolkit::CCds cds;
 };
 
-// A libmodbus TCP connection to unit 1, made once the server listens (it may be starting).
+// A libmodbus TCP connection to unit 1.
 class CMaster {
 public:
-    explicit CMaster(uint16_t port) : _ctx(modbus_new_tcp("127.0.0.1", port)) {
-        modbus_set_slave(_ctx, 1);
-        modbus_set_response_timeout(_ctx, 2, 0);
-        for (int i = 0; i < 250 && modbus_connect(_ctx) != 0; ++i)
-            std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-    ~CMaster() {
-        modbus_close(_ctx);
-        modbus_free(_ctx);
-    }
-    CMaster(const CMaster&) = delete;
-    CMaster& operator=(const CMaster&) = delete;
+    explicit CMaster(uint16_t port) : _ctx(modbus_client(port)) {}
 
     // The registers, or an empty vector when there was no normal answer.
     std::vector<uint16_t> read(int address, int count) {
         std::vector<uint16_t> regs(count);
-        if (modbus_read_registers(_ctx, address, count, regs.data()) != count)
+        if (modbus_read_registers(_ctx.get(), address, count, regs.data()) != count)
             regs.clear();
         return regs;
     }
@@ -134,26 +116,19 @@ public:
     }
     int read_coil() {
         uint8_t bit = 0;
-        return modbus_read_bits(_ctx, 0, 1, &bit) == 1 ? bit : -1;
+        return modbus_read_bits(_ctx.get(), 0, 1, &bit) == 1 ? bit : -1;
     }
     bool write_one(int address, uint16_t value) {
-        return modbus_write_register(_ctx, address, value) == 1;
+        return modbus_write_register(_ctx.get(), address, value) == 1;
     }
     bool write_wide(uint32_t value) {
         const uint16_t regs[2] = {uint16_t(value >> 16), uint16_t(value & 0xffff)};
-        return modbus_write_registers(_ctx, wide_address, 2, regs) == 2;
+        return modbus_write_registers(_ctx.get(), wide_address, 2, regs) == 2;
     }
 
 private:
-    modbus_t* _ctx;
+    std::shared_ptr<modbus_t> _ctx;
 };
-
-// Waits until the server answers, so that the first round's time is not start-up.
-void wait_until_serving(CMaster& master, CServerProcess& server) {
-    for (int i = 0; i < 250 && master.read_one(10) != 1000 + int(written_regs); ++i)
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    BOOST_REQUIRE_MESSAGE(master.read_one(10) == 1000 + int(written_regs), server.log());
-}
 
 // A value that differs from the one before it on the same register.
 uint16_t round_value(unsigned round) {
@@ -224,29 +199,28 @@ private:
     std::thread _thread;
 };
 
+// The server on that store, a device process and a master that it answers.
+struct CLiveServer : CLiveStore {
+    CLiveServer() {
+        // Serving, so that the first round's time is not start-up.
+        BOOST_REQUIRE_MESSAGE(
+            eventually([&] { return master.read_one(10) == 1000 + int(written_regs); }),
+            server.log());
+    }
+    ~CLiveServer() { BOOST_TEST(server.wait(0) == -1, server.log()); }
+    CServerProcess server{store.dir(), {"-Ns"}};
+    CDeviceProcess device;
+    CMaster master{port};
+};
+
 } // namespace
 
-BOOST_AUTO_TEST_SUITE(server_live_store)
-
-BOOST_AUTO_TEST_CASE(store_writes_are_read_at_once) {
-    CLiveStore s;
-    CServerProcess server(s.store.dir(), {"-Ns"});
-    CDeviceProcess device;
-    CMaster master(s.port);
-    wait_until_serving(master, server);
-    check_store_writes_are_fresh(device, master, 300);
-    BOOST_TEST(server.wait(0) == -1, server.log());
-}
+BOOST_FIXTURE_TEST_SUITE(server_live_store, CLiveServer)
 
 BOOST_AUTO_TEST_CASE(store_writes_are_read_at_once_while_others_read) {
-    CLiveStore s;
-    CServerProcess server(s.store.dir(), {"-Ns"});
-    CDeviceProcess device;
-    CMaster master(s.port);
-    wait_until_serving(master, server);
     {
         // Registers nobody writes: they must answer their values all along.
-        CHammer others(s.port, int(written_regs), int(steady_regs), true);
+        CHammer others(port, int(written_regs), int(steady_regs), true);
         check_store_writes_are_fresh(device, master, 300);
         others.stop = true;
         BOOST_TEST(others.reads > 10u);
@@ -255,22 +229,18 @@ BOOST_AUTO_TEST_CASE(store_writes_are_read_at_once_while_others_read) {
     }
     {
         // The very registers being written, read in between the writes and reads.
-        CHammer same(s.port, 0, int(written_regs + steady_regs), false);
+        CHammer same(port, 0, int(written_regs + steady_regs), false);
         check_store_writes_are_fresh(device, master, 300);
         same.stop = true;
         BOOST_TEST(same.reads > 10u);
         BOOST_TEST(same.failures == 0u);
     }
-    BOOST_TEST(server.wait(0) == -1, server.log());
 }
 
 BOOST_AUTO_TEST_CASE(modbus_writes_are_read_on_another_connection) {
-    CLiveStore s;
-    CServerProcess server(s.store.dir(), {"-Ns"});
-    CDeviceProcess device;
-    CMaster a(s.port), b(s.port);
-    wait_until_serving(a, server);
-    CHammer others(s.port, int(written_regs), int(steady_regs), true);
+    CMaster& a = master;
+    CMaster b(port);
+    CHammer others(port, int(written_regs), int(steady_regs), true);
     for (unsigned round = 0; round < 200; ++round) {
         const unsigned reg = round % written_regs;
         const uint16_t v = round_value(round);
@@ -292,7 +262,6 @@ BOOST_AUTO_TEST_CASE(modbus_writes_are_read_on_another_connection) {
     others.stop = true;
     BOOST_TEST(others.failures == 0u);
     BOOST_TEST(others.changes == 0u);
-    BOOST_TEST(server.wait(0) == -1, server.log());
 }
 
 BOOST_AUTO_TEST_SUITE_END()

@@ -2,11 +2,7 @@
 // flight in every stage (on the wire, queued for the CDS thread, being answered) when the
 // event loop ends. It must exit cleanly; the sanitizer builds run the same case and fail on
 // any report the server writes.
-#include "data/sample_store.h"
 #include "server_process.h"
-#include "toolkit/cds_store.h"
-
-#include <modbus/modbus.h>
 
 #include <boost/test/unit_test.hpp>
 
@@ -16,21 +12,12 @@
 
 namespace {
 
-using toolkit::CElement;
-
-const char* const port_path =
-    "/Software/System Settings/Network/Firewall Settings/Protocol/Modbus/Port/Value";
-const char* const ups_path = "/Software/Device Handlers/UPS/Status/Value";
-
 // One client: reads of registers and coils mixed with writes, until told to stop or the
 // server goes away. Counts the answers it had.
 void client_loop(uint16_t port, unsigned seed, const std::atomic<bool>& stop,
                  std::atomic<unsigned>& answers) {
-    modbus_t* ctx = modbus_new_tcp("127.0.0.1", port);
-    modbus_set_slave(ctx, 1);
-    modbus_set_response_timeout(ctx, 2, 0);
-    for (int i = 0; i < 100 && modbus_connect(ctx) != 0; ++i)
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    const auto client = modbus_client(port);
+    modbus_t* ctx = client.get();
     uint16_t regs[20];
     uint8_t bits[4];
     for (unsigned n = seed; !stop; ++n) {
@@ -47,8 +34,6 @@ void client_loop(uint16_t port, unsigned seed, const std::atomic<bool>& stop,
         if (rc >= 0)
             ++answers;
     }
-    modbus_close(ctx);
-    modbus_free(ctx);
 }
 
 } // namespace
@@ -57,22 +42,16 @@ BOOST_AUTO_TEST_SUITE(server_shutdown)
 
 BOOST_AUTO_TEST_CASE(sigterm_under_load_exits_cleanly) {
     for (int round = 0; round < 3; ++round) {
-        CTestStore store;
-        load_sample_store(store);
-        const uint16_t port = free_port();
-        store.define(port_path, CElement::TYPE_UINT, CElement::from_uint(port));
-        store.define(ups_path, CElement::TYPE_INT, CElement::from_int(1));
-        CServerProcess server(store.dir(), {"-Ns"});
+        CServerStore s;
+        CServerProcess server(s.store.dir(), {"-Ns"});
 
         std::atomic<bool> stop{false};
         std::atomic<unsigned> answers{0};
         std::vector<std::thread> clients;
         for (unsigned c = 0; c < 8; ++c)
-            clients.emplace_back(client_loop, port, c, std::cref(stop), std::ref(answers));
-        // Until every kind of request has been answered a few times, then a little longer.
-        for (int i = 0; i < 500 && answers < 200; ++i)
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        std::this_thread::sleep_for(std::chrono::milliseconds(100 * round));
+            clients.emplace_back(client_loop, s.port, c, std::cref(stop), std::ref(answers));
+        // Until every kind of request has been answered a few times, and more each round.
+        eventually([&] { return answers >= 200u * (round + 1); });
         server.signal(SIGTERM);
         const int status = server.wait(10000);
         stop = true;

@@ -1,10 +1,8 @@
 // The secure Modbus TCP port of the real server: certificates made by scripts/tls-certs.sh,
 // clients speaking TLS over loopback, roles deciding what each client may ask. These run under
 // qemu too; tls_e2e.py tries the refusals and broken handshakes with pymodbus and openssl.
-#include "data/sample_store.h"
 #include "server_process.h"
 #include "support/subsystem_log.h"
-#include "support/test_client.h"
 
 #include <boost/asio/connect.hpp>
 #include <boost/asio/io_context.hpp>
@@ -24,12 +22,10 @@ using toolkit::CElement;
 namespace ssl = boost::asio::ssl;
 using boost::asio::ip::tcp;
 
-const tk_string tcp_node = "/Software/Data Servers/Modbus/Interface Type/TCP/";
-const tk_string security_node = tcp_node + "Security/";
-
 // Read register 8 of unit 1 (2300 in the sample store), and write it back unchanged.
 const std::vector<uint8_t> read_request{0, 1, 0, 0, 0, 6, 1, 3, 0, 8, 0, 1};
 const std::vector<uint8_t> write_request{0, 2, 0, 0, 0, 6, 1, 6, 0, 8, 0x08, 0xFC};
+const std::vector<uint8_t> read_answer{0, 1, 0, 0, 0, 5, 1, 3, 2, 0x08, 0xFC};
 
 // A TLS client with the named certificate of the test CA's folder ("" for none). Every
 // operation has five seconds, so a server that stops answering fails the test, not hangs it.
@@ -110,20 +106,13 @@ const CCerts& certs() {
 // The server with a secure port (and no plain one) and roles Operator (functions 1 to 6, 15,
 // 16) and Viewer (reads only); key_mode: the server key file's mode; tcp: more settings, by
 // their names under the TCP node (these win).
-struct CTlsServer {
+struct CTlsServer : CServerStore {
     explicit CTlsServer(mode_t key_mode = 0600, bool wait_serving = true,
                         const char* log_level = "1",
-                        const std::vector<std::pair<tk_string, CElement>>& tcp = {}) {
+                        const std::vector<std::pair<tk_string, CElement>>& more = {}) {
         const tk_string dir = certs().dir.path();
-        load_sample_store(store, "/dev/null");
-        port = free_port();
-        store.define("/Software/System Settings/Network/Firewall Settings/Protocol/Modbus/Port/"
-                     "Value",
-                     CElement::TYPE_UINT, CElement::from_uint(free_port()));
-        store.define("/Software/Device Handlers/UPS/Status/Value", CElement::TYPE_INT,
-                     CElement::from_int(1));
         const std::vector<std::pair<tk_string, CElement>> settings{
-            {"Port", CElement::from_uint(port)},
+            {"Port", CElement::from_uint(tls_port)},
             {"Certificate", CElement::from_string(dir + "/server.crt")},
             {"Private Key", CElement::from_string(key_file())},
             {"CA Bundle", CElement::from_string(dir + "/ca.crt")},
@@ -132,37 +121,35 @@ struct CTlsServer {
             {"Roles/Viewer/Function Codes", CElement::from_string("1-4")},
             {"Roles/Viewer/Unit IDs", CElement::from_string("1")}};
         for (const auto& s : settings)
-            store.define(security_node + s.first + "/Value", s.second.type(), s.second);
-        for (const auto& s : tcp)
-            store.define(tcp_node + s.first + "/Value", s.second.type(), s.second);
+            tcp("Security/" + s.first, s.second);
+        for (const auto& s : more)
+            tcp(s.first, s.second);
         // A copy of the key, so that its mode can differ from case to case.
         const tk_string copy = "cp " + dir + "/server.key " + key_file();
         BOOST_REQUIRE_EQUAL(std::system(copy.c_str()), 0);
         BOOST_REQUIRE_EQUAL(::chmod(key_file().c_str(), key_mode), 0);
         server.reset(new CServerProcess(store.dir(), {"-Ns", "-D", log_level}));
-        if (!wait_serving)
-            return;
-        for (int i = 0; i < 500 && !has_text(server->log(), "Serving Modbus TCP"); ++i)
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        BOOST_REQUIRE_MESSAGE(has_text(server->log(), "Serving Modbus TCP over TLS"),
-                              server->log());
+        if (wait_serving)
+            BOOST_REQUIRE_MESSAGE(server->says("Serving Modbus TCP over TLS"), server->log());
     }
     tk_string key_file() const { return store.dir().file("server.key"); }
-    CTlsClient client(const tk_string& name) { return CTlsClient(certs().dir.path(), name, port); }
+    std::unique_ptr<CTlsClient> client(const tk_string& name) {
+        return std::make_unique<CTlsClient>(certs().dir.path(), name, tls_port);
+    }
     // Whether the log tells within a second that a handshake failed with text in its reason.
     bool handshake_failed(const tk_string& text) {
-        for (int i = 0; i < 100; ++i) {
-            const tk_string log = server->log();
-            if (has_text(log, "TLS handshake with '127.0.0.1' failed") && has_text(log, text))
-                return true;
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        }
+        const bool told = eventually(
+            [&] {
+                const tk_string log = server->log();
+                return has_text(log, "TLS handshake with '127.0.0.1' failed") &&
+                       has_text(log, text);
+            },
+            std::chrono::seconds(1));
         BOOST_TEST_MESSAGE(server->log());
-        return false;
+        return told;
     }
 
-    CTestStore store;
-    uint16_t port = 0;
+    uint16_t tls_port = free_port();
     std::unique_ptr<CServerProcess> server;
 };
 
@@ -177,38 +164,33 @@ BOOST_AUTO_TEST_SUITE(server_tls)
 
 BOOST_AUTO_TEST_CASE(roles_decide_what_clients_may_ask) {
     CTlsServer s;
-    const std::vector<uint8_t> read_answer{0, 1, 0, 0, 0, 5, 1, 3, 2, 0x08, 0xFC};
 
-    CTlsClient operator_client = s.client("client-Operator");
-    BOOST_TEST(operator_client.ask(read_request, 11) == read_answer);
-    BOOST_TEST(operator_client.ask(write_request, 12) == write_request);
+    const auto operator_client = s.client("client-Operator");
+    BOOST_TEST(operator_client->ask(read_request, 11) == read_answer);
+    BOOST_TEST(operator_client->ask(write_request, 12) == write_request);
 
-    CTlsClient viewer = s.client("client-Viewer");
-    BOOST_TEST(viewer.ask(read_request, 11) == read_answer);
-    BOOST_TEST(viewer.ask(write_request, 9) == exception(2, 6, 1));
+    const auto viewer = s.client("client-Viewer");
+    BOOST_TEST(viewer->ask(read_request, 11) == read_answer);
+    BOOST_TEST(viewer->ask(write_request, 9) == exception(2, 6, 1));
     // Viewer may address unit 1 only: unit 2 is refused with exception 1 as well.
     const std::vector<uint8_t> unit2{0, 3, 0, 0, 0, 6, 2, 3, 0, 8, 0, 1};
     const std::vector<uint8_t> refused{0, 3, 0, 0, 0, 3, 2, 0x83, 1};
-    BOOST_TEST(viewer.ask(unit2, 9) == refused);
+    BOOST_TEST(viewer->ask(unit2, 9) == refused);
 
     // No role and no default role: nothing at all, yet the connection is served.
-    CTlsClient nobody = s.client("client-none");
-    BOOST_TEST(nobody.ask(read_request, 9) == exception(1, 3, 1));
+    BOOST_TEST(s.client("client-none")->ask(read_request, 9) == exception(1, 3, 1));
 }
 
 BOOST_AUTO_TEST_CASE(failed_handshakes_are_logged_once_per_burst_by_default) {
     CTlsServer s(0600, true, "0");
     for (int i = 0; i < 3; ++i)
-        BOOST_TEST(s.client("client-foreign").ask(read_request, 11).empty());
-    BOOST_TEST(s.client("client-Operator").ask(read_request, 11).size() == 11u);
-    BOOST_TEST(s.client("").ask(read_request, 11).empty());
+        BOOST_TEST(s.client("client-foreign")->ask(read_request, 11).empty());
+    BOOST_TEST(s.client("client-Operator")->ask(read_request, 11).size() == 11u);
+    BOOST_TEST(s.client("")->ask(read_request, 11).empty());
     BOOST_TEST(s.handshake_failed("peer did not return a certificate"));
     const tk_string log = s.server->log();
-    size_t told = 0;
-    for (size_t at = log.find("failed: "); at != tk_string::npos; at = log.find("failed: ", at + 1))
-        ++told;
     // The first failure of each burst; the end of the first burst with its count.
-    BOOST_TEST(told == 2u, log);
+    BOOST_TEST(count_of(log, "failed: ") == 2u, log);
     BOOST_TEST(has_text(log, "A TLS handshake succeeded again; 3 had failed before"), log);
 }
 
@@ -219,24 +201,20 @@ BOOST_AUTO_TEST_CASE(silent_clients_make_room) {
     CTlsServer s(0600, true, "0",
                  {{"Evict After", CElement::from_uint(1)},
                   {"Security/Handshake Timeout", CElement::from_uint(30)}});
-    CTestClient stalled("127.0.0.1", s.port);
+    CTestClient stalled(s.tls_port);
     BOOST_REQUIRE(stalled.fd() >= 0);
     std::vector<std::unique_ptr<CTlsClient>> silent;
     for (int i = 0; i < 63; ++i)
-        silent.push_back(std::make_unique<CTlsClient>(certs().dir.path(), "client-Viewer", s.port));
-    const std::vector<uint8_t> read_answer{0, 1, 0, 0, 0, 5, 1, 3, 2, 0x08, 0xFC};
+        silent.push_back(s.client("client-Viewer"));
     // Refused until a second has passed, then served.
     std::unique_ptr<CTlsClient> operators[2];
-    for (auto& op : operators) {
-        for (int i = 0; i < 100 && !op; ++i) {
-            auto c = std::make_unique<CTlsClient>(certs().dir.path(), "client-Operator", s.port);
-            if (c->ask(read_request, 11) == read_answer)
-                op = std::move(c);
-            else
-                std::this_thread::sleep_for(std::chrono::milliseconds(20));
-        }
-        BOOST_REQUIRE(op);
-    }
+    for (auto& op : operators)
+        BOOST_REQUIRE(eventually(
+            [&] {
+                op = s.client("client-Operator");
+                return op->ask(read_request, 11) == read_answer;
+            },
+            std::chrono::seconds(10)));
     BOOST_TEST(stalled.peer_closed());
     BOOST_TEST(silent[0]->ask(read_request, 11).empty());
     BOOST_TEST(silent[1]->ask(read_request, 11) == read_answer);
@@ -249,8 +227,8 @@ BOOST_AUTO_TEST_CASE(silent_clients_make_room) {
 BOOST_AUTO_TEST_CASE(key_readable_by_others_stops_start_up) {
     CTlsServer s(0644, false);
     BOOST_TEST(s.server->wait(5000) == 1, s.server->log());
-    const tk_string message = "Couldn't open the secure Modbus TCP port " + std::to_string(s.port) +
-                              ": private key '" + s.key_file() +
+    const tk_string message = "Couldn't open the secure Modbus TCP port " +
+                              std::to_string(s.tls_port) + ": private key '" + s.key_file() +
                               "' may be read by group or others (mode 0644)";
     BOOST_TEST(has_text(s.server->log(), message), s.server->log());
 }

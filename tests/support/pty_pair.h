@@ -1,6 +1,10 @@
 #pragma once
 // Two connected pseudo-terminals made by a socat process, standing in for the two ends of a
 // serial line. stop() kills socat, which takes both ends away.
+#include "support/wait.h"
+
+#include <boost/test/unit_test.hpp>
+
 #include <fcntl.h>
 #include <signal.h>
 #include <spawn.h>
@@ -8,24 +12,23 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <cstdlib>
 #include <sstream>
 #include <string>
-#include <thread>
 
 extern char** environ;
 
 class CPtyPair {
 public:
-    static bool socat_available() {
+    // For a test that needs socat: skipped where it is missing.
+    static boost::test_tools::assertion_result needed(boost::unit_test::test_unit_id) {
         const char* path = std::getenv("PATH");
         std::istringstream dirs(path ? path : "/usr/bin:/bin");
-        std::string dir;
-        while (std::getline(dirs, dir, ':'))
-            if (!dir.empty() && ::access((dir + "/socat").c_str(), X_OK) == 0)
-                return true;
-        return false;
+        boost::test_tools::assertion_result found(false);
+        for (std::string dir; !found && std::getline(dirs, dir, ':');)
+            found = !dir.empty() && ::access((dir + "/socat").c_str(), X_OK) == 0;
+        found.message() << "socat is not installed";
+        return found;
     }
 
     // ok() tells whether both ends appeared in time.
@@ -48,11 +51,9 @@ public:
             _pid = -1;
             return;
         }
-        for (int i = 0; i < 500 && !_ok; ++i) {
-            _ok = ::access(end_a().c_str(), F_OK) == 0 && ::access(end_b().c_str(), F_OK) == 0;
-            if (!_ok)
-                std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        }
+        _ok = eventually([this] {
+            return ::access(end_a().c_str(), F_OK) == 0 && ::access(end_b().c_str(), F_OK) == 0;
+        });
     }
     ~CPtyPair() {
         stop();

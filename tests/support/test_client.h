@@ -7,58 +7,41 @@
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdint>
+#include <cstring>
 #include <string>
 #include <vector>
 
 class CTestClient {
 public:
-    // Connects to 127.0.0.1:port (or ::1 with ipv6); fd() < 0 when that failed.
-    explicit CTestClient(uint16_t port, bool ipv6 = false, int timeout_ms = 3000) {
-        _fd = ::socket(ipv6 ? AF_INET6 : AF_INET, SOCK_STREAM, 0);
-        if (_fd < 0)
-            return;
-        timeval tv{timeout_ms / 1000, (timeout_ms % 1000) * 1000};
+    // Connects to the address to (IPv4 or IPv6) on port, from the IPv4 address from when
+    // given, so that tests can be other loopback hosts (127.0.0.2); fd() < 0 when that failed.
+    explicit CTestClient(uint16_t port, const char* to = "127.0.0.1", const char* from = nullptr,
+                         int timeout_ms = 3000) {
+        const int family = std::strchr(to, ':') ? AF_INET6 : AF_INET;
+        _fd = ::socket(family, SOCK_STREAM, 0);
+        const timeval tv{timeout_ms / 1000, (timeout_ms % 1000) * 1000};
         ::setsockopt(_fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
-        int one = 1;
+        const int one = 1;
         ::setsockopt(_fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
-        int rc;
-        if (ipv6) {
-            sockaddr_in6 addr{};
-            addr.sin6_family = AF_INET6;
-            addr.sin6_port = htons(port);
-            addr.sin6_addr = in6addr_loopback;
-            rc = ::connect(_fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr);
-        } else {
-            sockaddr_in addr{};
-            addr.sin_family = AF_INET;
-            addr.sin_port = htons(port);
-            addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-            rc = ::connect(_fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr);
-        }
-        if (rc != 0) {
-            ::close(_fd);
-            _fd = -1;
-        }
-    }
-    // Connects from the IPv4 address from (any when null) to the IPv4 address to, so that
-    // tests can be other loopback hosts (127.0.0.2).
-    CTestClient(const char* to, uint16_t port, const char* from = nullptr, int timeout_ms = 3000) {
-        _fd = ::socket(AF_INET, SOCK_STREAM, 0);
-        if (_fd < 0)
-            return;
-        timeval tv{timeout_ms / 1000, (timeout_ms % 1000) * 1000};
-        ::setsockopt(_fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
-        sockaddr_in addr{};
-        addr.sin_family = AF_INET;
-        bool ok = true;
-        if (from) {
-            ok = ::inet_pton(AF_INET, from, &addr.sin_addr) == 1 &&
-                 ::bind(_fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0;
-        }
-        addr.sin_port = htons(port);
-        ok = ok && ::inet_pton(AF_INET, to, &addr.sin_addr) == 1 &&
-             ::connect(_fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0;
+        const auto address = [family](const char* text, uint16_t p, sockaddr_storage& out) {
+            auto& a4 = reinterpret_cast<sockaddr_in&>(out);
+            auto& a6 = reinterpret_cast<sockaddr_in6&>(out);
+            out.ss_family = static_cast<sa_family_t>(family);
+            (family == AF_INET ? a4.sin_port : a6.sin6_port) = htons(p);
+            void* at = family == AF_INET ? static_cast<void*>(&a4.sin_addr) : &a6.sin6_addr;
+            return ::inet_pton(family, text, at) != 1 ? socklen_t(0)
+                   : family == AF_INET                ? socklen_t(sizeof a4)
+                                                      : socklen_t(sizeof a6);
+        };
+        sockaddr_storage local{}, remote{};
+        socklen_t n = 0;
+        const bool ok = _fd >= 0 &&
+                        (!from || ((n = address(from, 0, local)) != 0 &&
+                                   ::bind(_fd, reinterpret_cast<sockaddr*>(&local), n) == 0)) &&
+                        (n = address(to, port, remote)) != 0 &&
+                        ::connect(_fd, reinterpret_cast<sockaddr*>(&remote), n) == 0;
         if (!ok)
             close();
     }
@@ -103,6 +86,11 @@ public:
         uint8_t byte;
         const ssize_t n = ::recv(_fd, &byte, 1, 0);
         return n == 0 || (n < 0 && errno == ECONNRESET);
+    }
+    // Not closed by the peer, without waiting: nothing to read and no end of stream.
+    bool still_open() const {
+        uint8_t byte;
+        return ::recv(_fd, &byte, 1, MSG_DONTWAIT) < 0 && (errno == EAGAIN || errno == EWOULDBLOCK);
     }
     void shutdown_write() { ::shutdown(_fd, SHUT_WR); }
     // Closes with a reset instead of an orderly close.

@@ -13,29 +13,15 @@
 namespace {
 
 // Sets (or, given nullptr, unsets) an environment variable for one scope.
-class CEnvVar {
-public:
-    CEnvVar(const char* name, const char* value) : _name(name) {
-        const char* old = std::getenv(name);
-        _had = old != nullptr;
-        if (_had)
-            _old = old;
-        if (value)
-            ::setenv(name, value, 1);
-        else
-            ::unsetenv(name);
+struct CEnvVar {
+    CEnvVar(const char* name, const char* value)
+        : name(name), had(std::getenv(name) != nullptr), old(had ? std::getenv(name) : "") {
+        value ? ::setenv(name, value, 1) : ::unsetenv(name);
     }
-    ~CEnvVar() {
-        if (_had)
-            ::setenv(_name.c_str(), _old.c_str(), 1);
-        else
-            ::unsetenv(_name.c_str());
-    }
-
-private:
-    std::string _name;
-    std::string _old;
-    bool _had = false;
+    ~CEnvVar() { had ? ::setenv(name, old.c_str(), 1) : ::unsetenv(name); }
+    const char* name;
+    bool had;
+    std::string old;
 };
 
 // A bound datagram socket standing in for systemd's: a path, or an abstract name given
@@ -95,21 +81,17 @@ BOOST_AUTO_TEST_CASE(datagrams_reach_a_path_and_an_abstract_socket) {
 }
 
 BOOST_AUTO_TEST_CASE(no_socket_or_an_unusable_one_sends_nothing_and_does_not_throw) {
-    {
-        CEnvVar env("NOTIFY_SOCKET", nullptr);
-        const CSystemdNotify notify;
-        BOOST_TEST(!notify.enabled());
-        BOOST_TEST(!notify.notify("READY=1"));
-    }
-    // Nobody listens there, a relative name is no socket address, and a name longer than a
-    // socket address holds is refused at start.
+    // None; nobody listens there; a relative name is no socket address, and a name longer
+    // than a socket address holds is refused at start.
+    const std::string nobody = unique_name("/tmp/mb_no_listener_");
     const std::string too_long = "/tmp/" + std::string(200, 'x');
-    for (const std::string& name : {unique_name("/tmp/mb_no_listener_"), std::string("relative"),
-                                    std::string("@"), too_long}) {
-        CEnvVar env("NOTIFY_SOCKET", name.c_str());
+    for (const char* name :
+         {static_cast<const char*>(nullptr), nobody.c_str(), "relative", "@", too_long.c_str()}) {
+        CEnvVar env("NOTIFY_SOCKET", name);
         const CSystemdNotify notify;
-        BOOST_CHECK_NO_THROW(BOOST_TEST(!notify.notify("READY=1"), name));
-        BOOST_CHECK_NO_THROW(BOOST_TEST(!notify.notify("WATCHDOG=1"), name));
+        BOOST_TEST(notify.enabled() == (name == nobody.c_str()), (name ? name : "(unset)"));
+        BOOST_CHECK_NO_THROW(BOOST_TEST(!notify.notify("READY=1")));
+        BOOST_CHECK_NO_THROW(BOOST_TEST(!notify.notify("WATCHDOG=1")));
     }
 }
 
