@@ -59,11 +59,25 @@ const char* CLoadOptions::request_name(request_t request) {
     return "?";
 }
 
+const char* CLoadOptions::framing_name(framing_t framing) {
+    switch (framing) {
+    case framing_t::tcp:
+        return "tcp";
+    case framing_t::rtu_over_tcp:
+        return "rtu-over-tcp";
+    case framing_t::udp:
+        return "udp";
+    }
+    return "?";
+}
+
 std::string CLoadOptions::usage(const char* program) {
     return std::string("usage: ") + program +
            " [options]\n"
            "  -H, --host ADDR         server address (default 127.0.0.1)\n"
-           "  -p, --port N            TCP port (default 502)\n"
+           "  -p, --port N            TCP or UDP port (default 502)\n"
+           "  -f, --framing F         tcp: Modbus TCP (default); rtu-over-tcp: RTU frames on\n"
+           "                          TCP; udp: Modbus/UDP, one request per datagram\n"
            "  -u, --unit N            unit id, 0 to 247 or 255 (default 1)\n"
            "  -c, --connections N     parallel connections, 1 to 1024 (default 1)\n"
            "  -d, --duration S        seconds to run, 1 to 3600 (default 5)\n"
@@ -79,6 +93,7 @@ std::string CLoadOptions::usage(const char* program) {
 std::string CLoadOptions::parse(int argc, char** argv) {
     static const option long_options[] = {{"host", required_argument, nullptr, 'H'},
                                           {"port", required_argument, nullptr, 'p'},
+                                          {"framing", required_argument, nullptr, 'f'},
                                           {"unit", required_argument, nullptr, 'u'},
                                           {"connections", required_argument, nullptr, 'c'},
                                           {"duration", required_argument, nullptr, 'd'},
@@ -91,7 +106,7 @@ std::string CLoadOptions::parse(int argc, char** argv) {
     opterr = 0;
     unsigned long value = 0;
     int c;
-    while ((c = getopt_long(argc, argv, ":H:p:u:c:d:r:a:t:h", long_options, nullptr)) != -1) {
+    while ((c = getopt_long(argc, argv, ":H:p:f:u:c:d:r:a:t:h", long_options, nullptr)) != -1) {
         switch (c) {
         case 'H':
             if (*optarg == '\0')
@@ -128,6 +143,17 @@ std::string CLoadOptions::parse(int argc, char** argv) {
                 return std::string("bad address '") + optarg + "': 0 to 65535";
             address = static_cast<uint16_t>(value);
             break;
+        case 'f': {
+            bool known = false;
+            for (framing_t f : {framing_t::tcp, framing_t::rtu_over_tcp, framing_t::udp})
+                if (std::strcmp(optarg, framing_name(f)) == 0) {
+                    framing = f;
+                    known = true;
+                }
+            if (!known)
+                return std::string("unknown framing '") + optarg + "': tcp, rtu-over-tcp or udp";
+            break;
+        }
         case 'r': {
             bool known = false;
             for (request_t r :

@@ -27,6 +27,8 @@ CLoadWorker::~CLoadWorker() {
 }
 
 bool CLoadWorker::connect(std::string& error) {
+    if (_options.framing != CLoadOptions::framing_t::tcp)
+        return connect_raw(error);
     const std::string where = _options.host + ":" + std::to_string(_options.port);
     _ctx = modbus_new_tcp_pi(_options.host.c_str(), std::to_string(_options.port).c_str());
     if (_ctx == nullptr) {
@@ -82,7 +84,78 @@ void CLoadWorker::recover(int error, steady_t::time_point deadline) {
     }
 }
 
+namespace {
+
+std::vector<uint8_t> read_pdu(uint8_t function, uint16_t address, uint16_t count) {
+    return {function, static_cast<uint8_t>(address >> 8), static_cast<uint8_t>(address),
+            static_cast<uint8_t>(count >> 8), static_cast<uint8_t>(count)};
+}
+
+} // namespace
+
+bool CLoadWorker::connect_raw(std::string& error) {
+    const auto framing = _options.framing == CLoadOptions::framing_t::udp
+                             ? CRawLink::framing_t::udp
+                             : CRawLink::framing_t::rtu_over_tcp;
+    _raw.reset(new CRawLink(framing, _options.host, _options.port,
+                            static_cast<uint8_t>(_options.unit), _options.timeout_ms));
+    if (!_raw->connect(error))
+        return false;
+    const uint16_t a = _options.address;
+    switch (_options.request) {
+    case CLoadOptions::request_t::read125:
+        _pdu = read_pdu(3, a, 125);
+        return true;
+    case CLoadOptions::request_t::read1:
+        _pdu = read_pdu(3, a, 1);
+        return true;
+    case CLoadOptions::request_t::coils2000:
+        _pdu = read_pdu(1, a, 2000);
+        return true;
+    case CLoadOptions::request_t::write100:
+        break;
+    }
+    // The registers are written back as they were read.
+    if (_raw->transact(read_pdu(3, a, 100), _answer) != CRawLink::ANSWER || _answer.size() != 202) {
+        error = "Couldn't read the 100 registers at " + std::to_string(a) + " to write back";
+        return false;
+    }
+    _pdu = read_pdu(16, a, 100);
+    _pdu.push_back(200);
+    _pdu.insert(_pdu.end(), _answer.begin() + 2, _answer.end());
+    return true;
+}
+
+void CLoadWorker::run_raw(steady_t::time_point deadline) {
+    for (;;) {
+        const steady_t::time_point start = steady_t::now();
+        if (start >= deadline)
+            return;
+        const CRawLink::result_t result = _raw->transact(_pdu, _answer);
+        if (result == CRawLink::ANSWER || result == CRawLink::EXCEPTION) {
+            _latencies.record(static_cast<uint64_t>(
+                std::chrono::duration_cast<std::chrono::microseconds>(steady_t::now() - start)
+                    .count()));
+            if (result == CRawLink::EXCEPTION)
+                ++_exceptions;
+            continue;
+        }
+        ++_errors;
+        std::string ignored;
+        while (result == CRawLink::BROKEN && steady_t::now() < deadline) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));
+            if (_raw->connect(ignored))
+                break;
+            ++_errors;
+        }
+    }
+}
+
 void CLoadWorker::run(steady_t::time_point deadline) {
+    if (_raw) {
+        run_raw(deadline);
+        return;
+    }
     for (;;) {
         const steady_t::time_point start = steady_t::now();
         if (start >= deadline)

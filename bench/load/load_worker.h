@@ -2,13 +2,16 @@
 // One connection of the load client: it connects, then sends its request back to back until
 // the deadline, timing every answer. An exception response is an answer (counted apart); a
 // failed request is counted, and a broken connection is made again after a short pause.
+// Modbus TCP goes through libmodbus, the other framings through a CRawLink.
 #include "latency_histogram.h"
 #include "load_options.h"
+#include "raw_link.h"
 
 #include <modbus.h>
 
 #include <chrono>
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -33,11 +36,17 @@ public:
 private:
     int send_request();
     void recover(int error, steady_t::time_point deadline);
+    bool connect_raw(std::string& error);
+    void run_raw(steady_t::time_point deadline);
 
     const CLoadOptions& _options;
     modbus_t* _ctx = nullptr;
     std::vector<uint16_t> _regs;
     std::vector<uint8_t> _bits;
+    std::unique_ptr<CRawLink> _raw;
+    // The request's PDU, and the answer's, for a raw link.
+    std::vector<uint8_t> _pdu;
+    std::vector<uint8_t> _answer;
     CLatencyHistogram _latencies;
     uint64_t _exceptions = 0;
     uint64_t _errors = 0;

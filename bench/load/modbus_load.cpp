@@ -1,4 +1,4 @@
-// A Modbus TCP load client: N connections, each sending one kind of request back to back for
+// A Modbus load client (TCP, RTU over TCP or UDP): N connections, each sending one kind of request back to back for
 // a fixed time; prints the request rate and the latency percentiles.
 #include "latency_histogram.h"
 #include "load_options.h"
@@ -63,8 +63,10 @@ int main(int argc, char** argv) {
         exceptions += worker->exceptions();
         errors += worker->errors();
     }
-    std::printf("%s at address %u, unit %d, %s:%u, %u connection%s, %u s\n",
+    const bool tcp = options.framing == CLoadOptions::framing_t::tcp;
+    std::printf("%s at address %u, unit %d, %s%s%s:%u, %u connection%s, %u s\n",
                 CLoadOptions::request_name(options.request), options.address, options.unit,
+                tcp ? "" : CLoadOptions::framing_name(options.framing), tcp ? "" : " ",
                 options.host.c_str(), options.port, options.connections,
                 options.connections == 1 ? "" : "s", options.duration_s);
     std::printf("answers: %llu in %.2f s = %.0f requests/s\n",

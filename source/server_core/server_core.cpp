@@ -5,13 +5,18 @@
 #include "io/io_manager.h"
 #include "io/io_sighandler.h"
 #include "io/serial/serial_connection.h"
+#include "io/serial/serial_master.h"
 #include "io/tcp/tcp_listener.h"
 #include "io/tls/tls_context.h"
+#include "io/udp/udp_listener.h"
 #include "io/watchdog_timer.h"
 #include "modbus/config/modbus_config.h"
 #include "modbus/config/modbus_settings.h"
+#include "modbus/gateway/gateway_router.h"
+#include "modbus/handler/modbus_rtu_over_tcp_protocol_handler.h"
 #include "modbus/handler/modbus_serial_protocol_handler.h"
 #include "modbus/handler/modbus_tcp_protocol_handler.h"
+#include "modbus/handler/modbus_udp_protocol_handler.h"
 #include "server_core/daemon_launch.h"
 #include "server_core/event_refresher.h"
 #include "server_core/server_options.h"
@@ -27,12 +32,16 @@
 #include <boost/asio/post.hpp>
 
 #include <algorithm>
+#include <bitset>
 #include <cassert>
 #include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <limits>
 #include <unistd.h>
+#ifdef __GLIBC__
+#include <malloc.h>
+#endif
 
 namespace {
 
@@ -47,6 +56,23 @@ template <class Keys, class Id> tk_string id_list(const Keys& keys, Id id) {
     tk_string text;
     for (const auto& key : keys)
         text += (text.empty() ? "" : ", ") + std::to_string(static_cast<unsigned>(id(key)));
+    return text.empty() ? "none" : text;
+}
+
+// "1-10, 20" of the slave addresses behind a gateway line.
+tk_string ranges_text(const std::bitset<256>& ids) {
+    tk_string text;
+    for (unsigned id = 0; id < 256; ++id) {
+        if (!ids.test(id))
+            continue;
+        unsigned last = id;
+        while (last + 1 < 256 && ids.test(last + 1))
+            ++last;
+        text += (text.empty() ? "" : ", ") + std::to_string(id);
+        if (last != id)
+            text += "-" + std::to_string(last);
+        id = last;
+    }
     return text.empty() ? "none" : text;
 }
 
@@ -77,6 +103,14 @@ private:
     struct sigaction _old[count];
 };
 constexpr int CStartupSignals::signals[];
+
+// Start-up parsed the mapping files and read the store through caches that serving does not
+// use; the heap keeps what they freed unless told to give it back.
+void give_back_memory() {
+#ifdef __GLIBC__
+    ::malloc_trim(0);
+#endif
+}
 
 } // namespace
 
@@ -171,6 +205,11 @@ void CServerCore::start(int argc, const char* const* argv) {
         // The store worker checkpoints the WAL; no request pays for one.
         _cds->set_auto_checkpoint(false);
         _reader->set_auto_checkpoint(false);
+        // Start-up read every mapped leaf by path; serving reads by id.
+        for (CCdsHandle* cds : {_cds.get(), _reader.get()}) {
+            cds->set_cache_size(_cfg->store_cache_kib());
+            cds->release_memory();
+        }
     } catch (const CError& e) {
         LOG_CAUGHT(e);
         throw LOGGED(init_err("Couldn't connect to CDS"));
@@ -226,6 +265,7 @@ void CServerCore::load_configuration() {
     try {
         _settings.reset(new CModbusSettings(*_cds));
         _cfg = std::make_shared<CModbusConfig>(*_settings);
+        _gateway = std::make_unique<CGatewayRouter>(*_settings);
     } catch (const CError& e) {
         LOG_CAUGHT(e); // nothing more for broken mapping files: the registry named them
         throw LOGGED(init_err("Couldn't initialize settings / configuration"));
@@ -239,7 +279,9 @@ int CServerCore::print_statistics_leaves() {
         LOG_CAUGHT(e);
         return 1;
     }
-    const tk_string json = CStatisticsWriter::leaves_json(*_cfg, _settings->serial().interfaces());
+    const tk_string json = CStatisticsWriter::leaves_json(
+        *_cfg, _settings->serial().interfaces(), _settings->tcp().rtu_over_tcp_port() != 0,
+        _settings->tcp().udp_port() != 0, _gateway->statistics());
     std::fputs(json.c_str(), stdout);
     std::fflush(stdout);
     return 0;
@@ -269,10 +311,30 @@ int CServerCore::check() {
                             static_cast<unsigned>(unit.first), unit.second->path().c_str(),
                             unit.second->mapping_count());
         }
+        const CModbusTcpSettings& tcp = _settings->tcp();
+        if (tcp.rtu_over_tcp_port() != 0) {
+            std::printf("RTU over TCP port %u\n", tcp.rtu_over_tcp_port());
+            if (_cfg)
+                for (const auto& unit : _cfg->rtu_over_tcp_units())
+                    std::printf("  unit %u: device '%s', %zu mappings\n",
+                                static_cast<unsigned>(unit.first), unit.second->path().c_str(),
+                                unit.second->mapping_count());
+        }
+        if (tcp.udp_port() != 0)
+            std::printf("UDP port %u (the TCP units), at most %u requests a second per peer\n",
+                        tcp.udp_port(), tcp.udp_rate_limit());
         for (const auto& iface : _settings->serial().interfaces()) {
-            std::printf("Serial interface %u on '%s', %u baud, time-out %u ms\n", iface.number(),
+            std::printf("Serial interface %u on '%s', %u baud, time-out %u ms%s\n", iface.number(),
                         iface.serial_port().c_str(), iface.baud_rate(),
-                        _settings->serial().timeout());
+                        _settings->serial().timeout(),
+                        iface.protocol() == CModbusSerialInterfaceSettings::PROTOCOL_ASCII
+                            ? ", ASCII"
+                            : "");
+            if (iface.role() == CModbusSerialInterfaceSettings::ROLE_GATEWAY) {
+                const CGatewaySettings& g = iface.gateway();
+                std::printf("  gateway to slaves %s: response time-out %u ms, %u retries\n",
+                            ranges_text(g.downstream).c_str(), g.response_timeout_ms, g.retries);
+            }
             if (!_cfg)
                 continue;
             for (const auto& slave : _cfg->serial_units())
@@ -337,9 +399,22 @@ tk_string CServerCore::add_transports(CIoManager& manager) {
                          units);
     }
 
+    add_other_framings(manager, served);
+
+    if (!_gateway->empty()) {
+        boost::asio::io_context& io = manager.service();
+        _gateway->set_defer([&io](std::function<void()> done) { boost::asio::post(io, done); });
+        _services.gateway = _gateway.get();
+    }
     using C = CSerialConnection;
     for (const auto& iface : _settings->serial().interfaces()) {
         CTransportCounters* line = &_serial_counters[iface.number()];
+        if (iface.role() == CModbusSerialInterfaceSettings::ROLE_GATEWAY) {
+            const tk_string gateway = add_gateway_line(manager, iface, line);
+            if (!gateway.empty())
+                served.push_back(gateway);
+            continue;
+        }
         auto handler =
             std::make_unique<CModbusSerialProtocolHandler>(_services, iface.number(), line);
         C::framing_t framing;
@@ -347,6 +422,9 @@ tk_string CServerCore::add_transports(CIoManager& manager) {
             framing.served.set(address);
         framing.length = &CModbusSerialProtocolHandler::frame_length;
         framing.counters = line;
+        const bool ascii = iface.protocol() == CModbusSerialInterfaceSettings::PROTOCOL_ASCII;
+        framing.ascii = ascii;
+        framing.ascii_timeout_us = static_cast<int64_t>(iface.char_timeout_ms()) * 1000;
         auto conn = C::create(manager, std::move(handler), iface.serial_port(), framing);
         if (!conn->is_open())
             continue;
@@ -358,13 +436,16 @@ tk_string CServerCore::add_transports(CIoManager& manager) {
         conn->set_timing(iface.baud_rate(), iface.char_size(),
                          static_cast<C::parity_t>(iface.parity()),
                          static_cast<C::stop_bits_t>(iface.stop_bits()));
+        conn->set_rs485(iface.rs485());
+        conn->set_local_echo(iface.local_echo());
+        conn->set_response_delay(iface.response_delay_ms());
         manager.add(conn);
         conn->start();
         std::vector<unsigned> slaves;
         for (const auto& slave : _cfg->serial_units())
             if (slave.first.first == iface.number())
                 slaves.push_back(slave.first.second);
-        served.push_back("RTU on '" + iface.serial_port() + "' at " +
+        served.push_back((ascii ? "ASCII on '" : "RTU on '") + iface.serial_port() + "' at " +
                          std::to_string(iface.baud_rate()) + " baud (slaves " +
                          id_list(slaves, [](unsigned a) { return a; }) + ")");
     }
@@ -373,6 +454,77 @@ tk_string CServerCore::add_transports(CIoManager& manager) {
         summary += (i == 0 ? " " : ", ") + served[i];
     return served.empty() ? tk_string("Serving nothing: no TCP port is open and no serial line")
                           : summary;
+}
+
+void CServerCore::add_other_framings(CIoManager& manager, std::vector<tk_string>& served) {
+    const CModbusTcpSettings& tcp = _settings->tcp();
+    const CModbusServices& services = _services;
+    _services.rtu_over_tcp_counters = &_rtu_over_tcp_counters;
+    _services.udp_counters = &_udp_counters;
+    const tk_string where = tcp.listener().bind_address.empty()
+                                ? tk_string()
+                                : " of " + tcp.listener().bind_address;
+    if (tcp.rtu_over_tcp_port() != 0) {
+        CTcpListenerOptions options = tcp.listener();
+        options.counters = &_rtu_over_tcp_counters;
+        // A stream of RTU frames that stops inside one would hold the connection for good.
+        options.frame_timeout_ms = tcp.timeout();
+        const handler_factory_t make = [&services] {
+            return std::make_unique<CModbusRtuOverTcpProtocolHandler>(services);
+        };
+        auto listener = CTcpListener::create(
+            manager, make, static_cast<uint16_t>(tcp.rtu_over_tcp_port()), options);
+        manager.add(listener);
+        _rtu_over_tcp_port = listener->port();
+        served.push_back("RTU over TCP on port " + std::to_string(tcp.rtu_over_tcp_port()) +
+                         where + " (units " +
+                         id_list(_cfg->rtu_over_tcp_units(),
+                                 [](const auto& unit) { return unit.first; }) +
+                         ")");
+    }
+    if (tcp.udp_port() != 0) {
+        CUdpListenerOptions options;
+        options.bind_address = tcp.listener().bind_address;
+        options.allow = tcp.listener().allow;
+        options.peer_rate = tcp.udp_rate_limit();
+        options.counters = &_udp_counters;
+        const handler_factory_t make = [&services] {
+            return std::make_unique<CModbusUdpProtocolHandler>(services);
+        };
+        auto listener =
+            CUdpListener::create(manager, make, static_cast<uint16_t>(tcp.udp_port()), options);
+        manager.add(listener);
+        _udp_port = listener->port();
+        served.push_back("Modbus/UDP on port " + std::to_string(tcp.udp_port()) + where +
+                         " (the TCP units)");
+    }
+}
+
+tk_string CServerCore::add_gateway_line(CIoManager& manager,
+                                        const CModbusSerialInterfaceSettings& iface,
+                                        CTransportCounters* counters) {
+    using C = CSerialConnection;
+    CGatewayLine* line = _gateway->line_of(iface.number());
+    assert(line != nullptr);
+    line->set_counters(counters);
+    CSerialMaster::options_t options;
+    options.line.baud = iface.baud_rate();
+    options.line.char_size = iface.char_size();
+    options.line.parity = static_cast<C::parity_t>(iface.parity());
+    options.line.stop_bits = static_cast<C::stop_bits_t>(iface.stop_bits());
+    options.line.flow = static_cast<C::flow_ctrl_t>(iface.flow_control());
+    options.line.rs485 = iface.rs485();
+    options.local_echo = iface.local_echo();
+    options.counters = counters;
+    auto master = CSerialMaster::create(manager, *line, iface.serial_port(), options);
+    if (!master->is_open()) {
+        master->start(); // tells the line it is unavailable
+        return tk_string();
+    }
+    manager.add(master);
+    master->start();
+    return "RTU gateway on '" + iface.serial_port() + "' at " + std::to_string(iface.baud_rate()) +
+           " baud (slaves " + ranges_text(iface.gateway().downstream) + " behind it)";
 }
 
 void CServerCore::start_worker(CIoManager& manager) {
@@ -448,7 +600,11 @@ tk_string CServerCore::attach(CIoManager& manager) {
         throw failed;
     }
     manager.add(CStatisticsWriter::create(manager, *_cfg, _tcp_counters, _serial_counters,
-                                          _settings->serial().interfaces(), *_worker));
+                                          _settings->serial().interfaces(), *_worker,
+                                          _rtu_over_tcp_port != 0 ? &_rtu_over_tcp_counters
+                                                                  : nullptr,
+                                          _udp_port != 0 ? &_udp_counters : nullptr,
+                                          _gateway->statistics()));
     _settings.reset();
     return summary;
 }
@@ -485,6 +641,7 @@ bool CServerCore::main() {
             }
         }
         LOG_INFO(SS_DEFAULT, 0, "%s", summary.c_str());
+        give_back_memory();
         if (_launch)
             _launch->ready();
         _systemd.notify("READY=1");

@@ -24,8 +24,10 @@
 class CCdsHandle;
 class CDaemonLaunch;
 class CEventQueue;
+class CGatewayRouter;
 class CIoManager;
 class CModbusConfig;
+class CModbusSerialInterfaceSettings;
 class CModbusSettings;
 class CServerOptions;
 class CStoreAccess;
@@ -54,6 +56,9 @@ public:
     tk_string attach(CIoManager& manager);
     // The TCP port listened on, once attached.
     uint16_t tcp_port() const { return _tcp_port; }
+    // The RTU over TCP and UDP ports listened on, once attached (0: none).
+    uint16_t rtu_over_tcp_port() const { return _rtu_over_tcp_port; }
+    uint16_t udp_port() const { return _udp_port; }
     // Serves until a terminating signal (at once when one came during start-up); false when
     // the transports could not be set up or the event loop failed.
     bool main();
@@ -76,6 +81,12 @@ private:
     int check();
     int print_statistics_leaves();
     tk_string add_transports(CIoManager& manager);
+    // The master side of a gateway line; what it serves, or nothing when its port did not
+    // open (its requests are then answered with exception 10).
+    tk_string add_gateway_line(CIoManager& manager, const CModbusSerialInterfaceSettings& iface,
+                               CTransportCounters* counters);
+    // RTU over TCP and UDP, when their ports are set; what they serve goes into served.
+    void add_other_framings(CIoManager& manager, std::vector<tk_string>& served);
     // The event log: -e's file, else the store's.
     tk_string event_log_path() const;
 
@@ -93,16 +104,23 @@ private:
     // READY=1 once serving, WATCHDOG=1 with the watchdog pings, when systemd asks for them.
     CSystemdNotify _systemd;
     bool _failed = false;
-    // What the transports have seen: TCP, and each serial interface by number.
+    // What the transports have seen: TCP, RTU over TCP, UDP, and each serial interface by
+    // number.
     CTransportCounters _tcp_counters;
+    CTransportCounters _rtu_over_tcp_counters;
+    CTransportCounters _udp_counters;
     std::vector<CTransportCounters> _serial_counters;
     std::unique_ptr<CModbusSettings> _settings;
     // The secure clients' rights, kept for the handlers after the settings are gone.
     CModbusRoles _roles;
     std::shared_ptr<CModbusConfig> _cfg;
+    // The gateway lines and the units behind them.
+    std::unique_ptr<CGatewayRouter> _gateway;
     std::unique_ptr<CEventQueue> _ev_queue;
     std::unique_ptr<CDaemonLaunch> _launch; // with -d, until start-up has been reported
     bool _stopped = false;                  // a signal ended the start-up
     uint16_t _tcp_port = 0;
+    uint16_t _rtu_over_tcp_port = 0;
+    uint16_t _udp_port = 0;
     boost::optional<int> _check_status;
 };

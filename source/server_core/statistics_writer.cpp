@@ -13,9 +13,10 @@ const char* const CStatisticsWriter::root = "/Software/Data Servers/Modbus/Stati
 std::shared_ptr<CStatisticsWriter> CStatisticsWriter::create(
     CIoManager& manager, const CModbusConfig& config, const CTransportCounters& tcp,
     const std::vector<CTransportCounters>& serial_counters,
-    const std::vector<CModbusSerialInterfaceSettings>& interfaces, CStoreWorker& worker) {
+    const std::vector<CModbusSerialInterfaceSettings>& interfaces, CStoreWorker& worker,
+    const CTransportCounters* rtu_over_tcp, const CTransportCounters* udp, const leaves_t& more) {
     std::shared_ptr<CStatisticsWriter> writer(new CStatisticsWriter(manager, worker));
-    writer->_entries = entries(config, tcp, serial_counters, interfaces);
+    writer->_entries = entries(config, tcp, serial_counters, interfaces, rtu_over_tcp, udp, more);
     writer->start();
     return writer;
 }
@@ -31,15 +32,23 @@ void add(named_t& out, const tk_string& node, const char* name, const uint32_t& 
     out.emplace_back(node + "/" + name + "/Value", &counter);
 }
 
-void add_transport(named_t& out, const tk_string& node, const CTransportCounters& t, bool tcp) {
+enum class transport_t { tcp, serial, rtu_over_tcp, udp };
+
+void add_transport(named_t& out, const tk_string& node, const CTransportCounters& t,
+                   transport_t kind) {
     add(out, node, "Messages", t.messages);
-    if (tcp) {
+    if (kind == transport_t::serial || kind == transport_t::rtu_over_tcp)
+        add(out, node, "Checksum Errors", t.checksum_errors);
+    if (kind != transport_t::serial)
         add(out, node, "Unknown Units", t.unknown_units);
+    if (kind == transport_t::tcp || kind == transport_t::rtu_over_tcp) {
         add(out, node, "Connections Open", t.open);
         add(out, node, "Connections Total", t.total);
         add(out, node, "Connections Evicted", t.evicted);
-    } else {
-        add(out, node, "Checksum Errors", t.checksum_errors);
+    }
+    if (kind == transport_t::udp) {
+        add(out, node, "Datagrams Dropped", t.dropped);
+        add(out, node, "Datagrams Refused", t.refused);
     }
 }
 
@@ -91,21 +100,34 @@ void print(const CJsonNode& node, const tk_string& indent, tk_string& out) {
 CStatisticsWriter::entries_t
 CStatisticsWriter::entries(const CModbusConfig& config, const CTransportCounters& tcp,
                            const std::vector<CTransportCounters>& serial_counters,
-                           const std::vector<CModbusSerialInterfaceSettings>& interfaces) {
+                           const std::vector<CModbusSerialInterfaceSettings>& interfaces,
+                           const CTransportCounters* rtu_over_tcp, const CTransportCounters* udp,
+                           const leaves_t& more) {
     named_t named;
     const tk_string base = root;
-    add_transport(named, base + "/TCP", tcp, true);
+    add_transport(named, base + "/TCP", tcp, transport_t::tcp);
     for (const auto& unit : config.tcp_units())
         add_unit(named, base + "/TCP", unit.first, unit.second->counters());
+    if (rtu_over_tcp != nullptr) {
+        add_transport(named, base + "/RTU over TCP", *rtu_over_tcp, transport_t::rtu_over_tcp);
+        for (const auto& unit : config.rtu_over_tcp_units())
+            add_unit(named, base + "/RTU over TCP", unit.first, unit.second->counters());
+    }
+    if (udp != nullptr)
+        add_transport(named, base + "/UDP", *udp, transport_t::udp);
     for (const CModbusSerialInterfaceSettings& iface : interfaces) {
         if (iface.number() >= serial_counters.size())
             continue;
         const tk_string node = base + "/Serial/" + iface.name();
-        add_transport(named, node, serial_counters[iface.number()], false);
+        add_transport(named, node, serial_counters[iface.number()], transport_t::serial);
         for (const auto& slave : config.serial_units())
             if (slave.first.first == iface.number())
                 add_unit(named, node, slave.first.second, slave.second->counters());
+        if (iface.local_echo())
+            add(named, node, "Echo Errors", serial_counters[iface.number()].echo_errors);
     }
+    for (const auto& leaf : more)
+        named.emplace_back(base + "/" + leaf.first + "/Value", leaf.second);
     entries_t out;
     for (auto& n : named)
         out.push_back({std::move(n.first), n.second, ~*n.second}); // written at the first chance
@@ -114,11 +136,14 @@ CStatisticsWriter::entries(const CModbusConfig& config, const CTransportCounters
 
 tk_string
 CStatisticsWriter::leaves_json(const CModbusConfig& config,
-                               const std::vector<CModbusSerialInterfaceSettings>& interfaces) {
+                               const std::vector<CModbusSerialInterfaceSettings>& interfaces,
+                               bool rtu_over_tcp, bool udp, const leaves_t& more) {
     const CTransportCounters none;
     const std::vector<CTransportCounters> lines(interfaces.size());
     CJsonNode tree;
-    for (const entry_t& e : entries(config, none, lines, interfaces)) {
+    for (const entry_t& e : entries(config, none, lines, interfaces,
+                                    rtu_over_tcp ? &none : nullptr, udp ? &none : nullptr,
+                                    more)) {
         CJsonNode* node = &tree;
         std::vector<tk_string> parts;
         toolkit::CElement::split_string(parts, e.path, '/');

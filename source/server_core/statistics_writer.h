@@ -12,6 +12,7 @@
 
 #include <memory>
 #include <unordered_set>
+#include <utility>
 #include <vector>
 
 class CModbusConfig;
@@ -23,17 +24,26 @@ class CStatisticsWriter : public CPeriodicActor {
 public:
     // The node under which the leaves are.
     static const char* const root;
+    // Leaves besides the configuration's (the gateway lines' slaves): paths under root, and
+    // the counters they show.
+    using leaves_t = std::vector<std::pair<tk_string, const uint32_t*>>;
 
     // Everything given must outlive the actor; serial_counters is indexed by interface
-    // number, as interfaces are.
+    // number, as interfaces are. rtu_over_tcp, udp: those transports' counters, null when
+    // they are not served.
     static std::shared_ptr<CStatisticsWriter>
     create(CIoManager& manager, const CModbusConfig& config, const CTransportCounters& tcp,
            const std::vector<CTransportCounters>& serial_counters,
-           const std::vector<CModbusSerialInterfaceSettings>& interfaces, CStoreWorker& worker);
+           const std::vector<CModbusSerialInterfaceSettings>& interfaces, CStoreWorker& worker,
+           const CTransportCounters* rtu_over_tcp = nullptr,
+           const CTransportCounters* udp = nullptr, const leaves_t& more = {});
 
-    // The leaves for a configuration, as JSON that "cdsctl load" defines (unsigned, 0).
+    // The leaves for a configuration, as JSON that "cdsctl load" defines (unsigned, 0), with
+    // those of RTU over TCP and UDP when they are served.
     static tk_string leaves_json(const CModbusConfig& config,
-                                 const std::vector<CModbusSerialInterfaceSettings>& interfaces);
+                                 const std::vector<CModbusSerialInterfaceSettings>& interfaces,
+                                 bool rtu_over_tcp = false, bool udp = false,
+                                 const leaves_t& more = {});
 
 private:
     struct entry_t {
@@ -51,7 +61,9 @@ private:
     // The leaves of a configuration, each with the counter it shows.
     static entries_t entries(const CModbusConfig& config, const CTransportCounters& tcp,
                              const std::vector<CTransportCounters>& serial_counters,
-                             const std::vector<CModbusSerialInterfaceSettings>& interfaces);
+                             const std::vector<CModbusSerialInterfaceSettings>& interfaces,
+                             const CTransportCounters* rtu_over_tcp, const CTransportCounters* udp,
+                             const leaves_t& more);
 
     entries_t _entries;
     CStoreWorker& _worker;

@@ -14,6 +14,7 @@
 // address). The first to end with a good CRC is taken; one that cannot be a frame is dropped.
 // Anything else (foreign addresses, other function codes, bad CRCs, bytes without silence
 // before them) is dropped, and the framer hunts for the next silence.
+#include "io/serial/serial_framer.h"
 #include "util/transport_counters.h"
 
 #include <bitset>
@@ -22,7 +23,7 @@
 #include <functional>
 #include <vector>
 
-class CRtuFramer {
+class CRtuFramer : public CSerialFramer {
 public:
     // The longest frame: function 15 or 16 with a byte count of 255.
     static constexpr size_t max_frame = 9 + 255;
@@ -41,16 +42,16 @@ public:
     // One received byte that began gap_us microseconds after the previous byte ended (0 for
     // bytes that arrived together). True when it completed a frame, which frame() then holds
     // until the next call.
-    bool feed(uint8_t byte, int64_t gap_us);
-    const std::vector<uint8_t>& frame() const { return _frame; }
+    bool feed(uint8_t byte, int64_t gap_us) override;
+    const std::vector<uint8_t>& frame() const override { return _frame; }
 
     // Forgets any partial frame; the next frame needs a silence before it.
-    void hunt();
+    void hunt() override;
     // Forgets any partial frame; the next byte may start a frame without a silence (bytes that
     // waited while an answer was being sent).
-    void expect_frame();
+    void expect_frame() override;
     // True while no frame is under way.
-    bool hunting() const { return _hunting; }
+    bool hunting() const override { return _hunting; }
     // The bytes held of an unfinished frame (the older one, when two are followed).
     size_t held() const { return _hunting ? 0 : _frame.size(); }
 

@@ -53,6 +53,10 @@ CSerialConnection::CSerialConnection(CIoManager& manager, const tk_string& devic
                                      framing_t framing)
     : CIoMessenger(manager), _port(get_io_service()), _device(device), _framing(std::move(framing)),
       _raw(read_size) {
+    if (_framing.ascii) {
+        _ascii.configure(_framing.ascii_timeout_us, _framing.served, _framing.counters);
+        _framer = &_ascii;
+    }
     boost::system::error_code ec;
     _port.open(device, ec);
     if (ec) {
@@ -165,8 +169,8 @@ void CSerialConnection::set_timing(uint32_t baud, char_size_t char_size, parity_
     }
     // The gap between frames: 3.5 characters, but at least 1.75 ms at high baud rates.
     const int64_t frame_break = std::max<int64_t>(_char_time * 7 / 2, 1750000);
-    _framer.configure(_timerT15 / 1000, frame_break / 1000, _framing.served, _framing.length,
-                      _framing.counters);
+    _rtu.configure(_timerT15 / 1000, frame_break / 1000, _framing.served, _framing.length,
+                   _framing.counters);
     reset_flags();
 }
 
@@ -189,7 +193,7 @@ void CSerialConnection::close() {
 void CSerialConnection::reset_flags() {
     _waited = false;
     _unfed.clear();
-    _framer.hunt();
+    _framer->hunt();
     int64_t now = 0;
     _last_rx = monotonic_ns(now) ? now : 0;
 }
@@ -214,6 +218,8 @@ void CSerialConnection::handle_read(const boost::system::error_code& error, size
     }
     assert(count <= _raw.size());
     LOG_DUMP(SS_SERIAL_IO, 6, _raw.data(), count, "Received");
+    if (_echo.pending())
+        count = drop_echo(count);
     int64_t now = 0;
     if (count == 0 || !monotonic_ns(now)) {
         read_more();
@@ -230,13 +236,13 @@ void CSerialConnection::handle_read(const boost::system::error_code& error, size
 
 void CSerialConnection::feed(int64_t gap_us) {
     for (size_t i = 0; i < _unfed.size(); ++i) {
-        if (_framer.feed(_unfed[i], i == 0 ? gap_us : 0)) {
+        if (_framer->feed(_unfed[i], i == 0 ? gap_us : 0)) {
             _unfed.erase(_unfed.begin(), _unfed.begin() + static_cast<std::ptrdiff_t>(i + 1));
             parse();
             return;
         }
     }
-    if (!_unfed.empty() && _framer.hunting())
+    if (!_unfed.empty() && _framer->hunting())
         LOG_DEBUG(SS_SERIAL_IO, 5, "'%s': dropped bytes while hunting for a frame",
                   _device.c_str());
     _unfed.clear();
@@ -244,7 +250,7 @@ void CSerialConnection::feed(int64_t gap_us) {
 }
 
 void CSerialConnection::parse() {
-    const std::vector<uint8_t>& frame = _framer.frame();
+    const std::vector<uint8_t>& frame = _framer->frame();
     act(_prot->received(frame.begin(), frame.end()));
 }
 
@@ -256,6 +262,18 @@ void CSerialConnection::resumed() {
 void CSerialConnection::act(const CProtocolHandler::action_t& action) {
     switch (action.kind) {
     case CProtocolHandler::action_t::SEND:
+        if (_delay) {
+            // The handler keeps the bytes until it is called again, which is after the write.
+            auto me = self();
+            const uint8_t* data = action.data;
+            const size_t size = action.size;
+            _delay->expires_after(_response_delay);
+            _delay->async_wait([me, data, size](const boost::system::error_code& error) {
+                if (!error)
+                    me->write(data, size);
+            });
+            return;
+        }
         write(action.data, action.size);
         return;
     case CProtocolHandler::action_t::WAIT:
@@ -266,6 +284,12 @@ void CSerialConnection::act(const CProtocolHandler::action_t& action) {
     case CProtocolHandler::action_t::READ:
         // A frame the handler does not answer: the line is hunted afresh.
         LOG_DEBUG(SS_SERIAL_IO, 5, "'%s': a frame the handler did not answer", _device.c_str());
+        // An ASCII frame needs no silence before it: the bytes after this one may hold one.
+        if (_framing.ascii && !_unfed.empty()) {
+            _framer->hunt();
+            feed(0);
+            return;
+        }
         reset_flags();
         read_more();
         return;
@@ -282,7 +306,12 @@ void CSerialConnection::write(const uint8_t* data, size_t size) {
     // A late answer for a port that has been closed meanwhile goes nowhere.
     if (!_port.is_open())
         return;
+    const auto line = _framer->encode(data, size);
+    data = line.first;
+    size = line.second;
     LOG_DUMP(SS_SERIAL_IO, 6, data, size, "Sending");
+    if (_local_echo)
+        _echo.expect(data, size);
     auto me = self();
     // The handler keeps the bytes until it is called again, which is after the write.
     boost::asio::async_write(
@@ -305,7 +334,7 @@ void CSerialConnection::handle_write(const boost::system::error_code& error) {
     // continues whatever the leftovers began.
     const bool waited = input_waiting();
     if (!_unfed.empty()) {
-        _framer.expect_frame();
+        _framer->expect_frame();
         int64_t now = 0;
         _last_rx = monotonic_ns(now) ? now : 0;
         _waited = waited;
@@ -317,6 +346,32 @@ void CSerialConnection::handle_write(const boost::system::error_code& error) {
     // silence a frame normally needs: the first byte after an answer may start a frame.
     reset_flags();
     _waited = waited;
-    _framer.expect_frame();
+    _framer->expect_frame();
     read_more();
+}
+
+void CSerialConnection::set_rs485(const CRs485::settings_t& settings) {
+    if (_port.is_open())
+        CRs485::apply(_port.native_handle(), settings, _device);
+}
+
+void CSerialConnection::set_response_delay(uint32_t ms) {
+    _response_delay = std::chrono::milliseconds(ms);
+    if (ms == 0)
+        _delay.reset();
+    else if (!_delay)
+        _delay = std::make_unique<boost::asio::steady_timer>(get_io_service());
+}
+
+size_t CSerialConnection::drop_echo(size_t count) {
+    bool mismatch = false;
+    const size_t echo = _echo.strip(_raw.data(), count, mismatch);
+    if (mismatch) {
+        LOG_DEBUG(SS_SERIAL_IO, 3, "'%s': the echo differs from the answer sent", _device.c_str());
+        if (_framing.counters != nullptr)
+            ++_framing.counters->echo_errors;
+    }
+    std::copy(_raw.begin() + static_cast<std::ptrdiff_t>(echo),
+              _raw.begin() + static_cast<std::ptrdiff_t>(count), _raw.begin());
+    return count - echo;
 }

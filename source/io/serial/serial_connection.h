@@ -18,11 +18,15 @@
 // port refuses is logged and the port keeps its previous value. An I/O error or the other end
 // going away ends only this connection.
 #include "io/io_messenger.h"
+#include "io/serial/ascii_framer.h"
+#include "io/serial/local_echo.h"
+#include "io/serial/rs485.h"
 #include "io/serial/rtu_framer.h"
 #include "toolkit/tk_string.h"
 #include "util/iobuf.h"
 
 #include <boost/asio/serial_port.hpp>
+#include <boost/asio/steady_timer.hpp>
 
 #include <bitset>
 #include <cstdint>
@@ -47,11 +51,15 @@ public:
                                    stop_bits_t stop_bits);
 
     // What finds the frames of a line: the slave addresses served, the length rule of a
-    // frame (CRtuFramer), and the line's counters (null: not counted).
+    // frame (CRtuFramer), and the line's counters (null: not counted). With ascii, frames are
+    // Modbus ASCII lines (CAsciiFramer) instead, abandoned after a silence of
+    // ascii_timeout_us inside one; the handler still sees and answers RTU frames.
     struct framing_t {
         std::bitset<256> served;
         CRtuFramer::length_rule_t length;
         CTransportCounters* counters = nullptr;
+        bool ascii = false;
+        int64_t ascii_timeout_us = 1000000;
     };
 
     static std::shared_ptr<CSerialConnection> create(CIoManager& manager,
@@ -74,6 +82,13 @@ public:
     void set_timing(uint32_t baud, char_size_t char_size, parity_t parity, stop_bits_t stop_bits);
     // Hands the handler its waker and starts reading.
     void start();
+    // The line driver's RS-485 settings (CRs485), once the line is set.
+    void set_rs485(const CRs485::settings_t& settings);
+    // The adapter hears what it sends: the bytes of each answer are read back and dropped
+    // (CLocalEcho), an echo that differs counted as an echo error.
+    void set_local_echo(bool on) { _local_echo = on; }
+    // Each answer waits this long, for masters that turn the bus slowly.
+    void set_response_delay(uint32_t ms);
 
     void close() override;
 
@@ -89,6 +104,8 @@ private:
     void parse();
     void act(const CProtocolHandler::action_t& action);
     void write(const uint8_t* data, size_t size);
+    // Drops the echo from the count bytes read; the count left, moved to the front.
+    size_t drop_echo(size_t count);
     void resumed() override;
     template <class Option> void apply(const Option& option, const char* what, unsigned value);
     bool input_waiting();
@@ -102,7 +119,10 @@ private:
     std::unique_ptr<CProtocolHandler> _pending; // the handler, until start()
     int64_t _char_time = 0;
     int64_t _timerT15 = 0;
-    CRtuFramer _framer;
+    CRtuFramer _rtu;
+    CAsciiFramer _ascii;
+    // The one of the two the line speaks.
+    CSerialFramer* _framer = &_rtu;
     static constexpr size_t read_size = 256;
     // Bytes as read from the port; those not yet fed to the framer.
     iobuf_t _raw;
@@ -110,4 +130,9 @@ private:
     int64_t _last_rx = 0;
     // The next read's bytes waited in the driver while an answer was written.
     bool _waited = false;
+    bool _local_echo = false;
+    CLocalEcho _echo;
+    // Holds each answer for the response delay; null without one.
+    std::unique_ptr<boost::asio::steady_timer> _delay;
+    std::chrono::milliseconds _response_delay{0};
 };

@@ -18,7 +18,7 @@ CTcpConnection::create(CIoManager& manager, handler_factory_t make_handler,
 CTcpConnection::CTcpConnection(CIoManager& manager, handler_factory_t make_handler,
                                const std::shared_ptr<boost::asio::ssl::context>& tls)
     : CIoMessenger(manager), _make_handler(std::move(make_handler)), _sock(get_io_service()),
-      _tls_context(tls), _idle(get_io_service()) {
+      _tls_context(tls), _idle(get_io_service()), _frame_timer(get_io_service()) {
     if (_tls_context)
         _tls.reset(new tls_stream_t(_sock, *_tls_context));
 }
@@ -56,6 +56,7 @@ void CTcpConnection::watch_idle(std::chrono::seconds timeout) {
 
 void CTcpConnection::serve(const CTcpListenerOptions& options) {
     _stamp_requests = options.evict_after_s > 0;
+    _frame_timeout = std::chrono::milliseconds(options.frame_timeout_ms);
     _last_request = std::chrono::steady_clock::now();
     if (!_tls) {
         watch_idle(std::chrono::seconds(options.idle_timeout_s));
@@ -146,6 +147,50 @@ void CTcpConnection::handle_idle(const boost::system::error_code& error) {
     remove();
 }
 
+void CTcpConnection::watch_frame(bool moved) {
+    if (_offset == 0) {
+        _partial = false;
+        return;
+    }
+    if (_partial && !moved)
+        return;
+    _partial = true;
+    _partial_since = std::chrono::steady_clock::now();
+    // An armed timer finds the new deadline when it expires.
+    if (!_frame_timer_armed)
+        arm_frame_timer(_partial_since + _frame_timeout);
+}
+
+void CTcpConnection::arm_frame_timer(std::chrono::steady_clock::time_point deadline) {
+    _frame_timer_armed = true;
+    std::weak_ptr<CTcpConnection> weak = self();
+    _frame_timer.expires_at(deadline);
+    _frame_timer.async_wait([weak](const boost::system::error_code& error) {
+        if (auto me = weak.lock())
+            me->handle_frame_timer(error);
+    });
+}
+
+void CTcpConnection::handle_frame_timer(const boost::system::error_code& error) {
+    LOG_STACK();
+    _frame_timer_armed = false;
+    if (error || !_sock.is_open() || !_partial)
+        return;
+    const auto now = std::chrono::steady_clock::now();
+    // Bytes waiting behind a request being answered are not late: their clock starts again.
+    if (!_reading)
+        _partial_since = now;
+    const auto deadline = _partial_since + _frame_timeout;
+    if (now < deadline) {
+        arm_frame_timer(deadline);
+        return;
+    }
+    LOG_INFO(SS_TCP_IO, 2,
+             "Closing the connection from '%s': %zu bytes received made no request in %lld ms",
+             peer_name().c_str(), _offset, static_cast<long long>(_frame_timeout.count()));
+    remove();
+}
+
 bool CTcpConnection::waiting_for_client() const {
     return _sock.is_open() && (_reading || (_tls && !_handshake_done));
 }
@@ -155,6 +200,7 @@ void CTcpConnection::close() {
         return;
     LOG_INFO(SS_TCP_IO, 2, "Closing socket to '%s'", peer_name().c_str());
     _idle.cancel();
+    _frame_timer.cancel();
     boost::system::error_code shutdown_error;
     _sock.shutdown(boost::asio::ip::tcp::socket::shutdown_both, shutdown_error);
     boost::system::error_code close_error;
@@ -234,6 +280,8 @@ bool CTcpConnection::act(const CProtocolHandler::action_t& action) {
     // The idle clock counts bytes; eviction counts whole requests.
     if (action.request && _stamp_requests)
         _last_request = std::chrono::steady_clock::now();
+    if (_frame_timeout.count() > 0)
+        watch_frame(action.consumed != 0);
     switch (action.kind) {
     case CProtocolHandler::action_t::READ:
         // Bytes left after a frame dropped unanswered may hold the next request.

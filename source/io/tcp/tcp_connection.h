@@ -10,7 +10,9 @@
 // arrive or an answer leaves, checked by one coarse timer, so a request costs no timer call.
 //
 // For its listener to choose whom to evict at the connection limit, it also stamps when it
-// took its client's last whole request; bytes that never make one do not count.
+// took its client's last whole request; bytes that never make one do not count. With a frame
+// time-out, bytes that wait that long while the connection reads, without its handler taking
+// them, close it; a timer runs only while such bytes wait.
 //
 // With a TLS context the connection first completes the server side of a handshake, within a
 // time-out, then hands the peer's identity to its handler and reads and writes through the
@@ -83,6 +85,10 @@ private:
     void handshake_timed_out(const boost::system::error_code& error);
     void wait_idle(std::chrono::steady_clock::time_point until);
     void handle_idle(const boost::system::error_code& error);
+    // Starts the frame clock when bytes are left at the front (moved: the front changed).
+    void watch_frame(bool moved);
+    void arm_frame_timer(std::chrono::steady_clock::time_point deadline);
+    void handle_frame_timer(const boost::system::error_code& error);
 
     handler_factory_t _make_handler;
     iobuf_t _rbuf;
@@ -108,4 +114,10 @@ private:
     std::chrono::steady_clock::time_point _last_request;
     // Without eviction nobody reads the stamp, and a request need not read the clock.
     bool _stamp_requests = false;
+    std::chrono::milliseconds _frame_timeout{0};
+    boost::asio::steady_timer _frame_timer;
+    bool _frame_timer_armed = false;
+    // Bytes wait at the front of _rbuf, since _partial_since.
+    bool _partial = false;
+    std::chrono::steady_clock::time_point _partial_since;
 };

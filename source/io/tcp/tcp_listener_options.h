@@ -29,6 +29,10 @@ struct CTcpListenerOptions {
     uint32_t evict_after_s = 10;
     // Seconds a connection may send nothing before it is closed; 0: forever.
     uint32_t idle_timeout_s = 0;
+    // Milliseconds that received bytes may wait to be taken as a request before the
+    // connection is closed: a stream whose frames are not length-prefixed cannot tell a slow
+    // request from bytes that will never make one. 0: they may wait for good.
+    uint32_t frame_timeout_ms = 0;
     CTcpAllowList allow;
     // Set: every connection speaks TLS with this context before its first request.
     std::shared_ptr<boost::asio::ssl::context> tls;

@@ -20,28 +20,16 @@ uint32_t nine_tenths(uint32_t timeout) {
 
 CModbusConfig::CModbusConfig(const CModbusSettings& settings)
     : _tcp_timeout(settings.tcp().timeout()), _block_writes(settings.block_writes()),
-      _checkpoint_frames(settings.checkpoint_pages()),
+      _checkpoint_frames(settings.checkpoint_pages()), _store_cache_kib(settings.store_cache_kib()),
       _tcp_working_limit(nine_tenths(_tcp_timeout)), _serial_timeout(settings.serial().timeout()),
       _serial_working_limit(nine_tenths(_serial_timeout)) {
     LOG_STACK();
     eds_map_t eds_map;
     parse(settings, eds_map);
 
-    for (const CModbusTcpUnitSettings& unit : settings.tcp().units()) {
-        const unit_id_t id = unit.unit_id();
-        for (const tk_string& path : unit.eds_paths())
-            LOG_DEBUG(SS_CONFIG, 5, "Unit ID %u : EDS '%s'", static_cast<unsigned>(id),
-                      path.c_str());
-        // Store data, not a programming error: the first unit keeps the id.
-        if (_tcp_map.count(id)) {
-            LOG_ERR(SS_CONFIG, 0, "Duplicate Unit ID %u; ignoring unit with device path '%s'",
-                    static_cast<unsigned>(id), unit.device_path().c_str());
-            continue;
-        }
-        _tcp_map.insert(id, std::make_unique<CModbusDeviceConfig>(unit.device_path(),
-                                                                  lookup(eds_map, unit.eds_paths()),
-                                                                  settings.zero_fill()));
-    }
+    add_units(settings.tcp().units(), settings.zero_fill(), eds_map, _tcp_map);
+    add_units(settings.tcp().rtu_over_tcp_units(), settings.zero_fill(), eds_map,
+              _rtu_over_tcp_map);
 
     for (const CModbusSerialInterfaceSettings& iface : settings.serial().interfaces()) {
         for (const CModbusSerialSlaveSettings& slave : iface.slaves()) {
@@ -65,13 +53,35 @@ CModbusConfig::CModbusConfig(const CModbusSettings& settings)
     }
     for (auto unit : _tcp_map)
         unit.second->resolve(_leaves);
+    for (auto unit : _rtu_over_tcp_map)
+        unit.second->resolve(_leaves);
     for (auto unit : _serial_map)
         unit.second->resolve(_leaves);
+}
+
+void CModbusConfig::add_units(const std::vector<CModbusTcpUnitSettings>& units, bool zero_fill,
+                              const eds_map_t& eds_map, tcp_map_t& map) {
+    for (const CModbusTcpUnitSettings& unit : units) {
+        const unit_id_t id = unit.unit_id();
+        for (const tk_string& path : unit.eds_paths())
+            LOG_DEBUG(SS_CONFIG, 5, "Unit ID %u : EDS '%s'", static_cast<unsigned>(id),
+                      path.c_str());
+        // Store data, not a programming error: the first unit keeps the id.
+        if (map.count(id)) {
+            LOG_ERR(SS_CONFIG, 0, "Duplicate Unit ID %u; ignoring unit with device path '%s'",
+                    static_cast<unsigned>(id), unit.device_path().c_str());
+            continue;
+        }
+        map.insert(id, std::make_unique<CModbusDeviceConfig>(
+                           unit.device_path(), lookup(eds_map, unit.eds_paths()), zero_fill));
+    }
 }
 
 void CModbusConfig::parse(const CModbusSettings& settings, eds_map_t& eds_map) {
     std::set<tk_string> paths;
     for (const CModbusTcpUnitSettings& unit : settings.tcp().units())
+        paths.insert(unit.eds_paths().begin(), unit.eds_paths().end());
+    for (const CModbusTcpUnitSettings& unit : settings.tcp().rtu_over_tcp_units())
         paths.insert(unit.eds_paths().begin(), unit.eds_paths().end());
     for (const CModbusSerialInterfaceSettings& iface : settings.serial().interfaces())
         for (const CModbusSerialSlaveSettings& slave : iface.slaves())
@@ -128,6 +138,11 @@ CModbusDeviceConfig* CModbusConfig::tcp_config(unit_id_t id) {
     return imap->second;
 }
 
+CModbusDeviceConfig* CModbusConfig::rtu_over_tcp_config(unit_id_t id) {
+    const auto imap = _rtu_over_tcp_map.find(id);
+    return imap == _rtu_over_tcp_map.end() ? nullptr : imap->second;
+}
+
 CModbusDeviceConfig* CModbusConfig::serial_config(unsigned int iface, slave_addr_t addr) {
     const auto imap = _serial_map.find(serial_key_t(iface, addr));
     if (imap == _serial_map.end())
@@ -153,6 +168,8 @@ size_t CModbusConfig::warn_missing_leaves(CCdsHandle& cds) const {
     };
     for (const auto& unit : _tcp_map)
         collect(*unit.second, "TCP unit " + std::to_string(unit.first));
+    for (const auto& unit : _rtu_over_tcp_map)
+        collect(*unit.second, "RTU over TCP unit " + std::to_string(unit.first));
     for (const auto& slave : _serial_map)
         collect(*slave.second, "serial interface " + std::to_string(slave.first.first) + " slave " +
                                    std::to_string(slave.first.second));

@@ -1,7 +1,7 @@
 #pragma once
 // The registry of units that request handling consults: one device configuration per TCP
-// unit id and per (serial interface number, slave address), built once at start from the
-// settings. Every mapping file is parsed once, however many units name it.
+// unit id, per RTU over TCP unit id and per (serial interface number, slave address), built
+// once at start from the settings. Every mapping file is parsed once, however many units name it.
 //
 // Construction logs, for every file that does not parse, the file's own error and then
 // "Error parsing EDS file: '<path>'", and throws CError, reported: the server must not run
@@ -35,6 +35,7 @@ public:
 
     // Null when no unit has the id (or the interface no such slave).
     CModbusDeviceConfig* tcp_config(unit_id_t id);
+    CModbusDeviceConfig* rtu_over_tcp_config(unit_id_t id);
     CModbusDeviceConfig* serial_config(unsigned int iface, slave_addr_t addr);
 
     uint32_t tcp_timeout() const { return _tcp_timeout; }
@@ -42,6 +43,7 @@ public:
     bool block_writes() const { return _block_writes; }
     // WAL frames past which the store is checkpointed at once (0: only when idle).
     uint32_t checkpoint_frames() const { return _checkpoint_frames; }
+    uint32_t store_cache_kib() const { return _store_cache_kib; }
     // Nine tenths of the time-out: the time a request may take before its answer is late.
     uint32_t tcp_working_limit() const { return _tcp_working_limit; }
     uint32_t serial_timeout() const { return _serial_timeout; }
@@ -60,6 +62,7 @@ public:
     size_t serial_count() const { return _serial_map.size(); }
     // The units in key order, for start-up reports.
     const tcp_map_t& tcp_units() const { return _tcp_map; }
+    const tcp_map_t& rtu_over_tcp_units() const { return _rtu_over_tcp_map; }
     const serial_map_t& serial_units() const { return _serial_map; }
 
     // Reads every leaf the units' register and discrete mappings name, in one batch, and
@@ -75,16 +78,20 @@ private:
     typedef std::map<tk_string, std::shared_ptr<const CEdsMapping>> eds_map_t;
 
     void parse(const CModbusSettings& settings, eds_map_t& eds_map);
+    void add_units(const std::vector<CModbusTcpUnitSettings>& units, bool zero_fill,
+                   const eds_map_t& eds_map, tcp_map_t& map);
     eds_mapvec_t lookup(const eds_map_t& eds_map, const std::vector<tk_string>& paths) const;
 
     toolkit::CLeafTable _leaves;
     tcp_map_t _tcp_map;
+    tcp_map_t _rtu_over_tcp_map;
     serial_map_t _serial_map;
     // The file each parsed mapping came from, for messages.
     std::map<const CEdsMapping*, tk_string> _eds_names;
     uint32_t _tcp_timeout;
     bool _block_writes;
     uint32_t _checkpoint_frames;
+    uint32_t _store_cache_kib;
     uint32_t _tcp_working_limit;
     uint32_t _serial_timeout;
     uint32_t _serial_working_limit;

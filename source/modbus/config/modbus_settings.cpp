@@ -17,9 +17,11 @@ const char* const zero_fill_node = "/Software/Data Servers/Modbus/Zero Fill Defa
 const char* const block_writes_node = "/Software/Data Servers/Modbus/Block Writes";
 const char* const strict_node = "/Software/Data Servers/Modbus/Strict Mapping Files";
 const char* const checkpoint_node = "/Software/Data Servers/Modbus/Checkpoint Pages";
+const char* const store_cache_node = "/Software/Data Servers/Modbus/Store Cache KiB";
 const char* const port_node =
     "/Software/System Settings/Network/Firewall Settings/Protocol/Modbus/Port/Value";
 const char* const tcp_node = "/Software/Data Servers/Modbus/Interface Type/TCP";
+const char* const interface_type_node = "/Software/Data Servers/Modbus/Interface Type";
 const char* const serial_node = "/Software/Data Servers/Modbus/Interface Type/Serial";
 
 // The name the settings' diagnostics carry, whichever helper finds the problem.
@@ -33,8 +35,8 @@ const uint32_t max_idle_s = 86400;
 // A TLS handshake takes a round trip or two; a client that needs minutes is not one.
 const uint32_t max_handshake_s = 600;
 
-tk_string unit_node(const tk_string& idstr) {
-    return tk_string(tcp_node) + "/Mappings/" + idstr;
+tk_string unit_node(const tk_string& interface_type, const tk_string& idstr) {
+    return tk_string(interface_type_node) + "/" + interface_type + "/Mappings/" + idstr;
 }
 
 tk_string interface_node(const tk_string& idstr) {
@@ -272,7 +274,10 @@ CModbusSettings::CModbusSettings(CCdsHandle& cds)
     _checkpoint_pages =
         read_number(cds, checkpoint_node, _checkpoint_pages, 0, UINT32_MAX, absent_t::info);
     LOG_DEBUG(SS_SETTINGS, 3, "Checkpoint pages: %u", _checkpoint_pages);
-    bool any = !_tcp.units().empty();
+    _store_cache_kib =
+        read_number(cds, store_cache_node, _store_cache_kib, 0, 1u << 20, absent_t::info);
+    LOG_DEBUG(SS_SETTINGS, 3, "Store cache: %u KiB", _store_cache_kib);
+    bool any = !_tcp.units().empty() || !_tcp.rtu_over_tcp_units().empty();
     for (const CModbusSerialInterfaceSettings& iface : _serial.interfaces())
         any = any || !iface.slaves().empty();
     if (!any)
@@ -296,6 +301,31 @@ CModbusTcpSettings::CModbusTcpSettings(CCdsHandle& cds) : _security(cds) {
         if (unit.valid())
             _units.push_back(std::move(unit));
     }
+    read_other_framings(cds);
+}
+
+void CModbusTcpSettings::read_other_framings(CCdsHandle& cds) {
+    const tk_string rtu = tk_string(interface_type_node) + "/RTU over TCP";
+    _rtu_over_tcp_port = read_number(cds, rtu + "/Port", 0, 0, 0xFFFF, absent_t::info);
+    LOG_DEBUG(SS_SETTINGS, 3, "RTU over TCP port: %u", _rtu_over_tcp_port);
+    // Without a port its units serve nothing: their mapping files are not even read.
+    if (_rtu_over_tcp_port != 0) {
+        for (const tk_string& idstr : children(cds, rtu + "/Mappings")) {
+            CModbusTcpUnitSettings unit(cds, idstr, "RTU over TCP");
+            if (unit.valid())
+                _rtu_over_tcp_units.push_back(std::move(unit));
+        }
+        if (_rtu_over_tcp_units.empty())
+            MB_LOG_CALL(warn, SS_SETTINGS, 0, log_name,
+                        "RTU over TCP port %u is set, but no valid unit is under '%s/Mappings'; "
+                        "every request will be refused",
+                        _rtu_over_tcp_port, rtu.c_str());
+    }
+    const tk_string udp = tk_string(interface_type_node) + "/UDP";
+    _udp_port = read_number(cds, udp + "/Port", 0, 0, 0xFFFF, absent_t::info);
+    _udp_rate_limit =
+        read_number(cds, udp + "/Rate Limit", _udp_rate_limit, 0, 1000000, absent_t::info);
+    LOG_DEBUG(SS_SETTINGS, 3, "UDP port: %u, rate limit %u a second", _udp_port, _udp_rate_limit);
 }
 
 void CModbusTcpSettings::read_listener(CCdsHandle& cds) {
@@ -419,26 +449,30 @@ void CModbusTcpSecuritySettings::read_roles(CCdsHandle& cds) {
                   absent_t::info);
 }
 
-CModbusTcpUnitSettings::CModbusTcpUnitSettings(CCdsHandle& cds, const tk_string& idstr) {
+CModbusTcpUnitSettings::CModbusTcpUnitSettings(CCdsHandle& cds, const tk_string& idstr,
+                                               const tk_string& interface_type) {
     LOG_STACK();
-    _valid = read(cds, idstr);
+    _valid = read(cds, idstr, interface_type);
 }
 
-bool CModbusTcpUnitSettings::read(CCdsHandle& cds, const tk_string& idstr) {
-    const tk_string who = "TCP unit '" + idstr + "'";
-    const tk_string node = unit_node(idstr);
+bool CModbusTcpUnitSettings::read(CCdsHandle& cds, const tk_string& idstr,
+                                  const tk_string& interface_type) {
+    const tk_string who = interface_type + " unit '" + idstr + "'";
+    const tk_string node = unit_node(interface_type, idstr);
+    const char* const type = interface_type.c_str();
     uint64_t v = 0;
     if (!read_address(cds, node, who, 0, 255, v))
         return false;
     _unit_id = static_cast<unit_id_t>(v);
-    LOG_DEBUG(SS_SETTINGS, 3, "TCP %s: Unit ID: %u", idstr.c_str(), static_cast<unsigned>(v));
+    LOG_DEBUG(SS_SETTINGS, 3, "%s %s: Unit ID: %u", type, idstr.c_str(), static_cast<unsigned>(v));
     if (!read_device_path(cds, node, who, _device_path))
         return false;
-    LOG_DEBUG(SS_SETTINGS, 3, "TCP %s: device path: '%s'", idstr.c_str(), _device_path.c_str());
+    LOG_DEBUG(SS_SETTINGS, 3, "%s %s: device path: '%s'", type, idstr.c_str(),
+              _device_path.c_str());
     if (!read_eds_paths(cds, node, who, _eds_paths))
         return false;
     for (const tk_string& path : _eds_paths)
-        LOG_DEBUG(SS_SETTINGS, 3, "TCP %s: EDS: '%s'", idstr.c_str(), path.c_str());
+        LOG_DEBUG(SS_SETTINGS, 3, "%s %s: EDS: '%s'", type, idstr.c_str(), path.c_str());
     return true;
 }
 
@@ -486,13 +520,31 @@ CModbusSerialInterfaceSettings::CModbusSerialInterfaceSettings(CCdsHandle& cds,
     _char_size = read_number(cds, node + "/Char Size", _char_size, 5, 8, absent_t::info);
     _parity = pick(cds, node + "/Parity", {"None", "Odd", "Even"}, PARITY_NONE);
     _stop_bits = pick(cds, node + "/Stop Bits", {"1", "1.5", "2"}, STOP_ONE);
+    _protocol = static_cast<protocol_t>(pick(cds, node + "/Protocol", {"RTU", "ASCII"}, PROTOCOL_RTU));
+    if (_protocol == PROTOCOL_ASCII) {
+        _char_timeout_ms = read_number(cds, node + "/Inter-Character Timeout", _char_timeout_ms, 1,
+                                       60000, absent_t::info);
+        // ':' and the hex digits need seven bits.
+        if (_char_size < 7) {
+            MB_LOG_CALL(warn, SS_SETTINGS, 0, log_name,
+                        "'%s' is %u, but an ASCII line needs 7 or 8 data bits; using 7",
+                        value_path(node + "/Char Size").c_str(), _char_size);
+            _char_size = 7;
+        }
+    }
+    LOG_DEBUG(SS_SETTINGS, 3, "Serial %s: Protocol: %s, inter-character time-out %u ms",
+              idstr.c_str(), _protocol == PROTOCOL_ASCII ? "ASCII" : "RTU", _char_timeout_ms);
     LOG_DEBUG(SS_SETTINGS, 3, "Serial %s: Baud Rate: %u", idstr.c_str(), _baud_rate);
     LOG_DEBUG(SS_SETTINGS, 3, "Serial %s: Flow Control: %u", idstr.c_str(), _flow_control);
     LOG_DEBUG(SS_SETTINGS, 3, "Serial %s: Char Size: %u", idstr.c_str(), _char_size);
     LOG_DEBUG(SS_SETTINGS, 3, "Serial %s: Parity : %u", idstr.c_str(), _parity);
     LOG_DEBUG(SS_SETTINGS, 3, "Serial %s: Stop Bits: %u", idstr.c_str(), _stop_bits);
+    if (!read_role(cds, node, idstr))
+        return;
 
-    for (const tk_string& subnode : children(cds, node + "/Mappings")) {
+    // A gateway line has no slaves of its own.
+    for (const tk_string& subnode :
+         _role == ROLE_GATEWAY ? std::vector<tk_string>() : children(cds, node + "/Mappings")) {
         LOG_DEBUG(SS_SETTINGS, 3, "idstr: %s,  subnode: %s", idstr.c_str(), subnode.c_str());
         CModbusSerialSlaveSettings slave(cds, idstr, subnode);
         if (slave.valid())
@@ -527,5 +579,59 @@ bool CModbusSerialSlaveSettings::read(CCdsHandle& cds, const tk_string& iface_id
     for (const tk_string& path : _eds_paths)
         LOG_DEBUG(SS_SETTINGS, 3, "Serial %s:%s: EDS: '%s'", iface_id.c_str(), subnode.c_str(),
                   path.c_str());
+    return true;
+}
+
+bool CModbusSerialInterfaceSettings::read_role(CCdsHandle& cds, const tk_string& node,
+                                               const tk_string& idstr) {
+    // A driver that holds RTS for longer than a second is not what anyone means.
+    const uint32_t max_rts_delay_ms = 1000;
+    const uint32_t max_response_delay_ms = 10000;
+    _role = static_cast<role_t>(pick(cds, node + "/Role", {"Slave", "Gateway"}, ROLE_SLAVE));
+    _rs485.enabled = read_switch(cds, node + "/RS485", "RS485");
+    if (_rs485.enabled) {
+        _rs485.rts_on_send = read_switch(cds, node + "/RTS On Send", "RTS on send", true);
+        _rs485.rts_after_send = read_switch(cds, node + "/RTS After Send", "RTS after send");
+        _rs485.delay_before_ms = read_number(cds, node + "/RTS Delay Before", 0, 0,
+                                             max_rts_delay_ms, absent_t::info);
+        _rs485.delay_after_ms =
+            read_number(cds, node + "/RTS Delay After", 0, 0, max_rts_delay_ms, absent_t::info);
+    }
+    _local_echo = read_switch(cds, node + "/Local Echo", "Local echo");
+    if (_role == ROLE_SLAVE) {
+        _response_delay_ms = read_number(cds, node + "/Response Delay", 0, 0,
+                                         max_response_delay_ms, absent_t::info);
+        return true;
+    }
+
+    const tk_string who = "Gateway line '" + idstr + "'";
+    const tk_string list_node = node + "/Downstream";
+    const auto list = read_setting(cds, list_node);
+    if (!list)
+        return leave_out(who, list_node, "is missing: a gateway line needs the slave addresses "
+                                         "behind it");
+    CModbusRoles::set_t ids;
+    if (!CModbusRoles::parse_list(list->str(), ids) || ids.test(0) || (ids >> 248).any())
+        return leave_out(who, list_node, *list,
+                         "a list of slave addresses from 1 to 247 such as \"1-10,20\"");
+    _gateway.downstream = ids;
+    CGatewaySettings& g = _gateway;
+    g.response_timeout_ms = read_number(cds, node + "/Response Timeout", g.response_timeout_ms, 1,
+                                        UINT32_MAX, absent_t::info, likely_timeout_ms);
+    g.retries = read_number(cds, node + "/Retries", g.retries, 0, 10, absent_t::info);
+    g.turnaround_delay_ms = read_number(cds, node + "/Turnaround Delay", g.turnaround_delay_ms, 0,
+                                        60000, absent_t::info);
+    g.dead_after = read_number(cds, node + "/Dead After", g.dead_after, 0, 1000, absent_t::info);
+    g.retry_dead_s =
+        read_number(cds, node + "/Retry Dead", g.retry_dead_s, 1, max_idle_s, absent_t::info);
+    if (!children(cds, node + "/Mappings").empty())
+        MB_LOG_CALL(warn, SS_SETTINGS, 0, log_name,
+                    "%s: '%s/Mappings' is not served: a gateway line has no slaves of its own",
+                    who.c_str(), node.c_str());
+    LOG_DEBUG(SS_SETTINGS, 3,
+              "%s: %zu slaves, response time-out %u ms, %u retries, turnaround %u ms, dead after "
+              "%u, retried every %u s",
+              who.c_str(), ids.count(), g.response_timeout_ms, g.retries, g.turnaround_delay_ms,
+              g.dead_after, g.retry_dead_s);
     return true;
 }

@@ -53,6 +53,7 @@ public:
     CRequestRunner() = default;
     explicit CRequestRunner(const context_t& context) : _context(context) {}
     void set_access(const CAccessRule* access) { _context.access = access; }
+    const CAccessRule* access() const { return _context.access; }
 
     // Starts the request in pdu (which must live until the answer) for unit, addressed as
     // unit_id; a broadcast is carried out and answered by nobody.

@@ -8,6 +8,7 @@
 #include <vector>
 
 class CEventQueue;
+class CGatewayRouter;
 class CModbusConfig;
 class CModbusRoles;
 class CStoreAccess;
@@ -19,6 +20,11 @@ struct CModbusServices {
     const CEventQueue* events = nullptr;
     // The TCP transport's counters; null: not counted.
     CTransportCounters* tcp_counters = nullptr;
+    // The RTU over TCP and UDP transports' counters; null: not counted.
+    CTransportCounters* rtu_over_tcp_counters = nullptr;
+    CTransportCounters* udp_counters = nullptr;
     // What each role of a secure TCP client may ask. Null: secure clients may ask nothing.
     const CModbusRoles* roles = nullptr;
+    // The gateway lines, for units that no local unit serves; null: none.
+    CGatewayRouter* gateway = nullptr;
 };

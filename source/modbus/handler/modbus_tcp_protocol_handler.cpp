@@ -23,7 +23,7 @@ constexpr size_t header_size = 7;
 
 CModbusTcpProtocolHandler::CModbusTcpProtocolHandler(const CModbusServices& services)
     : CModbusProtocolHandler(*services.store, tcp_context(services),
-                             services.config->tcp_timeout()),
+                             services.config->tcp_timeout(), services.gateway),
       _services(services) {
     if (CTransportCounters* counters = _services.tcp_counters) {
         ++counters->open;
@@ -72,6 +72,8 @@ CProtocolHandler::action_t CModbusTcpProtocolHandler::received(iobuf_const_iter_
     const unit_id_t unit_id = _adu.header.unit_id;
     const CModbusDeviceConfig* device = _services.config->tcp_config(unit_id);
     if (device == nullptr) {
+        if (forwards(unit_id, _adu.pdu))
+            return act(forward(_adu.pdu, unit_id), consumed);
         LOG_DEBUG(SS_TCP_PROTOCOL, 2, "Received request for unknown UnitID %u", unit_id);
         if (_services.tcp_counters != nullptr)
             ++_services.tcp_counters->unknown_units;

@@ -1,9 +1,10 @@
 #pragma once
 // The protocol handler of one Modbus TCP connection: MBAP framing, requests with another
-// protocol id than 0 dropped silently, the unit chosen by unit id (exception 10 when no unit
-// has it), answers echoing the request's header. A client of the secure port has a role (from
-// its certificate) that limits the functions and units it may ask for. The connection counts
-// as open from the handler's making to its end.
+// protocol id than 0 dropped silently, the unit chosen by unit id (forwarded when a gateway
+// line serves it, else exception 10 when no unit has it), answers echoing the request's
+// header. A client of the secure port has a role (from its certificate) that limits the
+// functions and units it may ask for, behind a gateway too. The connection counts as open
+// from the handler's making to its end.
 #include "modbus/handler/modbus_protocol_handler.h"
 #include "modbus/handler/modbus_services.h"
 #include "modbus/protocol/tcp/modbus_tcp_adu.h"
