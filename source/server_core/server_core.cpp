@@ -364,6 +364,12 @@ tk_string CServerCore::add_transports(CIoManager& manager) {
     const CModbusTcpSecuritySettings& security = _settings->tcp().security();
     _roles = security.roles();
     _services.roles = &_roles;
+    // Before the first listener: a listener may make a handler at once (UDP does).
+    if (!_gateway->empty()) {
+        boost::asio::io_context& io = manager.service();
+        _gateway->set_defer([&io](std::function<void()> done) { boost::asio::post(io, done); });
+        _services.gateway = _gateway.get();
+    }
     const CModbusServices& services = _services;
     const handler_factory_t tcp_handler = [&services] {
         return std::make_unique<CModbusTcpProtocolHandler>(services);
@@ -401,11 +407,6 @@ tk_string CServerCore::add_transports(CIoManager& manager) {
 
     add_other_framings(manager, served);
 
-    if (!_gateway->empty()) {
-        boost::asio::io_context& io = manager.service();
-        _gateway->set_defer([&io](std::function<void()> done) { boost::asio::post(io, done); });
-        _services.gateway = _gateway.get();
-    }
     using C = CSerialConnection;
     for (const auto& iface : _settings->serial().interfaces()) {
         CTransportCounters* line = &_serial_counters[iface.number()];

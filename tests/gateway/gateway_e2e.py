@@ -2,8 +2,9 @@
 """The gateway end to end: the real modbus_server on the demo store with three gateway lines
 on socat pseudo-terminals. Line GW1 has a libmodbus slave (rtu_test_slave) answering for
 address 5, and lists 6 too, which nobody answers; GW2 lists 7 and has no slave at all; GW3
-lists 8, whose slave's line echoes what it is sent. Masters: pymodbus and libmodbus
-(modbus_load, mbpoll) over TCP, pymodbus over TLS, and raw MBAP frames.
+lists 8, whose slave's line echoes what it is sent; GW4 lists 9 on a port that does not
+exist. Masters: pymodbus and libmodbus (modbus_load) over TCP, pymodbus over TLS, raw MBAP
+frames over TCP and UDP, and raw RTU frames over TCP.
 
 usage: gateway_e2e.py BUILD_DIR SOURCE_DIR
 """
@@ -29,7 +30,9 @@ logging.basicConfig(level=logging.CRITICAL)
 
 SERIAL = "/Software/Data Servers/Modbus/Interface Type/Serial/Interface"
 SECURITY = "/Software/Data Servers/Modbus/Interface Type/TCP/Security"
+TYPES = "/Software/Data Servers/Modbus/Interface Type"
 TIMEOUT_MS = 300
+TURNAROUND_MS = 200
 
 
 class GatewayRig(Rig):
@@ -49,7 +52,8 @@ class GatewayRig(Rig):
         self.slave("GW1", "5")
         self.slave("GW3", "8", "--echo")
         settings = {}
-        for line, units, more in (("GW1", "5,6", {"Dead After": 2, "Retry Dead": 2}),
+        for line, units, more in (("GW1", "5,6", {"Dead After": 2, "Retry Dead": 2,
+                                                   "Turnaround Delay": TURNAROUND_MS}),
                                   ("GW2", "7", {}), ("GW3", "8", {"Local Echo": "true"})):
             node = f"{SERIAL}/{line}"
             settings.update({f"{node}/Serial Port/Value": self.ptys[line][0],
@@ -58,6 +62,12 @@ class GatewayRig(Rig):
                              f"{node}/Response Timeout/Value": TIMEOUT_MS,
                              f"{node}/RS485/Value": "true"})
             settings.update({f"{node}/{k}/Value": v for k, v in more.items()})
+        settings.update({f"{SERIAL}/GW4/Serial Port/Value": os.path.join(self.dir, "no-such-tty"),
+                         f"{SERIAL}/GW4/Role/Value": "Gateway",
+                         f"{SERIAL}/GW4/Downstream/Value": "9"})
+        self.rtu_port, self.udp_port = free_port(), free_port()
+        settings.update({f"{TYPES}/RTU over TCP/Port/Value": self.rtu_port,
+                         f"{TYPES}/UDP/Port/Value": self.udp_port})
         node = f"{SERIAL}/COM1"
         settings.update({f"{node}/Serial Port/Value": self.ptys["COM1"][0],
                          f"{node}/Local Echo/Value": "true", f"{node}/Response Delay/Value": 50,
@@ -191,19 +201,42 @@ def mbap(tid, unit, pdu):
 
 
 def broadcast(rig):
+    """A broadcast and a read behind it on one connection: the read waits for the line's
+    Turnaround Delay, and is the only thing answered."""
     s = socket.create_connection(("127.0.0.1", rig.port))
-    s.settimeout(0.5)
-    s.sendall(mbap(1, 0, struct.pack(">BHH", 6, 2, 4321)))
+    s.settimeout(3)
+    s.sendall(mbap(1, 0, struct.pack(">BHH", 6, 2, 4321)) + mbap(2, 5, struct.pack(">BHH", 3, 2, 1)))
+    got, took = timed(lambda: s.recv(100))
+    check("the broadcast reached the slave, and is not answered",
+          (got[:2], got[-2:]), (struct.pack(">H", 2), struct.pack(">H", 4321)))
+    check("the bus rests for the Turnaround Delay after a broadcast", took >= TURNAROUND_MS / 1000,
+          True)
+    s.settimeout(0.3)
     try:
         got = s.recv(100)
     except socket.timeout:
         got = None
-    check("a broadcast gets no answer", got, None)
-    # The next request on the same connection is served.
-    s.settimeout(3)
-    s.sendall(mbap(2, 5, struct.pack(">BHH", 3, 2, 1)))
-    check("the broadcast reached the slave", s.recv(100)[-2:], struct.pack(">H", 4321))
+    check("nothing more comes", got, None)
     s.close()
+
+
+def other_ways_in(rig):
+    """Modbus/UDP and RTU over TCP reach the slaves too; a line whose port does not open
+    answers exception 10."""
+    u = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+    u.settimeout(3)
+    u.sendto(mbap(7, 5, struct.pack(">BHH", 3, 0, 2)), ("127.0.0.1", rig.udp_port))
+    check("UDP through the gateway", u.recv(100), mbap(7, 5, bytes([3, 4, 0, 0, 0, 10])))
+    u.close()
+    t = socket.create_connection(("127.0.0.1", rig.rtu_port))
+    t.settimeout(3)
+    t.sendall(rtu(bytes([5, 3, 0, 1, 0, 1])))
+    check("RTU over TCP through the gateway", t.recv(100), rtu(bytes([5, 3, 2, 0, 10])))
+    t.close()
+    c = rig.client()
+    check("a line that did not open: exception 10",
+          exception_of(c.read_holding_registers(0, 1, slave=9)), 10)
+    c.close()
 
 
 def dead_slave(rig):
@@ -282,5 +315,5 @@ def slave_echo_and_delay(rig):
 
 if __name__ == "__main__":
     sys.exit(e2e_rig.main(__doc__, GatewayRig, reads_and_writes, echo_line, silent_line,
-                          eight_masters, broadcast, dead_slave, roles, start_up_refusals,
+                          eight_masters, broadcast, other_ways_in, dead_slave, roles, start_up_refusals,
                           slave_echo_and_delay))

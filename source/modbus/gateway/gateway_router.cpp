@@ -8,6 +8,10 @@ CGatewayRouter::CGatewayRouter(const CModbusSettings& settings) {
     for (const CModbusTcpUnitSettings& unit : settings.tcp().units())
         claimed[unit.unit_id()] = "TCP unit " + std::to_string(unit.unit_id()) + " of '" +
                                   unit.device_path() + "'";
+    for (const CModbusTcpUnitSettings& unit : settings.tcp().rtu_over_tcp_units())
+        if (claimed[unit.unit_id()].empty())
+            claimed[unit.unit_id()] = "RTU over TCP unit " + std::to_string(unit.unit_id()) +
+                                      " of '" + unit.device_path() + "'";
     for (const CModbusSerialInterfaceSettings& iface : settings.serial().interfaces()) {
         if (iface.role() != CModbusSerialInterfaceSettings::ROLE_GATEWAY)
             continue;

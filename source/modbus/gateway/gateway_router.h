@@ -1,7 +1,8 @@
 #pragma once
 // Which gateway line serves which unit id: one CGatewayLine per serial interface whose Role is
-// Gateway, built from the settings at start. A unit id claimed twice, by a TCP unit and a
-// gateway line or by two lines, stops start-up: the constructor throws CError naming both.
+// Gateway, built from the settings at start. A unit id claimed twice, by a local unit (TCP or
+// RTU over TCP) and a gateway line or by two lines, stops start-up: the constructor throws
+// CError naming both.
 // Read-only once built but for the lines themselves; everything is for the I/O thread.
 #include "modbus/config/modbus_settings.h"
 #include "modbus/gateway/gateway_line.h"

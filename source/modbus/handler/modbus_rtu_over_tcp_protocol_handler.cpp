@@ -2,6 +2,7 @@
 
 #include "modbus/config/modbus_config.h"
 #include "modbus/core/modbus_function.h"
+#include "modbus/gateway/gateway_router.h"
 #include "util/crc16.h"
 #include "util/log.h"
 
@@ -20,10 +21,15 @@ CRequestRunner::context_t stream_context(const CModbusServices& services) {
 CModbusRtuOverTcpProtocolHandler::CModbusRtuOverTcpProtocolHandler(
     const CModbusServices& services)
     : CModbusProtocolHandler(*services.store, stream_context(services),
-                             services.config->tcp_timeout()),
+                             services.config->tcp_timeout(), services.gateway),
       _services(services), _counters(services.rtu_over_tcp_counters) {
     for (const auto& unit : _services.config->rtu_over_tcp_units())
         _served.set(unit.first);
+    // A frame for a slave behind a gateway line starts where a local unit's would.
+    if (_services.gateway != nullptr)
+        for (unsigned unit = 1; unit < 256; ++unit)
+            if (_services.gateway->line_for(static_cast<uint8_t>(unit)) != nullptr)
+                _served.set(unit);
     if (_counters != nullptr) {
         ++_counters->open;
         ++_counters->total;
@@ -85,6 +91,8 @@ CProtocolHandler::action_t CModbusRtuOverTcpProtocolHandler::received(iobuf_cons
     }
     const CModbusDeviceConfig* device = _services.config->rtu_over_tcp_config(_adu.address);
     if (device == nullptr) {
+        if (forwards(_adu.address, _adu.pdu))
+            return act(forward(_adu.pdu, _adu.address), length);
         LOG_DEBUG(SS_TCP_PROTOCOL, 2, "Received request for unknown unit %u",
                   static_cast<unsigned>(_adu.address));
         if (_counters != nullptr)

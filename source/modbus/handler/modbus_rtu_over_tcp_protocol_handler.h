@@ -8,8 +8,9 @@
 // frame could start (a served address, a function code served, and a good CRC where the whole
 // frame is there); so are bytes that start no frame a served function code could. Bytes that
 // may still become a frame are kept: the connection's frame time-out ends a stream that never
-// completes one. A frame for an address no unit has is answered with exception 10, as over
-// TCP, but for address 0, a broadcast, which nobody answers. A unit's diagnostics are those of
+// completes one. A frame for an address behind a gateway line is forwarded there, as over TCP;
+// one for an address nobody has is answered with exception 10, but for address 0, a
+// broadcast, which nobody answers. A unit's diagnostics are those of
 // a TCP unit (no listen-only mode). The connection counts as open from the handler's making
 // to its end.
 #include "modbus/handler/modbus_protocol_handler.h"

@@ -22,7 +22,7 @@ constexpr size_t length_field_end = 6;
 
 CModbusUdpProtocolHandler::CModbusUdpProtocolHandler(const CModbusServices& services)
     : CModbusProtocolHandler(*services.store, udp_context(services),
-                             services.config->tcp_timeout()),
+                             services.config->tcp_timeout(), services.gateway),
       _services(services), _counters(services.udp_counters) {}
 
 CProtocolHandler::action_t CModbusUdpProtocolHandler::received(iobuf_const_iter_t begin,
@@ -51,6 +51,8 @@ CProtocolHandler::action_t CModbusUdpProtocolHandler::received(iobuf_const_iter_
     const unit_id_t unit_id = _adu.header.unit_id;
     const CModbusDeviceConfig* device = _services.config->tcp_config(unit_id);
     if (device == nullptr) {
+        if (forwards(unit_id, _adu.pdu))
+            return act(forward(_adu.pdu, unit_id));
         LOG_DEBUG(SS_TCP_PROTOCOL, 2, "Received request for unknown UnitID %u", unit_id);
         if (_counters != nullptr)
             ++_counters->unknown_units;

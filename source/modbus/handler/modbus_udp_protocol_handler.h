@@ -2,8 +2,9 @@
 // The protocol handler of Modbus/UDP: one request per datagram, MBAP-framed as over TCP, for
 // the TCP units. A datagram whose MBAP length disagrees with its size (a frame cut short, two
 // frames in one, bytes after a frame) holds no request: it is dropped unanswered and counted.
-// Otherwise as a TCP connection's handler: another protocol id than 0 is dropped silently, an
-// unknown unit id answered with exception 10, and every answer echoes the request's header.
+// Otherwise as a TCP connection's handler: another protocol id than 0 is dropped silently, a
+// unit id behind a gateway line forwarded there, another unknown one answered with exception
+// 10, and every answer echoes the request's header.
 //
 // The units are the TCP ones, so their diagnostics report the TCP transport's bus counters
 // whichever way they are asked; the UDP transport's own counters are its statistics.
