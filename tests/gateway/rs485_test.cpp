@@ -1,5 +1,7 @@
 // RS-485 set-up: the read-modify-write of the driver's settings through a stand-in for the
-// driver's state, and a real pty, whose driver has no RS-485 settings.
+// driver's state, and a real pty, whose driver has no RS-485 settings; and the echo of a
+// two-wire adapter, as it may come in pieces.
+#include "io/serial/local_echo.h"
 #include "io/serial/rs485.h"
 #include "support/subsystem_log.h"
 
@@ -99,6 +101,24 @@ BOOST_AUTO_TEST_CASE(a_pty_has_no_rs485_settings) {
     BOOST_TEST(CRs485::apply(pty, enabled(true, false, 1, 1), "pty") == CRs485::UNSUPPORTED);
     ::close(pty);
     ::close(master);
+}
+
+BOOST_AUTO_TEST_CASE(local_echo_in_pieces_and_differing) {
+    CLocalEcho echo;
+    const uint8_t sent[] = {5, 3, 0, 0, 0, 1, 0x84, 0x4e};
+    echo.expect(sent, sizeof sent);
+    bool mismatch = true;
+    // The echo split over two reads, the slave's answer right behind it.
+    BOOST_TEST(echo.strip(sent, 5, mismatch) == 5u);
+    BOOST_TEST((!mismatch && echo.pending()));
+    const uint8_t rest[] = {1, 0x84, 0x4e, 5, 3};
+    BOOST_TEST(echo.strip(rest, sizeof rest, mismatch) == 3u);
+    BOOST_TEST((!mismatch && !echo.pending()));
+    // A byte that differs ends the echo there; it and what follows are the line's.
+    echo.expect(sent, sizeof sent);
+    const uint8_t collided[] = {5, 3, 0xff, 0};
+    BOOST_TEST(echo.strip(collided, sizeof collided, mismatch) == 2u);
+    BOOST_TEST((mismatch && !echo.pending()));
 }
 
 BOOST_AUTO_TEST_SUITE_END()
