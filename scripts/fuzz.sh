@@ -18,6 +18,7 @@ seconds=${FUZZ_SECONDS:-60}
 build=${FUZZ_BUILD:-build-fuzz}
 all_targets=(tcp_request eds store_json settings profiler_rows)
 [ -f fuzz/rtu_frame.cpp ] && all_targets+=(rtu_frame)
+[ -f fuzz/gateway_answer.cpp ] && all_targets+=(gateway_answer)
 targets=("$@")
 [ ${#targets[@]} -eq 0 ] && targets=("${all_targets[@]}")
 
@@ -28,6 +29,7 @@ max_len() {
     tcp_request) echo 1024 ;;
     settings) echo 256 ;;
     rtu_frame) echo 1024 ;;
+    gateway_answer) echo 1024 ;;
     *) echo 4096 ;;
     esac
 }

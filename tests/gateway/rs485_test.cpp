@@ -52,7 +52,8 @@ BOOST_AUTO_TEST_CASE(only_the_owned_fields_change) {
     CDriverState driver;
     // What the board's device tree set up stays: termination, receiving while sending, and
     // the addressing fields.
-    driver.state.flags = SER_RS485_TERMINATE_BUS | SER_RS485_RX_DURING_TX | SER_RS485_RTS_AFTER_SEND;
+    driver.state.flags =
+        SER_RS485_TERMINATE_BUS | SER_RS485_RX_DURING_TX | SER_RS485_RTS_AFTER_SEND;
     driver.state.addr_recv = 0x12;
     BOOST_TEST(CRs485::apply(driver, enabled(true, false, 5, 7), "/dev/ttyS1") == CRs485::APPLIED);
     BOOST_TEST(driver.state.flags == (SER_RS485_ENABLED | SER_RS485_RTS_ON_SEND |
