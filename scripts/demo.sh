@@ -3,14 +3,22 @@
 # modbus_server on it in the foreground (Ctrl-C stops it). With DEMO_SERIAL=1 the demo also
 # serves Modbus RTU on a pseudo-terminal pair made by socat. With DEMO_TLS=1 it makes test
 # certificates (scripts/tls-certs.sh) and serves the secure port, 802 (DEMO_TLS_PORT; 8802
-# when not run as root), with roles Operator and Viewer. The scratch folder goes when the
-# demo ends, unless DEMO_DIR named it. Arguments are passed on to modbus_server.
+# when not run as root), with roles Operator and Viewer. With DEMO_GATEWAY=1 the server is
+# also the RTU master of a serial line (a socat pty pair) with two simulated slaves behind it,
+# 10 and 11 (rtu_test_slave), which TCP masters reach through it. The scratch folder goes when
+# the demo ends, unless DEMO_DIR named it. DEMO_BUILD=DIR runs the programs already built in
+# DIR instead of building build/. Arguments are passed on to modbus_server.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 root=$(pwd)
-bash scripts/deps.sh
-echo "Building into build/ (the first build takes a few minutes)..."
-bash scripts/build.sh build
+if [ -n "${DEMO_BUILD:-}" ]; then
+    build=$(cd "$DEMO_BUILD" && pwd)
+else
+    bash scripts/deps.sh
+    echo "Building into build/ (the first build takes a few minutes)..."
+    bash scripts/build.sh build
+    build=$root/build
+fi
 
 if [ -n "${DEMO_DIR:-}" ]; then
     dir=$DEMO_DIR
@@ -22,7 +30,7 @@ fi
 mkdir -p "$dir"
 export CDS_STORE="$dir/store.db"
 rm -f "$CDS_STORE" "$CDS_STORE-wal" "$CDS_STORE-shm"
-cdsctl="$root/build/cdsctl"
+cdsctl="$build/cdsctl"
 
 pids=()
 cleanup() {
@@ -69,8 +77,29 @@ if [ "${DEMO_TLS:-0}" = 1 ]; then
 EOF
     "$cdsctl" load "$dir/tls.json" >/dev/null
 fi
+if [ "${DEMO_GATEWAY:-0}" = 1 ]; then
+    socat pty,raw,echo=0,link="$dir/ttyGateway" pty,raw,echo=0,link="$dir/ttySlaves" &
+    pids+=($!)
+    for _ in $(seq 50); do [ -e "$dir/ttySlaves" ] && break; sleep 0.1; done
+    # Two slaves on one line, as two meters on one RS-485 bus.
+    "$build/rtu_test_slave" "$dir/ttySlaves" 10,11 >/dev/null &
+    pids+=($!)
+    cat >"$dir/gateway.json" <<EOF
+{ "Software": { "Data Servers": { "Modbus": { "Interface Type": { "Serial": {
+  "Timeout": { "Value": { "\$type": "uint", "\$value": 1000 } },
+  "Interface": { "GW1": {
+    "Serial Port": { "Value": "$dir/ttyGateway" },
+    "Baud Rate": { "Value": { "\$type": "uint", "\$value": 19200 } },
+    "Role": { "Value": "Gateway" },
+    "Downstream": { "Value": "10,11" },
+    "Response Timeout": { "Value": { "\$type": "uint", "\$value": 200 } }
+  } }
+} } } } } }
+EOF
+    "$cdsctl" load "$dir/gateway.json" >/dev/null
+fi
 # The statistics leaves of the units configured (the server fills but never creates leaves).
-"$root/build/modbus_server" -Ns --statistics-leaves >"$dir/statistics.json"
+"$build/modbus_server" -Ns --statistics-leaves >"$dir/statistics.json"
 "$cdsctl" load "$dir/statistics.json" >/dev/null
 # A few historical events for the event registers.
 now=$(date -u +%s)
@@ -87,12 +116,18 @@ Modbus TCP on port 5020, units 1 and 2. In another terminal try:
   mbpoll -m tcp -p 5020 -a 1 -r 9 -c 3 -t 4 127.0.0.1        # voltage, current (registers 8-9)
   mbpoll -m tcp -p 5020 -a 1 -r 1 -c 3 -t 0 -1 127.0.0.1     # coils 0-2
   mbpoll -m tcp -p 5020 -a 1 -r 28 -t 4 -1 127.0.0.1 2351    # write the setpoint (235.1 V)
-  CDS_STORE=$CDS_STORE build/modbus_profiler -u 1 -d         # the unit's map as CSV
-  CDS_STORE=$CDS_STORE build/cdsctl dump "/Software/Data Servers/Modbus/Statistics"  # counters
+  CDS_STORE=$CDS_STORE $build/modbus_profiler -u 1 -d         # the unit's map as CSV
+  CDS_STORE=$CDS_STORE $build/cdsctl dump "/Software/Data Servers/Modbus/Statistics"  # counters
 MSG
 if [ "${DEMO_SERIAL:-0}" = 1 ]; then
     echo "Modbus RTU slave 1 at 19200 8E1 on $dir/ttyClient:"
     echo "  mbpoll -m rtu -b 19200 -P even -a 1 -r 9 -c 3 -t 4 $dir/ttyClient"
+fi
+if [ "${DEMO_GATEWAY:-0}" = 1 ]; then
+    echo "RTU slaves 10 and 11 behind the gateway line $dir/ttyGateway, through TCP port 5020:"
+    echo "  mbpoll -m tcp -p 5020 -a 10 -r 1 -c 4 -t 4 -1 127.0.0.1         # registers 0-3 of slave 10"
+    echo "  mbpoll -m tcp -p 5020 -a 11 -r 4 -t 4 -1 127.0.0.1 1234         # write register 3 of slave 11"
+    echo "  mbpoll -m tcp -p 5020 -a 12 -r 1 -t 4 -1 127.0.0.1              # nobody's: exception 10"
 fi
 if [ "${DEMO_TLS:-0}" = 1 ]; then
     echo "Modbus TCP over TLS on port $tls_port, certificates in $dir/tls:"
@@ -100,4 +135,4 @@ if [ "${DEMO_TLS:-0}" = 1 ]; then
     echo "  scripts/modbus_tls_client.py $dir/tls client-Viewer --port $tls_port read 27   # writes: exception 1"
 fi
 echo "Stop the server with Ctrl-C."
-"$root/build/modbus_server" -Ns -D 2 -e "$CDS_STORE" "$@"
+"$build/modbus_server" -Ns -D 2 -e "$CDS_STORE" "$@"
