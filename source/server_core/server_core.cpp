@@ -7,7 +7,7 @@
 #include "io/serial/serial_connection.h"
 #include "io/serial/serial_master.h"
 #include "io/tcp/tcp_listener.h"
-#include "io/tls/tls_context.h"
+#include "io/tls/tls_loader.h"
 #include "io/udp/udp_listener.h"
 #include "io/watchdog_timer.h"
 #include "modbus/config/modbus_config.h"
@@ -390,9 +390,10 @@ tk_string CServerCore::add_transports(CIoManager& manager) {
     if (security.port() != 0) {
         CTcpListenerOptions secure = access;
         try {
-            secure.tls = CTlsContext::create(security.certificate(), security.private_key(),
-                                             security.ca_bundle(), security.tls12_ciphers());
-        } catch (const CTlsContext::error& e) {
+            // OpenSSL is loaded here, and only here.
+            secure.tls = CTlsLoader::engine(security.certificate(), security.private_key(),
+                                            security.ca_bundle(), security.tls12_ciphers());
+        } catch (const CTlsLoader::error& e) {
             throw LOGGED(init_err("Couldn't open the secure Modbus TCP port " +
                                   std::to_string(security.port()) + ": " + e.what()));
         }

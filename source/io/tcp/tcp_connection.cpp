@@ -1,7 +1,6 @@
 #include "io/tcp/tcp_connection.h"
 
 #include "io/protocol_handler.h"
-#include "io/tls/tls_context.h"
 #include "util/log.h"
 
 #include <boost/asio/write.hpp>
@@ -10,17 +9,17 @@
 
 std::shared_ptr<CTcpConnection>
 CTcpConnection::create(CIoManager& manager, handler_factory_t make_handler,
-                       const std::shared_ptr<boost::asio::ssl::context>& tls) {
+                       const std::shared_ptr<CTlsEngine>& tls) {
     return std::shared_ptr<CTcpConnection>(
         new CTcpConnection(manager, std::move(make_handler), tls));
 }
 
 CTcpConnection::CTcpConnection(CIoManager& manager, handler_factory_t make_handler,
-                               const std::shared_ptr<boost::asio::ssl::context>& tls)
+                               const std::shared_ptr<CTlsEngine>& tls)
     : CIoMessenger(manager), _make_handler(std::move(make_handler)), _sock(get_io_service()),
-      _tls_context(tls), _idle(get_io_service()), _frame_timer(get_io_service()) {
-    if (_tls_context)
-        _tls.reset(new tls_stream_t(_sock, *_tls_context));
+      _tls_engine(tls), _idle(get_io_service()), _frame_timer(get_io_service()) {
+    if (_tls_engine)
+        _tls = _tls_engine->session(_sock);
 }
 
 CTcpConnection::~CTcpConnection() {
@@ -75,7 +74,6 @@ void CTcpConnection::serve(const CTcpListenerOptions& options) {
     });
     auto me = self();
     _tls->async_handshake(
-        boost::asio::ssl::stream_base::server,
         [me](const boost::system::error_code& error) { me->handle_handshake(error); });
 }
 
@@ -98,9 +96,9 @@ void CTcpConnection::handle_handshake(const boost::system::error_code& error) {
         return; // timed out or closed, and told so already
     if (error) {
         std::string reason = error.message();
-        const long verify = SSL_get_verify_result(_tls->native_handle());
-        if (verify != X509_V_OK)
-            reason += std::string(" (") + X509_verify_cert_error_string(verify) + ")";
+        const std::string refused = _tls->verify_failure();
+        if (!refused.empty())
+            reason += " (" + refused + ")";
         handshake_failed(reason);
         return;
     }
@@ -111,7 +109,7 @@ void CTcpConnection::handle_handshake(const boost::system::error_code& error) {
     watch_idle(_serve_idle);
     start();
     if (!_identity_oid.empty()) {
-        const auto identity = CTlsContext::peer_extension(_tls->native_handle(), _identity_oid);
+        const auto identity = _tls->peer_extension(_identity_oid);
         LOG_INFO(SS_TCP_IO, 2, "TLS client '%s' identifies as '%s'", peer_name().c_str(),
                  identity ? identity->c_str() : "");
         _prot->set_peer_identity(identity ? *identity : std::string());
@@ -316,7 +314,7 @@ void CTcpConnection::write(const uint8_t* data, size_t size) {
     };
     // The handler keeps the bytes until it is called again, which is after the write.
     if (_tls)
-        boost::asio::async_write(*_tls, boost::asio::buffer(data, size), done);
+        _tls->async_write(boost::asio::buffer(data, size), done);
     else
         boost::asio::async_write(_sock, boost::asio::buffer(data, size), done);
 }

@@ -19,9 +19,9 @@
 // TLS stream; a failed or silent handshake is reported once and ends the connection.
 #include "io/io_messenger.h"
 #include "io/tcp/tcp_listener_options.h"
+#include "io/tls/tls_engine.h"
 
 #include <boost/asio/ip/tcp.hpp>
-#include <boost/asio/ssl/stream.hpp>
 #include <boost/asio/steady_timer.hpp>
 
 #include <chrono>
@@ -36,7 +36,7 @@ public:
     // for a plain connection.
     static std::shared_ptr<CTcpConnection>
     create(CIoManager& manager, handler_factory_t make_handler,
-           const std::shared_ptr<boost::asio::ssl::context>& tls = nullptr);
+           const std::shared_ptr<CTlsEngine>& tls = nullptr);
     ~CTcpConnection() override;
 
     boost::asio::ip::tcp::socket& socket() { return _sock; }
@@ -64,10 +64,8 @@ public:
     void close() override;
 
 private:
-    using tls_stream_t = boost::asio::ssl::stream<boost::asio::ip::tcp::socket&>;
-
     CTcpConnection(CIoManager& manager, handler_factory_t make_handler,
-                   const std::shared_ptr<boost::asio::ssl::context>& tls);
+                   const std::shared_ptr<CTlsEngine>& tls);
     std::shared_ptr<CTcpConnection> self();
     // Makes the handler and reads the first request.
     void start();
@@ -95,9 +93,9 @@ private:
     // Bytes received and not yet consumed, at the front of _rbuf.
     size_t _offset = 0;
     boost::asio::ip::tcp::socket _sock;
-    // Keeps the context alive as long as the stream that uses it.
-    std::shared_ptr<boost::asio::ssl::context> _tls_context;
-    std::unique_ptr<tls_stream_t> _tls;
+    // Keeps the engine alive as long as the session it made.
+    std::shared_ptr<CTlsEngine> _tls_engine;
+    std::unique_ptr<CTlsSession> _tls;
     // What serve() was given, for after the handshake.
     std::chrono::seconds _serve_idle{0};
     std::chrono::seconds _handshake_timeout{0};

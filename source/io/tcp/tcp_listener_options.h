@@ -7,14 +7,7 @@
 #include <memory>
 #include <string>
 
-namespace boost {
-namespace asio {
-namespace ssl {
-class context;
-}
-} // namespace asio
-} // namespace boost
-
+class CTlsEngine;
 struct CTransportCounters;
 
 struct CTcpListenerOptions {
@@ -34,8 +27,9 @@ struct CTcpListenerOptions {
     // request from bytes that will never make one. 0: they may wait for good.
     uint32_t frame_timeout_ms = 0;
     CTcpAllowList allow;
-    // Set: every connection speaks TLS with this context before its first request.
-    std::shared_ptr<boost::asio::ssl::context> tls;
+    // Set: every connection speaks TLS, with sessions this engine makes, before its first
+    // request.
+    std::shared_ptr<CTlsEngine> tls;
     // Seconds a TLS client has to complete its handshake before it is dropped.
     uint32_t handshake_timeout_s = 10;
     // The certificate extension (dotted OID) whose text is handed to the protocol handler as
