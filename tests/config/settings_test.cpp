@@ -42,6 +42,18 @@ BOOST_FIXTURE_TEST_CASE(missing_values, CSettingsStore) {
     BOOST_TEST(!has_text(log.text(), "No units configured"));
 }
 
+// A device may be a gateway only: the slaves behind its line answer.
+BOOST_FIXTURE_TEST_CASE(a_gateway_line_is_something_to_serve, CSettingsStore) {
+    put(interfaces + "ttyS1/Serial Port", "/dev/ttyS1");
+    put(interfaces + "ttyS1/Role", "Gateway");
+    put(interfaces + "ttyS1/Downstream", "5-7");
+    CSubsystemLog log(SS_SETTINGS, 0);
+    const CModbusSettings s = read_settings();
+    BOOST_TEST(!has_text(log.text(), "No units configured"), log.text());
+    BOOST_REQUIRE(s.serial().interfaces().size() == 1u);
+    BOOST_TEST(s.serial().interfaces()[0].gateway().downstream.count() == 3u);
+}
+
 // One setting at a time: a value that has no use falls back to its default; one that has a
 // use but is likely a mistake is taken; either way with one warning at level 0 that names the
 // leaf, the value found and the value used. Values a bool is written as are taken silently.

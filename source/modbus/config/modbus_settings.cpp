@@ -278,12 +278,14 @@ CModbusSettings::CModbusSettings(CCdsHandle& cds)
         read_number(cds, store_cache_node, _store_cache_kib, 0, 1u << 20, absent_t::info);
     LOG_DEBUG(SS_SETTINGS, 3, "Store cache: %u KiB", _store_cache_kib);
     bool any = !_tcp.units().empty() || !_tcp.rtu_over_tcp_units().empty();
+    // A gateway line's slaves answer too: a device may be a gateway only.
     for (const CModbusSerialInterfaceSettings& iface : _serial.interfaces())
-        any = any || !iface.slaves().empty();
+        any = any || !iface.slaves().empty() ||
+              iface.role() == CModbusSerialInterfaceSettings::ROLE_GATEWAY;
     if (!any)
         LOG_WARN(SS_SETTINGS, 0,
-                 "No units configured: no valid unit under '%s/Mappings' nor slave under "
-                 "'%s/Interface'; nothing will answer",
+                 "No units configured: no valid unit under '%s/Mappings' nor slave or gateway "
+                 "line under '%s/Interface'; nothing will answer",
                  tcp_node, serial_node);
 }
 
