@@ -50,8 +50,11 @@ size_t CGatewayAnswer::frame_length(const uint8_t* request, size_t request_size,
         return frame_overhead + 1;
     case FC_DIAGNOSTICS:
     case FC_WRITE_FILE_RECORD:
-        // An echo of the request (a request frame under 2 bytes can have no echo to wait for).
-        return request_size >= 2 && request != nullptr ? request_size : by_silence;
+        // An echo of the request; of another function's request, or of one too short for an
+        // answer, the length tells nothing.
+        return request != nullptr && request_size > frame_overhead && request[1] == function
+                   ? request_size
+                   : by_silence;
     default:
         return by_silence;
     }
