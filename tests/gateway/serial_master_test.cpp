@@ -1,6 +1,6 @@
-// The master side of a line on a socat pty: the silences it keeps between frames. The test
-// plays the slave. Only lower bounds are checked: the master must not send early, however
-// slowly the test's side runs.
+// The master side of a line on a socat pty: the silences it keeps between frames, and an
+// answer that pauses inside. The test plays the slave. Only lower bounds are checked: the
+// master must not send early, however slowly the test's side runs.
 #include "io/serial/serial_master.h"
 #include "support/loop_fixture.h"
 #include "support/pty_pair.h"
@@ -31,7 +31,7 @@ bytes_t rtu(bytes_t frame) {
 struct CScript : CBusClient {
     std::vector<bytes_t> frames;
     size_t at = 0;
-    std::atomic<int> answers{0};
+    std::vector<size_t> answers;
     std::atomic<int> silences{0};
 
     frame_t next() override {
@@ -47,7 +47,7 @@ struct CScript : CBusClient {
         return f;
     }
     size_t answer_length(const uint8_t*, size_t) const override { return 7; }
-    void answered(const uint8_t*, size_t, int64_t) override { ++answers; }
+    void answered(const uint8_t*, size_t n, int64_t) override { answers.push_back(n); }
     void no_answer() override { ++silences; }
     void unavailable() override {}
 };
@@ -97,8 +97,13 @@ BOOST_AUTO_TEST_CASE(silences_between_frames, *boost::unit_test::precondition(CP
     clock_t_::time_point answered_at, broadcast_at, next_at, unused;
     BOOST_TEST(run_with([&] {
         first_frame = read_frame(fd, read.size(), unused);
+        // The answer with a pause of twice the silence after its third byte: its length is
+        // known by then, so the pause does not end it.
         const bytes_t answer = rtu({5, 3, 2, 0, 1});
-        if (::write(fd, answer.data(), answer.size()) != static_cast<ssize_t>(answer.size()))
+        if (::write(fd, answer.data(), 3) != 3)
+            return;
+        std::this_thread::sleep_for(2 * gap);
+        if (::write(fd, answer.data() + 3, 4) != 4)
             return;
         answered_at = clock_t_::now();
         broadcast = read_frame(fd, write.size(), broadcast_at);
@@ -112,7 +117,8 @@ BOOST_AUTO_TEST_CASE(silences_between_frames, *boost::unit_test::precondition(CP
     BOOST_TEST(first_frame == read);
     BOOST_TEST(broadcast == write);
     BOOST_TEST(after_broadcast == read);
-    BOOST_TEST((script.answers == 1 && script.silences == 1));
+    BOOST_TEST(script.answers == std::vector<size_t>{7});
+    BOOST_TEST(script.silences == 1);
     // 3.5 characters of silence after the answer's last byte...
     BOOST_TEST((broadcast_at - answered_at >= gap));
     // ...and the broadcast's rest after it.

@@ -122,7 +122,8 @@ void CSerialMaster::send() {
         _echo.expect(_frame.data, _frame.size);
     if (_frame.answer) {
         _state = state_t::answer;
-        arm(_sent_end + std::chrono::milliseconds(_frame.timeout_ms));
+        _deadline = _sent_end + std::chrono::milliseconds(_frame.timeout_ms);
+        arm(_deadline);
     } else {
         _state = state_t::rest;
         _bus_free = std::max(_bus_free, _sent_end + std::chrono::milliseconds(_frame.rest_ms));
@@ -185,8 +186,10 @@ void CSerialMaster::handle_read(const boost::system::error_code& error, size_t c
                 deliver();
                 return;
             }
-            // The rest of the frame, or the silence that ends it.
-            arm(now + _gap);
+            // The silence that ends a frame whose length its bytes do not tell; the rest of
+            // any other, until the answer's time-out (a loaded machine or adapter may pause
+            // inside a frame for longer than the silence).
+            arm(length == CBusClient::by_silence ? now + _gap : std::max(now + _gap, _deadline));
         } else {
             LOG_DEBUG(SS_SERIAL_IO, 4, "'%s': %zu bytes while no answer was awaited, dropped",
                       _line.device().c_str(), count);

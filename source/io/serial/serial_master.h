@@ -6,9 +6,10 @@
 //   the last byte heard, and for the rest a frame without an answer asked for.
 // - An answer is awaited for the frame's time-out, counted from the frame's end on the wire
 //   (its bytes at the line's character time, plus the RS-485 delays). Its end is the length
-//   the client reads from its first bytes or, when that cannot tell, 3.5 characters of
-//   silence; bytes still waiting in the driver when the silence seems to have come are not
-//   taken for one.
+//   the client reads from its first bytes, waited for until that time-out (a pause inside
+//   the frame does not cut it short); when the length cannot be told, it is 3.5 characters
+//   of silence, and bytes still waiting in the driver when the silence seems to have come
+//   are not taken for one.
 // - Bytes heard while no answer is awaited (a late answer, noise) are dropped, but they keep
 //   the bus busy: the next frame waits for the silence after them.
 // - With local echo, the bytes just written are read back first and dropped (CLocalEcho); an
@@ -94,5 +95,7 @@ private:
     // When the frame's first byte was written, and when its last will have left the wire.
     clock_t::time_point _sent;
     clock_t::time_point _sent_end;
+    // When the answer's time-out runs out.
+    clock_t::time_point _deadline;
     bool _kick_posted = false;
 };
