@@ -6,6 +6,7 @@
 // length its function implies, a CRC that holds, and a silence (or expect_frame) before its
 // first byte.
 #include "support/fuzz_input.h"
+#include "support/rtu_layout.h"
 
 #include "io/serial/rtu_framer.h"
 #include "modbus/core/modbus_function.h"
@@ -23,49 +24,10 @@ void check(bool ok, const char* what, size_t at) {
     }
 }
 
-uint16_t crc16(const uint8_t* p, size_t n) {
-    uint16_t crc = 0xFFFF;
-    for (size_t i = 0; i < n; ++i) {
-        crc ^= p[i];
-        for (int bit = 0; bit < 8; ++bit)
-            crc = (crc & 1) ? static_cast<uint16_t>((crc >> 1) ^ 0xA001) : crc >> 1;
-    }
-    return crc;
-}
-
 struct CByte {
     int64_t gap;
     bool start_allowed; // expect_frame() came just before it
 };
-
-// The length of an RTU request of f's function (address, PDU, CRC), as the Modbus
-// application protocol lays the requests out; 0 for a function the server does not answer.
-size_t request_frame_length(const std::vector<uint8_t>& f) {
-    switch (f[1]) {
-    case 1:
-    case 2:
-    case 3:
-    case 4:
-    case 5:
-    case 6:
-    case 8:
-        return 8;
-    case 15:
-    case 16:
-        return 9u + f[6];
-    case 11:
-    case 17:
-        return 4;
-    case 22:
-        return 10;
-    case 23:
-        return f.size() > 10 ? 13u + f[10] : 0;
-    case 43:
-        return 7;
-    default:
-        return 0;
-    }
-}
 
 } // namespace
 
@@ -137,12 +99,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
               "frame of an impossible length", at);
         check(f.back() == byte, "frame does not end with the byte just fed", at);
         check(served[f[0]], "frame for an address not served", at);
-        const size_t length = request_frame_length(f);
+        const size_t length = rtu_layout::request_length(f.data(), f.size());
         check(length != 0, "frame of an unsupported function", at);
         check(f.size() == length, "frame length differs from what its function implies", at);
-        const uint16_t crc = crc16(f.data(), f.size() - 2);
-        check(f[f.size() - 2] == (crc & 0xFF) && f[f.size() - 1] == (crc >> 8),
-              "frame with a bad CRC", at);
+        check(rtu_layout::crc_holds(f.data(), f.size()), "frame with a bad CRC", at);
         const CByte& first = line[at - f.size()];
         check(first.gap > silence || first.start_allowed, "frame without a silence before it", at);
     }

@@ -10,101 +10,16 @@
 // - every complete request of protocol 0 with a function code is answered.
 // A request that waits 20 seconds for its answer counts as a hang.
 #include "support/fuzz_log.h"
-#include "support/fuzz_store.h"
+#include "support/fuzz_server.h"
 
-#include "cds/cds_handle.h"
-#include "io/io_manager.h"
-#include "modbus/config/modbus_config.h"
-#include "modbus/config/modbus_settings.h"
 #include "modbus/handler/modbus_tcp_protocol_handler.h"
-#include "store/store_access.h"
-#include "store/store_worker.h"
 
 #include <algorithm>
-#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <vector>
 
 namespace {
-
-class CFuzzServer {
-public:
-    CFuzzServer() {
-        if (_store.store().define(CFuzzStore::sample_leaves()) != 0)
-            fuzz_setup_failed(_store.store().error());
-        auto cds = std::make_unique<CCdsHandle>();
-        const CModbusSettings settings(*cds);
-        _config = std::make_unique<CModbusConfig>(settings);
-        cds->bind(_config->leaves());
-        cds->set_auto_checkpoint(false);
-        _reader.reset(new CCdsHandle);
-        _reader->bind(_config->leaves());
-        _reader->set_auto_checkpoint(false);
-        CStoreWorker::options_t options;
-        options.fatal = [](const std::string& why) { fuzz_setup_failed(why); };
-        _worker.reset(new CStoreWorker(std::move(cds), _manager.service(), options));
-        _access.reset(new CStoreAccess(*_reader, *_worker, _manager.service()));
-        _services.config = _config.get();
-        _services.store = _access.get();
-    }
-    ~CFuzzServer() { _worker->stop(); }
-
-    // Hands request to a new connection's handler and returns what it sent back.
-    std::vector<uint8_t> exchange(const uint8_t* data, size_t size) {
-        CModbusTcpProtocolHandler handler(_services);
-        bool woken = false;
-        handler.set_waker([&woken] { woken = true; });
-        iobuf_t unread(data, data + size);
-        std::vector<uint8_t> answer;
-        CProtocolHandler::action_t action = handler.received(unread.cbegin(), unread.cend());
-        for (;;) {
-            unread.erase(unread.begin(), unread.begin() + static_cast<long>(action.consumed));
-            switch (action.kind) {
-            case CProtocolHandler::action_t::CLOSE:
-                return answer;
-            case CProtocolHandler::action_t::WAIT:
-                wait(woken);
-                action = handler.resume();
-                continue;
-            case CProtocolHandler::action_t::SEND:
-                answer.insert(answer.end(), action.data, action.data + action.size);
-                break;
-            case CProtocolHandler::action_t::READ:
-                // Nothing consumed: the rest is an incomplete frame, left waiting.
-                if (action.consumed == 0)
-                    return answer;
-                break;
-            }
-            if (unread.empty())
-                return answer;
-            action = handler.received(unread.cbegin(), unread.cend());
-        }
-    }
-
-private:
-    void wait(bool& woken) {
-        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-        boost::asio::io_context& io = _manager.service();
-        io.restart();
-        while (!woken) {
-            io.run_one_for(std::chrono::milliseconds(100));
-            if (std::chrono::steady_clock::now() > deadline) {
-                std::fprintf(stderr, "tcp_request: no answer within 20 s\n");
-                std::abort();
-            }
-        }
-        woken = false;
-    }
-
-    CFuzzStore _store;
-    CIoManager _manager;
-    std::unique_ptr<CModbusConfig> _config;
-    std::unique_ptr<CCdsHandle> _reader;
-    std::unique_ptr<CStoreWorker> _worker;
-    std::unique_ptr<CStoreAccess> _access;
-    CModbusServices _services;
-};
 
 struct CRequest {
     uint16_t tid, pid;
@@ -238,7 +153,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         fuzz_quiet_logs();
         return new CFuzzServer;
     }();
-    const std::vector<uint8_t> answer = server->exchange(data, size);
+    CModbusTcpProtocolHandler handler(server->services());
+    std::vector<uint8_t> answer;
+    for (const auto& one : server->exchange(handler, data, size))
+        answer.insert(answer.end(), one.begin(), one.end());
     if (std::getenv("FUZZ_LOG")) {
         std::fprintf(stderr, "tcp_request: answer of %zu bytes:", answer.size());
         for (const uint8_t b : answer)

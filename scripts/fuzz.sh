@@ -16,17 +16,20 @@ root=$PWD
 
 seconds=${FUZZ_SECONDS:-60}
 build=${FUZZ_BUILD:-build-fuzz}
-all_targets=(tcp_request eds store_json settings profiler_rows)
+all_targets=(tcp_request rtu_over_tcp_stream udp_datagram ascii_line eds store_json settings
+    profiler_rows)
 [ -f fuzz/rtu_frame.cpp ] && all_targets+=(rtu_frame)
 [ -f fuzz/gateway_answer.cpp ] && all_targets+=(gateway_answer)
 targets=("$@")
 [ ${#targets[@]} -eq 0 ] && targets=("${all_targets[@]}")
 
-# The longest input worth trying per target: a few pipelined TCP frames, a few dozen
-# mapping nodes or JSON leaves, eight settings leaves, a few RTU frames with their gaps.
+# The longest input worth trying per target: a few pipelined TCP or RTU frames or datagrams,
+# a few ASCII lines of the longest frame, a few dozen mapping nodes or JSON leaves, eight
+# settings leaves, a few RTU frames with their gaps.
 max_len() {
     case $1 in
-    tcp_request) echo 1024 ;;
+    tcp_request | rtu_over_tcp_stream | udp_datagram) echo 1024 ;;
+    ascii_line) echo 2048 ;;
     settings) echo 256 ;;
     rtu_frame) echo 1024 ;;
     gateway_answer) echo 1024 ;;
