@@ -64,9 +64,9 @@ inline std::shared_ptr<modbus_t> modbus_client(uint16_t port, int unit = 1) {
 
 class CServerProcess {
 public:
-    CServerProcess(const CTempDir& dir, const std::vector<tk_string>& args)
+    CServerProcess(const CTempDir& dir, const std::vector<tk_string>& args,
+                   const tk_string& exe = MB_BINARY_DIR "/modbus_server")
         : _log(dir.file("server.log")) {
-        const tk_string exe = MB_BINARY_DIR "/modbus_server";
         std::vector<char*> argv;
         argv.push_back(const_cast<char*>(exe.c_str()));
         for (const tk_string& a : args)

@@ -109,7 +109,8 @@ const CCerts& certs() {
 struct CTlsServer : CServerStore {
     explicit CTlsServer(mode_t key_mode = 0600, bool wait_serving = true,
                         const char* log_level = "1",
-                        const std::vector<std::pair<tk_string, CElement>>& more = {}) {
+                        const std::vector<std::pair<tk_string, CElement>>& more = {},
+                        const tk_string& program = MB_BINARY_DIR "/modbus_server") {
         const tk_string dir = certs().dir.path();
         const std::vector<std::pair<tk_string, CElement>> settings{
             {"Port", CElement::from_uint(tls_port)},
@@ -128,7 +129,7 @@ struct CTlsServer : CServerStore {
         const tk_string copy = "cp " + dir + "/server.key " + key_file();
         BOOST_REQUIRE_EQUAL(std::system(copy.c_str()), 0);
         BOOST_REQUIRE_EQUAL(::chmod(key_file().c_str(), key_mode), 0);
-        server.reset(new CServerProcess(store.dir(), {"-Ns", "-D", log_level}));
+        server.reset(new CServerProcess(store.dir(), {"-Ns", "-D", log_level}, program));
         if (wait_serving)
             BOOST_REQUIRE_MESSAGE(server->says("Serving Modbus TCP over TLS"), server->log());
     }
@@ -230,6 +231,20 @@ BOOST_AUTO_TEST_CASE(key_readable_by_others_stops_start_up) {
     const tk_string message = "Couldn't open the secure Modbus TCP port " +
                               std::to_string(s.tls_port) + ": private key '" + s.key_file() +
                               "' may be read by group or others (mode 0644)";
+    BOOST_TEST(has_text(s.server->log(), message), s.server->log());
+}
+
+// OpenSSL is in a module beside the program; a copy of the program elsewhere has none.
+BOOST_AUTO_TEST_CASE(a_missing_tls_module_stops_start_up) {
+    CTempDir bin;
+    const tk_string program = bin.file("modbus_server");
+    const tk_string copy = "cp " MB_BINARY_DIR "/modbus_server " + program;
+    BOOST_REQUIRE_EQUAL(std::system(copy.c_str()), 0);
+    CTlsServer s(0600, false, "1", {}, program);
+    BOOST_TEST(s.server->wait(5000) == 1, s.server->log());
+    const tk_string message = "Couldn't open the secure Modbus TCP port " +
+                              std::to_string(s.tls_port) + ": no usable TLS module: " +
+                              bin.file("modbus_tls.so") + " (missing)";
     BOOST_TEST(has_text(s.server->log(), message), s.server->log());
 }
 
