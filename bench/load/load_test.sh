@@ -46,7 +46,7 @@ set -e
 grep -q "^modbus_load: Couldn't connect to 127.0.0.1:$port: " "$work/out" || fail "refused message"
 
 for args in "--connections 0" "--port 70000" "--unit 250" "--request read7" "--duration x" \
-    "--address 65500" "--host nosuch.invalid" "--port" "-z" "extra"; do
+    "--address 65500" "--host nosuch.invalid" "--port" "-z" "extra" "--framing rtu"; do
     set +e
     # shellcheck disable=SC2086
     "$load" $args >"$work/out" 2>&1
