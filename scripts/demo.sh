@@ -5,9 +5,12 @@
 # certificates (scripts/tls-certs.sh) and serves the secure port, 802 (DEMO_TLS_PORT; 8802
 # when not run as root), with roles Operator and Viewer. With DEMO_GATEWAY=1 the server is
 # also the RTU master of a serial line (a socat pty pair) with two simulated slaves behind it,
-# 10 and 11 (rtu_test_slave), which TCP masters reach through it. The scratch folder goes when
-# the demo ends, unless DEMO_DIR named it. DEMO_BUILD=DIR runs the programs already built in
-# DIR instead of building build/. Arguments are passed on to modbus_server.
+# 10 and 11 (rtu_test_slave), which TCP masters reach through it. With DEMO_FRAMINGS=1 unit 1
+# is also served as RTU over TCP on port 5021 and over Modbus/UDP on 5022, and as slave 1 of a
+# Modbus ASCII line on a socat pty pair (8N1: a pty takes no other character size). The
+# scratch folder goes when the demo ends, unless DEMO_DIR named it. DEMO_BUILD=DIR runs the
+# programs already built in DIR instead of building build/. Arguments are passed on to
+# modbus_server.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 root=$(pwd)
@@ -98,6 +101,28 @@ if [ "${DEMO_GATEWAY:-0}" = 1 ]; then
 EOF
     "$cdsctl" load "$dir/gateway.json" >/dev/null
 fi
+if [ "${DEMO_FRAMINGS:-0}" = 1 ]; then
+    socat pty,raw,echo=0,link="$dir/ttyAscii" pty,raw,echo=0,link="$dir/ttyAsciiClient" &
+    pids+=($!)
+    for _ in $(seq 50); do [ -e "$dir/ttyAsciiClient" ] && break; sleep 0.1; done
+    unit='"Slave ID": { "Value": { "$type": "uint", "$value": 1 } },
+      "Device Path": { "Value": "/Devices/Power" },
+      "EDS Paths": { "Value": "'"$root/demo/eds/power.eds"'" }'
+    cat >"$dir/framings.json" <<EOF
+{ "Software": { "Data Servers": { "Modbus": { "Interface Type": {
+  "RTU over TCP": { "Port": { "Value": { "\$type": "uint", "\$value": 5021 } },
+    "Mappings": { "Unit1": { $unit } } },
+  "UDP": { "Port": { "Value": { "\$type": "uint", "\$value": 5022 } } },
+  "Serial": { "Interface": { "ASCII1": {
+    "Serial Port": { "Value": "$dir/ttyAscii" },
+    "Baud Rate": { "Value": { "\$type": "uint", "\$value": 9600 } },
+    "Protocol": { "Value": "ASCII" },
+    "Mappings": { "Slave1": { $unit } }
+  } } }
+} } } } }
+EOF
+    "$cdsctl" load "$dir/framings.json" >/dev/null
+fi
 # The statistics leaves of the units configured (the server fills but never creates leaves).
 "$build/modbus_server" -Ns --statistics-leaves >"$dir/statistics.json"
 "$cdsctl" load "$dir/statistics.json" >/dev/null
@@ -128,6 +153,14 @@ if [ "${DEMO_GATEWAY:-0}" = 1 ]; then
     echo "  mbpoll -m tcp -p 5020 -a 10 -r 1 -c 4 -t 4 -1 127.0.0.1         # registers 0-3 of slave 10"
     echo "  mbpoll -m tcp -p 5020 -a 11 -r 4 -t 4 -1 127.0.0.1 1234         # write register 3 of slave 11"
     echo "  mbpoll -m tcp -p 5020 -a 12 -r 1 -t 4 -1 127.0.0.1              # nobody's: exception 10"
+fi
+if [ "${DEMO_FRAMINGS:-0}" = 1 ]; then
+    py="/usr/bin/python3 -c"
+    ask='c.connect(); print(c.read_holding_registers(8, 2, slave=1).registers)'
+    echo "Unit 1 as RTU over TCP on port 5021, over Modbus/UDP on 5022, and as ASCII slave 1 at 9600 8N1 on $dir/ttyAsciiClient:"
+    echo "  $py 'from pymodbus.client import ModbusTcpClient; from pymodbus.transaction import ModbusRtuFramer; c = ModbusTcpClient(\"127.0.0.1\", port=5021, framer=ModbusRtuFramer); $ask'"
+    echo "  $py 'from pymodbus.client import ModbusUdpClient; c = ModbusUdpClient(\"127.0.0.1\", port=5022); $ask'"
+    echo "  $py 'from pymodbus.client import ModbusSerialClient; from pymodbus.transaction import ModbusAsciiFramer; c = ModbusSerialClient(\"$dir/ttyAsciiClient\", framer=ModbusAsciiFramer, baudrate=9600); $ask'"
 fi
 if [ "${DEMO_TLS:-0}" = 1 ]; then
     echo "Modbus TCP over TLS on port $tls_port, certificates in $dir/tls:"
