@@ -11,14 +11,14 @@
 #   BAUDS=9600 DUR=10 bash bench/gateway.sh
 #
 # Env: OURS_BUILD (build), KIT (../shared/bench), BENCH_OUT (/tmp/modbus-bench: the kit's
-# programs are built there), DUR, BAUDS, PORT (15040). Needs gcc, pkg-config, libmodbus-dev.
+# programs are built there), DUR, BAUDS, PORT (15050). Needs gcc, pkg-config, libmodbus-dev.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 build=$(cd "${OURS_BUILD:-build}" && pwd)
 kit=$(cd "${KIT:-../shared/bench}" && pwd)
 pb=${BENCH_OUT:-/tmp/modbus-bench}/build
 dur=${DUR:-5}
-port=${PORT:-15040}
+port=${PORT:-15050}
 mkdir -p "$pb"
 cflags=$(pkg-config --cflags libmodbus)
 libs=$(pkg-config --libs libmodbus)
