@@ -30,13 +30,15 @@ done
 
 d=$(mktemp -d /tmp/gateway-bench.XXXXXX)
 pids=()
+# Newest first: the server and the slave before the pacer whose ptys they hold.
 stop_all() {
-    local i
-    for ((i = ${#pids[@]} - 1; i >= 0; i--)); do
-        kill -TERM "${pids[i]}" 2>/dev/null || true
-        wait "${pids[i]}" 2>/dev/null || true
+    local pid
+    while [ ${#pids[@]} -gt 0 ]; do
+        pid=${pids[-1]}
+        unset 'pids[-1]'
+        kill -TERM "$pid" 2>/dev/null || true
+        wait "$pid" 2>/dev/null || true
     done
-    pids=()
 }
 trap 'stop_all; rm -rf "$d"' EXIT
 wait_for() { for _ in $(seq 100); do eval "$1" && return 0; sleep 0.05; done; echo "gateway bench: $2 never came" >&2; exit 1; }
