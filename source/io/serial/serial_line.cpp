@@ -49,9 +49,8 @@ port_t::flow_control::type flow_of(C::flow_ctrl_t flow) {
 
 CSerialLine::CSerialLine(boost::asio::io_context& io, const std::string& device,
                          const settings_t& settings)
-    : _port(io), _device(device),
-      _timing(C::rtu_timing(settings.baud, settings.char_size, settings.parity,
-                            settings.stop_bits)) {
+    : _port(io), _device(device), _timing(C::rtu_timing(settings.baud, settings.char_size,
+                                                        settings.parity, settings.stop_bits)) {
     boost::system::error_code ec;
     _port.open(device, ec);
     if (ec) {

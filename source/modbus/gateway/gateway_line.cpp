@@ -155,8 +155,8 @@ void CGatewayLine::answered(const uint8_t* data, size_t n, int64_t response_us) 
     slave.in_a_row = 0;
     if (slave.dead) {
         slave.dead = false;
-        LOG_INFO(SS_SERIAL_PROTOCOL, 0, "Gateway line '%s': slave %u answers again",
-                 _name.c_str(), static_cast<unsigned>(_current->unit));
+        LOG_INFO(SS_SERIAL_PROTOCOL, 0, "Gateway line '%s': slave %u answers again", _name.c_str(),
+                 static_cast<unsigned>(_current->unit));
     }
     // The answer's PDU as the slave sent it: between the address and the CRC.
     _current->pdu.function = data[1];
@@ -188,7 +188,8 @@ void CGatewayLine::no_answer() {
 }
 
 void CGatewayLine::retry_or_fail() {
-    if (!_trying_dead && _tries < _settings.retries && _current->state != CGatewayRequest::ABANDONED) {
+    if (!_trying_dead && _tries < _settings.retries &&
+        _current->state != CGatewayRequest::ABANDONED) {
         ++_tries;
         return; // next() sends it again
     }

@@ -85,8 +85,7 @@ private:
     // Another try, or exception 11.
     void retry_or_fail();
     // Hands the request back: with its answer, or with code as an exception.
-    void finish(const std::shared_ptr<CGatewayRequest>& request,
-                modbus_err_t code = MB_NO_ERROR);
+    void finish(const std::shared_ptr<CGatewayRequest>& request, modbus_err_t code = MB_NO_ERROR);
 
     tk_string _name;
     CGatewaySettings _settings;

@@ -6,8 +6,8 @@ CGatewayRouter::CGatewayRouter(const CModbusSettings& settings) {
     // Who claims each unit id, for the message when a second one does.
     std::array<tk_string, 256> claimed;
     for (const CModbusTcpUnitSettings& unit : settings.tcp().units())
-        claimed[unit.unit_id()] = "TCP unit " + std::to_string(unit.unit_id()) + " of '" +
-                                  unit.device_path() + "'";
+        claimed[unit.unit_id()] =
+            "TCP unit " + std::to_string(unit.unit_id()) + " of '" + unit.device_path() + "'";
     for (const CModbusTcpUnitSettings& unit : settings.tcp().rtu_over_tcp_units())
         if (claimed[unit.unit_id()].empty())
             claimed[unit.unit_id()] = "RTU over TCP unit " + std::to_string(unit.unit_id()) +
