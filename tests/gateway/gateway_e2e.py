@@ -272,14 +272,27 @@ def roles(rig):
 
 
 def start_up_refusals(rig):
-    """A unit id claimed by a TCP unit and a gateway line, and a Downstream list with 0,
-    stop the start with one message each."""
+    """A unit id claimed by a TCP or RTU-over-TCP unit and a gateway line, and a Downstream
+    list with 0, stop the start with one message each."""
     rig.ctl("set", f"{SERIAL}/GW2/Downstream/Value", "1,7")
     out = subprocess.run([rig.server_binary, "-Ns", "-c"], env=rig.env, capture_output=True,
                          text=True)
     check("clash: --check fails", out.returncode, 1)
     check("clash: the message names both", "TCP unit 1 of '/Devices/Power'" in out.stderr and
           "gateway line 'GW2'" in out.stderr, True)
+    # An RTU-over-TCP unit claims 7, which GW2 lists.
+    rig.ctl("set", f"{SERIAL}/GW2/Downstream/Value", "7")
+    unit = f"{TYPES}/RTU over TCP/Mappings/Meter"
+    rig.load_text(json.dumps({f"{unit}/Slave ID/Value": 7,
+                              f"{unit}/Device Path/Value": "/Devices/Power",
+                              f"{unit}/EDS Paths/Value":
+                                  os.path.join(rig.source, "demo", "eds", "power.eds")}),
+                  "rtu-unit.json")
+    out = subprocess.run([rig.server_binary, "-Ns", "-c"], env=rig.env, capture_output=True,
+                         text=True)
+    check("clash with an RTU-over-TCP unit: named", "RTU over TCP unit 7 of '/Devices/Power'"
+          in out.stderr and "gateway line 'GW2'" in out.stderr, True)
+    rig.ctl("rm", f"{TYPES}/RTU over TCP/Mappings", "-r")
     rig.ctl("set", f"{SERIAL}/GW2/Downstream/Value", "0-7")
     out = subprocess.run([rig.server_binary, "-Ns", "-c"], env=rig.env, capture_output=True,
                          text=True)
