@@ -11,12 +11,14 @@
 #include <poll.h>
 
 #include <atomic>
+#include <chrono>
+#include <thread>
 #include <vector>
 
 namespace {
 
 using bytes_t = std::vector<uint8_t>;
-using clock_t_ = std::chrono::steady_clock;
+using steady_clock_t = std::chrono::steady_clock;
 
 bytes_t rtu(bytes_t frame) {
     uint16_t crc = crc16::initial;
@@ -53,7 +55,7 @@ struct CScript : CBusClient {
 };
 
 // The next frame the master sends, and when its first byte came; empty after 3 s of nothing.
-bytes_t read_frame(int fd, size_t size, clock_t_::time_point& first) {
+bytes_t read_frame(int fd, size_t size, steady_clock_t::time_point& first) {
     bytes_t got;
     while (got.size() < size) {
         pollfd p{fd, POLLIN, 0};
@@ -64,7 +66,7 @@ bytes_t read_frame(int fd, size_t size, clock_t_::time_point& first) {
         if (n <= 0)
             return bytes_t();
         if (got.empty())
-            first = clock_t_::now();
+            first = steady_clock_t::now();
         got.insert(got.end(), buf, buf + n);
     }
     return got;
@@ -94,7 +96,7 @@ BOOST_AUTO_TEST_CASE(silences_between_frames, *boost::unit_test::precondition(CP
     const int fd = ::open(pty.end_b().c_str(), O_RDWR | O_NOCTTY);
     BOOST_REQUIRE(fd >= 0);
     bytes_t first_frame, broadcast, after_broadcast;
-    clock_t_::time_point answered_at, broadcast_at, next_at, unused;
+    steady_clock_t::time_point answered_at, broadcast_at, next_at, unused;
     BOOST_TEST(run_with([&] {
         first_frame = read_frame(fd, read.size(), unused);
         // The answer with a pause of twice the silence after its third byte: its length is
@@ -105,7 +107,7 @@ BOOST_AUTO_TEST_CASE(silences_between_frames, *boost::unit_test::precondition(CP
         std::this_thread::sleep_for(2 * gap);
         if (::write(fd, answer.data() + 3, 4) != 4)
             return;
-        answered_at = clock_t_::now();
+        answered_at = steady_clock_t::now();
         broadcast = read_frame(fd, write.size(), broadcast_at);
         after_broadcast = read_frame(fd, read.size(), next_at);
         // The last one is left unanswered.
