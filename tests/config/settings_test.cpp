@@ -42,14 +42,16 @@ BOOST_FIXTURE_TEST_CASE(missing_values, CSettingsStore) {
     BOOST_TEST(!has_text(log.text(), "No units configured"));
 }
 
-// A device may be a gateway only: the slaves behind its line answer.
+// A device may be a gateway only: the slaves behind its line answer, over RTU over TCP too.
 BOOST_FIXTURE_TEST_CASE(a_gateway_line_is_something_to_serve, CSettingsStore) {
     put(interfaces + "ttyS1/Serial Port", "/dev/ttyS1");
     put(interfaces + "ttyS1/Role", "Gateway");
     put(interfaces + "ttyS1/Downstream", "5-7");
+    put(modbus_node + "Interface Type/RTU over TCP/Port", uint64_t(1502));
     CSubsystemLog log(SS_SETTINGS, 0);
     const CModbusSettings s = read_settings();
     BOOST_TEST(!has_text(log.text(), "No units configured"), log.text());
+    BOOST_TEST(!has_text(log.text(), "every request will be refused"), log.text());
     BOOST_REQUIRE(s.serial().interfaces().size() == 1u);
     BOOST_TEST(s.serial().interfaces()[0].gateway().downstream.count() == 3u);
 }

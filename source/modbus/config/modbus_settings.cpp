@@ -278,10 +278,19 @@ CModbusSettings::CModbusSettings(CCdsHandle& cds)
         read_number(cds, store_cache_node, _store_cache_kib, 0, 1u << 20, absent_t::info);
     LOG_DEBUG(SS_SETTINGS, 3, "Store cache: %u KiB", _store_cache_kib);
     bool any = !_tcp.units().empty() || !_tcp.rtu_over_tcp_units().empty();
-    // A gateway line's slaves answer too: a device may be a gateway only.
-    for (const CModbusSerialInterfaceSettings& iface : _serial.interfaces())
-        any = any || !iface.slaves().empty() ||
-              iface.role() == CModbusSerialInterfaceSettings::ROLE_GATEWAY;
+    // A gateway line's slaves answer too: a device may be a gateway only, and its RTU over TCP
+    // port may serve them without units of its own.
+    bool gateway = false;
+    for (const CModbusSerialInterfaceSettings& iface : _serial.interfaces()) {
+        any = any || !iface.slaves().empty();
+        gateway = gateway || iface.role() == CModbusSerialInterfaceSettings::ROLE_GATEWAY;
+    }
+    any = any || gateway;
+    if (_tcp.rtu_over_tcp_port() != 0 && _tcp.rtu_over_tcp_units().empty() && !gateway)
+        MB_LOG_CALL(warn, SS_SETTINGS, 0, log_name,
+                    "RTU over TCP port %u is set, but no valid unit is under '%s/RTU over "
+                    "TCP/Mappings'; every request will be refused",
+                    _tcp.rtu_over_tcp_port(), interface_type_node);
     if (!any)
         LOG_WARN(SS_SETTINGS, 0,
                  "No units configured: no valid unit under '%s/Mappings' nor slave or gateway "
@@ -317,11 +326,6 @@ void CModbusTcpSettings::read_other_framings(CCdsHandle& cds) {
             if (unit.valid())
                 _rtu_over_tcp_units.push_back(std::move(unit));
         }
-        if (_rtu_over_tcp_units.empty())
-            MB_LOG_CALL(warn, SS_SETTINGS, 0, log_name,
-                        "RTU over TCP port %u is set, but no valid unit is under '%s/Mappings'; "
-                        "every request will be refused",
-                        _rtu_over_tcp_port, rtu.c_str());
     }
     const tk_string udp = tk_string(interface_type_node) + "/UDP";
     _udp_port = read_number(cds, udp + "/Port", 0, 0, 0xFFFF, absent_t::info);
