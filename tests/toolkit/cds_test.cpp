@@ -206,18 +206,6 @@ BOOST_FIXTURE_TEST_CASE(writes_convert_to_the_leaf_type, CStoreFixture) {
     BOOST_TEST(r.values[3].str() == tk_string("a\0b", 3));
 }
 
-BOOST_FIXTURE_TEST_CASE(stamps, CStoreFixture) {
-    timeval before;
-    gettimeofday(&before, nullptr);
-    set({"/Dev/Offset", "/Dev/Gain"},
-        {CElement::from_int(1), CElement::from_float(2, tv(1234, 5))});
-    CRead r = get({"/Dev/Offset", "/Dev/Gain"});
-    BOOST_TEST(r.values[0].time().tv_sec >= before.tv_sec);
-    BOOST_TEST(r.values[0].time().tv_sec <= before.tv_sec + 60);
-    BOOST_TEST(r.values[1].time().tv_sec == 1234);
-    BOOST_TEST(r.values[1].time().tv_usec == 5);
-}
-
 BOOST_FIXTURE_TEST_CASE(read_only_connection, CStoreFixture) {
     BOOST_TEST(!cds.is_read_only());
     cds.setReadOnly();
