@@ -1,5 +1,6 @@
 // Reads and writes by leaf id: the id cache must never serve a value older than what other
 // connections and processes committed, whichever way they wrote.
+#include "support/wait.h"
 #include "toolkit/cds_store.h"
 #include "toolkit/leaf_table.h"
 #include "toolkit/store_fixture.h"
@@ -73,17 +74,11 @@ struct CIdFixture : CTestStore {
             cds.set_leaves({leaf_path(i)}, {CElement::from_int(value)}, {2}, st, "test"), 0);
         BOOST_REQUIRE_EQUAL(st[0], API_STATUS_OK);
     }
-    // How long until the reader sees leaf i at value, -1 ms when not within a second.
-    int64_t ms_until(int i, int64_t value) {
-        const clock_type::time_point start = clock_type::now();
-        while (clock_type::now() - start < std::chrono::seconds(1)) {
-            if (read_one(i) == value)
-                return std::chrono::duration_cast<std::chrono::milliseconds>(clock_type::now() -
-                                                                             start)
-                    .count();
-            std::this_thread::sleep_for(std::chrono::milliseconds(5));
-        }
-        return -1;
+    // Whether the reader sees leaf i at value within limit.
+    bool seen_within(int i, int64_t value,
+                     std::chrono::milliseconds limit = std::chrono::seconds(1)) {
+        return eventually([&] { return read_one(i) == value; }, limit,
+                          std::chrono::milliseconds(5));
     }
 
     CLeafTable table;
@@ -254,12 +249,10 @@ BOOST_FIXTURE_TEST_CASE(a_commit_without_a_bump_is_seen_within_the_periodic_chec
                     "WHERE path = '" +
                         leaf_path(3) + "'; COMMIT;");
     BOOST_TEST(read_one(3) == 0);
-    const int64_t ms = ms_until(3, 33);
-    BOOST_TEST(ms >= 0);
-    BOOST_TEST(ms < 700);
+    BOOST_TEST(seen_within(3, 33, std::chrono::milliseconds(700)));
     // As the sqlite3 shell would write it (the generation changes).
     raw_sql(path(), "UPDATE leaves SET value = 34 WHERE path = '" + leaf_path(3) + "'");
-    BOOST_TEST(ms_until(3, 34) >= 0);
+    BOOST_TEST(seen_within(3, 34));
 }
 
 BOOST_FIXTURE_TEST_CASE(a_counter_file_removed_under_a_reader_is_mapped_again, CIdFixture) {
@@ -269,7 +262,7 @@ BOOST_FIXTURE_TEST_CASE(a_counter_file_removed_under_a_reader_is_mapped_again, C
     CCdsStore other;
     open(other);
     set(other.cds(), 4, 40);
-    BOOST_TEST(ms_until(4, 40) >= 0);
+    BOOST_TEST(seen_within(4, 40));
     // Mapped again: the next write is seen at once.
     std::this_thread::sleep_for(std::chrono::milliseconds(600));
     BOOST_TEST(read_one(4) == 40);
@@ -302,8 +295,8 @@ BOOST_AUTO_TEST_CASE(a_store_renamed_over_or_removed_is_followed) {
 
     make(dir.file("next.db"), 10);
     BOOST_REQUIRE_EQUAL(std::rename(dir.file("next.db").c_str(), path.c_str()), 0);
-    std::this_thread::sleep_for(std::chrono::milliseconds(600));
-    BOOST_TEST(read() == 10);
+    // Seen at the next periodic check.
+    BOOST_TEST(eventually([&] { return read() == 10; }, std::chrono::seconds(1)));
     BOOST_TEST(has_text(reader.cds().take_notice(), "reopened"));
     // It follows writers of the new file at once again.
     const CRunResult r = run_cdsctl(dir, {"--store", path, "set", "/a", "11"});
@@ -311,8 +304,7 @@ BOOST_AUTO_TEST_CASE(a_store_renamed_over_or_removed_is_followed) {
     BOOST_TEST(read() == 11);
 
     BOOST_REQUIRE_EQUAL(::unlink(path.c_str()), 0);
-    std::this_thread::sleep_for(std::chrono::milliseconds(600));
-    BOOST_TEST(read() == -1);
+    BOOST_TEST(eventually([&] { return read() == -1; }, std::chrono::seconds(1)));
     BOOST_TEST(has_text(reader.cds().error(), path), reader.cds().error());
     BOOST_TEST(has_text(reader.cds().take_notice(), "is gone"));
     make(path, 12);

@@ -1,5 +1,6 @@
 // Writes by leaf id in parts, and the caches they keep: a connection reads back its own
 // writes without asking the store, yet never misses what others committed meanwhile.
+#include "support/wait.h"
 #include "toolkit/cds_store.h"
 #include "toolkit/leaf_table.h"
 #include "toolkit/store_fixture.h"
@@ -238,12 +239,8 @@ BOOST_AUTO_TEST_CASE(own_writes_never_hide_what_others_committed) {
     BOOST_TEST(read_one(5) == 55);
     BOOST_TEST(write_one(a(), 0, CElement::from_int(6)) == API_STATUS_OK);
     raw_sql(path(), update_sql(6, "value = 66"));
-    bool seen = false;
-    for (int i = 0; i < 200 && !seen; ++i) {
-        seen = read_one(6) == 66;
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    BOOST_TEST(seen);
+    BOOST_TEST(eventually([&] { return read_one(6) == 66; }, std::chrono::seconds(1),
+                          std::chrono::milliseconds(5)));
     BOOST_TEST(read_one(0) == 6);
 }
 
