@@ -4,6 +4,7 @@
 #include "store/store_worker.h"
 #include "support/loop_fixture.h"
 #include "support/stderr_capture.h"
+#include "support/wait.h"
 #include "toolkit/store_fixture.h"
 
 #include <boost/test/unit_test.hpp>
@@ -70,6 +71,12 @@ struct CStoreFixture : CLoopFixture {
         access.reset(new CStoreAccess(reader, *worker, manager.service()));
     }
     ~CStoreFixture() { worker->stop(); }
+
+    // Runs the loop until done, asked on the loop's thread, holds; false if it never does.
+    bool loop_until(const std::function<bool()>& done) {
+        bool held = false;
+        return run_with([&] { held = eventually([&] { return in_loop(done); }); }) && held;
+    }
 
     // A write job of value to leaf i, whose outcome goes into outcomes in the order they come.
     std::shared_ptr<CStoreJob> write_job(size_t i, const CElement& value) {
@@ -152,11 +159,7 @@ BOOST_AUTO_TEST_CASE(tasks_in_order_and_failures_go_on) {
     read->done = [&] { completions.push_back("read"); };
     f.worker->submit(read);
     gate.open();
-    const bool finished = f.run_with([&] {
-        for (int i = 0; i < 500 && f.in_loop([&] { return completions.size(); }) < 5; ++i)
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    });
-    BOOST_TEST(finished);
+    BOOST_TEST(f.loop_until([&] { return completions.size() == 5; }));
     BOOST_TEST(ran == (std::vector<std::string>{"held", "urgent", "first", "throws"}),
                boost::test_tools::per_element());
     BOOST_TEST(completions ==
@@ -177,14 +180,10 @@ BOOST_AUTO_TEST_CASE(a_worker_that_cannot_go_on_is_fatal) {
     f.worker->run([](CCdsHandle&) -> bool { throw 7; });
     bool ran = false;
     f.worker->run([&ran](CCdsHandle&) { return ran = true; });
-    for (int i = 0; i < 500; ++i) {
-        {
-            std::lock_guard<std::mutex> lock(f.mutex);
-            if (!f.fatal.empty())
-                break;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
+    BOOST_TEST(eventually([&] {
+        std::lock_guard<std::mutex> lock(f.mutex);
+        return !f.fatal.empty();
+    }));
     std::lock_guard<std::mutex> lock(f.mutex);
     BOOST_TEST(f.fatal == "the store worker failed");
     BOOST_TEST(!ran);
@@ -224,20 +223,19 @@ BOOST_AUTO_TEST_CASE(stuck_worker_is_cancelled) {
 // after it; a leaf the store lacks fails alone.
 BOOST_AUTO_TEST_CASE(writes_of_a_turn_share_one_commit) {
     CStoreFixture f;
-    const bool finished = f.run_with([&] {
-        f.in_loop([&] {
+    bool submitted = false;
+    BOOST_TEST(f.loop_until([&] {
+        if (!submitted) {
+            submitted = true;
             f.access->submit(f.write_job(0, CElement::from_int(1)), 0);
             f.access->submit(f.write_job(1, CElement::from_string("y")), 0);
             f.access->submit(f.write_job(0, CElement::from_int(2)), 0);
-            auto missing = f.write_job(2, CElement::from_int(3));
-            f.access->submit(missing, 0);
+            f.access->submit(f.write_job(2, CElement::from_int(3)), 0);
             // Not made within the call.
-            return f.outcomes.size();
-        });
-        for (int i = 0; i < 500 && f.in_loop([&] { return f.outcomes.size(); }) < 4; ++i)
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    });
-    BOOST_TEST(finished);
+            BOOST_TEST(f.outcomes.empty());
+        }
+        return f.outcomes.size() == 4;
+    }));
     BOOST_REQUIRE(f.outcomes.size() == 4u);
     for (size_t i = 0; i < 4; ++i)
         BOOST_TEST(f.outcomes[i].second == CStoreJob::OK);
@@ -260,8 +258,7 @@ BOOST_AUTO_TEST_CASE(a_write_answered_with_a_time_out_is_never_made) {
             f.access->submit(f.write_job(1, CElement::from_string("kept")), 0);
             return 0;
         });
-        for (int i = 0; i < 500 && f.in_loop([&] { return f.outcomes.size(); }) < 1; ++i)
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        eventually([&] { return f.in_loop([&] { return f.outcomes.size() >= 1; }); });
         // A write after the time-out still queues behind the others.
         f.in_loop([&] {
             f.access->submit(f.write_job(1, CElement::from_string("last")), 0);
@@ -269,8 +266,7 @@ BOOST_AUTO_TEST_CASE(a_write_answered_with_a_time_out_is_never_made) {
         });
         std::this_thread::sleep_for(std::chrono::milliseconds(100));
         holder->release();
-        for (int i = 0; i < 500 && f.in_loop([&] { return f.outcomes.size(); }) < 3; ++i)
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        eventually([&] { return f.in_loop([&] { return f.outcomes.size() >= 3; }); });
     });
     BOOST_TEST(finished);
     BOOST_REQUIRE(f.outcomes.size() == 3u);
@@ -285,16 +281,8 @@ BOOST_AUTO_TEST_CASE(a_write_answered_with_a_time_out_is_never_made) {
 // The worker checkpoints the WAL once the I/O side has been idle a moment.
 BOOST_AUTO_TEST_CASE(checkpoints_when_idle) {
     CStoreFixture f([](CStoreWorker::options_t& o) { o.idle = std::chrono::milliseconds(50); });
-    const bool finished = f.run_with([&] {
-        f.in_loop([&] {
-            f.access->submit(f.write_job(0, CElement::from_int(9)), 0);
-            return 0;
-        });
-        for (int i = 0; i < 500 && f.worker->checkpoints() == 0; ++i)
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    });
-    BOOST_TEST(finished);
-    BOOST_TEST(f.worker->checkpoints() >= 1u);
+    f.access->submit(f.write_job(0, CElement::from_int(9)), 0);
+    BOOST_TEST(f.loop_until([&] { return f.worker->checkpoints() >= 1u; }));
     BOOST_TEST(f.store.value("/Dev/A").to_int() == 9);
 }
 
