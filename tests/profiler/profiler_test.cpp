@@ -203,31 +203,29 @@ BOOST_AUTO_TEST_CASE(unit_selection) {
     BOOST_CHECK(has_text(s.run({"-u", "1"}).out, "\n/Extra/Counter,"));
 }
 
-BOOST_AUTO_TEST_CASE(no_such_unit) {
+// Units the settings lack, and none chosen, are errors; a unit whose parameters are not in
+// the store prints nothing, not even the header.
+BOOST_AUTO_TEST_CASE(no_such_unit_or_nothing_to_print) {
     CProfileStore s;
-    for (const auto& args : std::vector<std::vector<tk_string>>{
-             {"-u", "9"}, {"-u", "256"}, {"-s", "1", "-u", "17"}, {"-s", "0", "-u", "2"}}) {
-        const CRunResult r = s.run(args);
-        BOOST_CHECK_EQUAL(r.status, 1);
-        BOOST_CHECK_EQUAL(r.out, "");
-        BOOST_CHECK_EQUAL(without_warnings(r.err),
-                          "Error: unsupported Unit ID or Serial Interface\n");
+    const tk_string no_unit = "Error: unsupported Unit ID or Serial Interface\n";
+    const tk_string none = "Error: No Unit ID was selected\n";
+    const std::vector<std::pair<std::vector<tk_string>, tk_string>> cases = {
+        {{"-u", "9"}, no_unit},
+        {{"-u", "256"}, no_unit},
+        {{"-s", "1", "-u", "17"}, no_unit},
+        {{"-s", "0", "-u", "2"}, no_unit},
+        {{}, none},
+        {{"-s", "0", "-d"}, none},
+        {{"-u", "3", "-d"}, ""},
+    };
+    for (const auto& c : cases) {
+        const CRunResult r = s.run(c.first);
+        BOOST_TEST_CONTEXT(c.second) {
+            BOOST_CHECK_EQUAL(r.status, c.second.empty() ? 0 : 1);
+            BOOST_CHECK_EQUAL(r.out, "");
+            BOOST_CHECK_EQUAL(without_warnings(r.err), c.second);
+        }
     }
-    for (const auto& args : std::vector<std::vector<tk_string>>{{}, {"-s", "0", "-d"}}) {
-        const CRunResult r = s.run(args);
-        BOOST_CHECK_EQUAL(r.status, 1);
-        BOOST_CHECK_EQUAL(r.out, "");
-        BOOST_CHECK_EQUAL(without_warnings(r.err), "Error: No Unit ID was selected\n");
-    }
-}
-
-// A unit whose parameters are not in the store prints nothing, not even the header.
-BOOST_AUTO_TEST_CASE(nothing_to_print) {
-    CProfileStore s;
-    const CRunResult r = s.run({"-u", "3", "-d"});
-    BOOST_CHECK_EQUAL(r.status, 0);
-    BOOST_CHECK_EQUAL(r.out, "");
-    BOOST_CHECK_EQUAL(without_warnings(r.err), "");
 }
 
 BOOST_AUTO_TEST_CASE(bad_command_lines) {
