@@ -248,10 +248,14 @@ BOOST_AUTO_TEST_CASE(bad_command_lines) {
             BOOST_CHECK(has_text(r.err, c.second));
         }
     }
-    // Help is no error.
+    // Help and the version are no errors; the version goes to stdout, in three lines.
     const CRunResult help = s.run({"-hv"});
     BOOST_CHECK_EQUAL(help.status, 0);
     BOOST_CHECK(has_text(help.err, "--unit-id : "));
+    const CRunResult version = s.run({"--version"});
+    BOOST_CHECK_EQUAL(version.status, 0);
+    for (const char* part : {"modbus_profiler: version ", "\nBuild date: ", "\n$Revision: "})
+        BOOST_CHECK_MESSAGE(has_text(version.out, part), version.out);
 }
 
 // A store that cannot be opened and a mapping file that does not parse stop the profiler

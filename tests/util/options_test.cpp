@@ -186,23 +186,5 @@ BOOST_AUTO_TEST_CASE(usage_layout) {
                detailed);
 }
 
-BOOST_AUTO_TEST_CASE(version_text) {
-    std::fflush(stdout);
-    std::FILE* out = std::tmpfile();
-    const int saved = ::dup(STDOUT_FILENO);
-    ::dup2(::fileno(out), STDOUT_FILENO);
-    CSampleOptions o;
-    BOOST_CHECK_THROW(o.run({"--version"}), COptionsBase::help_shown);
-    std::fflush(stdout);
-    ::dup2(saved, STDOUT_FILENO);
-    ::close(saved);
-    char text[256] = {};
-    std::rewind(out);
-    BOOST_TEST(std::fread(text, 1, sizeof text - 1, out) > 0u);
-    std::fclose(out);
-    BOOST_TEST(std::string(text) == "prog: version 2.0.0\nBuild date: Feb  9 2017 17:11:59\n"
-                                    "$Revision: 54292 $\n\n");
-}
-
 BOOST_AUTO_TEST_SUITE_END()
 BOOST_AUTO_TEST_SUITE_END()
