@@ -7,8 +7,6 @@
 
 #include <boost/test/unit_test.hpp>
 
-#include <sqlite3.h>
-
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -23,8 +21,6 @@ using toolkit::CLeafValue;
 using toolkit::leaf_id_t;
 
 namespace {
-
-typedef std::chrono::steady_clock clock_type;
 
 const int k_leaves = 300;
 
@@ -309,53 +305,6 @@ BOOST_AUTO_TEST_CASE(a_store_renamed_over_or_removed_is_followed) {
     BOOST_TEST(has_text(reader.cds().take_notice(), "is gone"));
     make(path, 12);
     BOOST_TEST(read() == 12);
-}
-
-// An idle WAL reader keeps a shared lock that no other connection can take exclusively; a
-// store switched to a rollback journal, though, locks readers out during each commit.
-BOOST_AUTO_TEST_CASE(a_locked_store_answers_busy_at_once_when_told_not_to_wait) {
-    CTempDir dir;
-    const tk_string path = dir.file("store.db");
-    tk_string error;
-    BOOST_REQUIRE_MESSAGE(CCdsStore::create(path, error) == 0, error);
-    CLeafTable table;
-    std::vector<toolkit::CLeafInfo> leaves;
-    for (int i = 0; i < 20; ++i) {
-        leaves.push_back({leaf_path(i), CElement::TYPE_INT, CElement::from_int(i), 0});
-        table.add(leaf_path(i));
-    }
-    {
-        CCdsStore s;
-        BOOST_REQUIRE_EQUAL(s.open(path), 0);
-        BOOST_REQUIRE_EQUAL(s.define(leaves), 0);
-    }
-    raw_sql(path, "PRAGMA journal_mode=DELETE");
-    CCdsStore reader;
-    BOOST_REQUIRE_EQUAL(reader.open(path), 0);
-    reader.cds().bind(table);
-    std::vector<leaf_id_t> ids(20);
-    for (leaf_id_t i = 0; i < 20; ++i)
-        ids[i] = i;
-    std::vector<const CLeafValue*> out(20);
-    BOOST_REQUIRE_EQUAL(reader.cds().read(ids.data(), 10, out.data(), false), 0);
-
-    sqlite3* db = nullptr;
-    BOOST_REQUIRE_EQUAL(sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READWRITE, nullptr),
-                        SQLITE_OK);
-    BOOST_REQUIRE_EQUAL(sqlite3_exec(db, "BEGIN EXCLUSIVE", nullptr, nullptr, nullptr), SQLITE_OK);
-    const clock_type::time_point start = clock_type::now();
-    BOOST_TEST(reader.cds().read(ids.data(), 20, out.data(), false) == CCds::busy);
-    BOOST_TEST((clock_type::now() - start < std::chrono::milliseconds(100)));
-    BOOST_TEST(has_text(reader.cds().error(), "locked"), reader.cds().error());
-    // Waiting is bounded too, and busy afterwards is not a failed store.
-    BOOST_TEST(reader.cds().read(ids.data(), 20, out.data(), true) == CCds::busy);
-    const tk_string sql = "UPDATE leaves SET value = 50 WHERE path = '" + leaf_path(15) + "'";
-    BOOST_REQUIRE_EQUAL(sqlite3_exec(db, (sql + "; COMMIT").c_str(), nullptr, nullptr, nullptr),
-                        SQLITE_OK);
-    BOOST_TEST(reader.cds().read(ids.data(), 20, out.data(), false) == 0);
-    BOOST_TEST(out[14]->value.to_int() == 14);
-    BOOST_TEST(out[15]->value.to_int() == 50);
-    sqlite3_close(db);
 }
 
 BOOST_FIXTURE_TEST_CASE(without_a_counter_file_every_read_asks_the_store, CIdFixture) {

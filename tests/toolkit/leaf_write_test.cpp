@@ -258,9 +258,9 @@ BOOST_AUTO_TEST_CASE(a_connection_reads_back_its_own_writes_without_asking_the_s
     BOOST_TEST(read_one(3, &w.cds()) == 0);
     sqlite3* db = nullptr;
     BOOST_REQUIRE_EQUAL(sqlite3_open(file.c_str(), &db), SQLITE_OK);
-    auto locked_read = [&](int i) {
+    auto locked_read = [&](int i, bool wait = false) {
         sqlite3_exec(db, "BEGIN EXCLUSIVE", nullptr, nullptr, nullptr);
-        const int64_t v = read_one(i, &w.cds(), false);
+        const int64_t v = read_one(i, &w.cds(), wait);
         sqlite3_exec(db, "ROLLBACK", nullptr, nullptr, nullptr);
         return v;
     };
@@ -274,10 +274,17 @@ BOOST_AUTO_TEST_CASE(a_connection_reads_back_its_own_writes_without_asking_the_s
     BOOST_TEST(locked_read(2) == 20);
     BOOST_TEST(locked_read(3) == 0);
 
-    // A hand edit before a write drops the cache (the generation moved): reads ask again.
+    // A hand edit before a write drops the cache (the generation moved): reads ask again,
+    // and under the lock answer busy at once, naming the lock. A read that waits gives up
+    // too, and busy is no failed store.
     raw_sql(file, update_sql(3, "value = 30"));
     BOOST_TEST(write_one(w.cds(), 4, CElement::from_int(40)) == API_STATUS_OK);
+    const auto start = std::chrono::steady_clock::now();
     BOOST_TEST(locked_read(3) == -2);
+    BOOST_TEST((std::chrono::steady_clock::now() - start < std::chrono::milliseconds(100)));
+    BOOST_TEST(rc == CCds::busy);
+    BOOST_TEST(has_text(w.cds().error(), "locked"), w.cds().error());
+    BOOST_TEST(locked_read(3, true) == -2);
     BOOST_TEST(rc == CCds::busy);
     BOOST_TEST(read_one(3, &w.cds()) == 30);
     sqlite3_close(db);
