@@ -206,18 +206,6 @@ BOOST_FIXTURE_TEST_CASE(writes_convert_to_the_leaf_type, CStoreFixture) {
     BOOST_TEST(r.values[3].str() == tk_string("a\0b", 3));
 }
 
-BOOST_FIXTURE_TEST_CASE(read_only_connection, CStoreFixture) {
-    BOOST_TEST(!cds.is_read_only());
-    cds.setReadOnly();
-    BOOST_TEST(cds.is_read_only());
-    BOOST_TEST(
-        set({"/Dev/Offset", "/Dev/Missing"}, {CElement::from_int(5), CElement::from_int(5)}) ==
-            (std::vector<api_status_t>{API_STATUS_READ_ONLY, API_STATUS_READ_ONLY}),
-        boost::test_tools::per_element());
-    BOOST_TEST(store.value("/Dev/Offset").to_int() == -3);
-    BOOST_TEST(get({"/Dev/Offset"}).statuses[0] == API_STATUS_OK);
-}
-
 BOOST_FIXTURE_TEST_CASE(reads_see_every_commit, CStoreFixture) {
     // cds caches what it reads; commits of other connections and its own must show at once.
     CCds other;

@@ -126,11 +126,15 @@ BOOST_AUTO_TEST_CASE(parts_share_one_transaction_and_keep_their_own_statuses) {
     BOOST_TEST(has_text(a().error(), "1000"), a().error());
     BOOST_TEST(value(leaf_path(4)).to_int() == 0);
 
+    // Read-only: every leaf, the node too, is refused as such.
     a().setReadOnly();
+    BOOST_TEST(a().is_read_only());
     bool asked = false;
     BOOST_TEST(a().write(parts, 2, true, [&] { return asked = true; }) == 0);
-    BOOST_TEST(st0[0] == API_STATUS_READ_ONLY);
-    BOOST_TEST(st1[2] == API_STATUS_READ_ONLY);
+    BOOST_TEST(statuses(st0, 2) == std::vector<api_status_t>(2, API_STATUS_READ_ONLY),
+               per_element());
+    BOOST_TEST(statuses(st1, 3) == std::vector<api_status_t>(3, API_STATUS_READ_ONLY),
+               per_element());
     BOOST_TEST(!asked);
     BOOST_TEST(counter_value(path()) == bumps + 1);
 }
