@@ -53,35 +53,64 @@ template <class M, class F> void walk(const CModbusRequest& req, F f) {
 }
 
 // f(mapping, value) for every touching mapping whose value was read (with writable_only,
-// that may also be written), in walk order; returns whether two of them share an address.
-template <class M, class F> bool walk_readable(const CModbusRequest& req, bool writable_only, F f) {
+// that may also be written), in walk order; returns whether two of them share an address,
+// and how many there were in readable (when given). A loop of its own rather than a walk with a lambda: the overlap state stays in registers,
+// where captured by reference every byte f stores into an answer could alias it and forced
+// a reload per mapping (most of the cost of a 2000-coil read).
+template <class M, class F>
+bool walk_readable(const CModbusRequest& req, bool writable_only, F f, size_t* readable = nullptr) {
+    const CAddressRange r(req.start, static_cast<regaddr_t>(req.start + req.quantity - 1));
+    const CLeafValue* const* values = req.values.data();
     size_t seq = 0;
+    size_t count = 0;
     bool any = false;
     bool overlap = false;
     regaddr_t last = 0;
-    walk<M>(req, [&](const CResolvedMapping<M>& e) {
-        const CLeafValue& v = *req.values[seq++];
-        if (v.status != API_STATUS_OK || (writable_only && !e.cfg.writable()))
-            return;
-        // First addresses ascend within a file; a mapping starting at or before the end of
-        // an earlier one overlaps it, or starts the next file.
-        if (any && e.addr.first <= last)
-            overlap = true;
-        last = any ? std::max(last, e.addr.second) : e.addr.second;
-        any = true;
-        f(e, v.value);
-    });
+    for (const auto& index : kind<M>::of(*req.unit)) {
+        const std::pair<size_t, size_t> slice = index.slice(r);
+        const CResolvedMapping<M>* items = index.items().data();
+        for (size_t i = slice.first; i < slice.second; ++i) {
+            const CResolvedMapping<M>& e = items[i];
+            if (e.addr.second < r.first)
+                continue;
+            const CLeafValue& v = *values[seq++];
+            if (v.status != API_STATUS_OK || (writable_only && !e.cfg.writable()))
+                continue;
+            // First addresses ascend within a file; a mapping starting at or before the end
+            // of an earlier one overlaps it, or starts the next file.
+            overlap |= any && e.addr.first <= last;
+            last = any && last > e.addr.second ? last : e.addr.second;
+            any = true;
+            ++count;
+            f(e, v.value);
+        }
+    }
+    if (readable != nullptr)
+        *readable = count;
     return overlap;
 }
 
-// Plans the read of every touching mapping's value, then of the attributes not known yet.
-// A range that touches no mapping is answered with exception 2.
 template <class M> modbus_err_t plan_leaves(CModbusRequest& req) {
+    // Each file's slice is sized first and filled through a pointer: a push_back per
+    // mapping stores the vector's end back into the request every time.
+    const CAddressRange r(req.start, static_cast<regaddr_t>(req.start + req.quantity - 1));
     size_t unknown = 0;
-    walk<M>(req, [&](const CResolvedMapping<M>& e) {
-        req.reads.push_back(e.value);
-        unknown += !e.cfg.updated();
-    });
+    for (const auto& index : kind<M>::of(*req.unit)) {
+        const std::pair<size_t, size_t> slice = index.slice(r);
+        const CResolvedMapping<M>* items = index.items().data();
+        const size_t at = req.reads.size();
+        req.reads.resize(at + (slice.second - slice.first));
+        toolkit::leaf_id_t* const first = req.reads.data() + at;
+        toolkit::leaf_id_t* out = first;
+        for (size_t i = slice.first; i < slice.second; ++i) {
+            const CResolvedMapping<M>& e = items[i];
+            if (e.addr.second < r.first)
+                continue;
+            *out++ = e.value;
+            unknown += !e.cfg.updated();
+        }
+        req.reads.resize(at + static_cast<size_t>(out - first));
+    }
     req.mapped = req.reads.size();
     if (req.mapped == 0) {
         LOG_DEBUG(SS_FUNCTION_CODES, 2, "No parameters in requested range");
@@ -221,18 +250,16 @@ modbus_err_t steps::answer_read_bits(CModbusRequest& req) {
     iobuf_t& out = req.pdu->data;
     out.assign(1 + nbytes, 0);
     out[0] = static_cast<uint8_t>(nbytes);
-    size_t filled = 0;
-    const auto set = [&](const resolved_discrete_t& e, const CElement& v) {
-        const size_t i = e.addr.first - req.start;
-        if (e.mapping->translate(v))
-            out[1 + i / 8] |= static_cast<uint8_t>(1u << (i % 8));
+    uint8_t* const bytes = out.data() + 1;
+    const uint16_t start = req.start;
+    const auto set = [bytes, start](const resolved_discrete_t& e, const CElement& v) {
+        const size_t i = e.addr.first - start;
+        const bool on = CParamDiscreteMapping::translate(v, e.negate);
+        bytes[i / 8] |= static_cast<uint8_t>(static_cast<unsigned>(on) << (i % 8));
     };
     // Without overlaps every readable mapping has its own address: the walk is the answer.
-    const bool overlap = walk_readable<CParamDiscreteMapping>(
-        req, false, [&](const resolved_discrete_t& e, const CElement& v) {
-            set(e, v);
-            ++filled;
-        });
+    size_t filled = 0;
+    const bool overlap = walk_readable<CParamDiscreteMapping>(req, false, set, &filled);
     if (overlap) {
         // Each address goes to the first mapping in rank.
         std::fill(out.begin() + 1, out.end(), 0);

@@ -2,6 +2,13 @@
 
 namespace {
 
+bool negates(const CParamDiscreteMapping& m) {
+    return m.negate();
+}
+bool negates(const CParamRegisterMapping&) {
+    return false;
+}
+
 template <class M>
 CResolvedIndex<M> resolve(const tk_string& device,
                           const typename CIntervalIndex<M>::iterrange_t& all,
@@ -13,7 +20,7 @@ CResolvedIndex<M> resolve(const tk_string& device,
         std::unique_ptr<CResolvedMapping<M>> r(
             new CResolvedMapping<M>{it->first, m, m->id(), table.add(device + "/" + m->path()),
                                     table.add(param + "/Writable"), table.add(param + "/Units"),
-                                    CModbusParamDynamicConfig()});
+                                    CModbusParamDynamicConfig(), negates(*m)});
         items.emplace_back(it->first, std::move(r));
     }
     // The items come in the file index's order, which the new index keeps (stable sort).

@@ -31,6 +31,9 @@ template <class M> struct CResolvedMapping {
     toolkit::leaf_id_t units;
     // Filled in by the first request that reads the attributes.
     mutable CModbusParamDynamicConfig cfg;
+    // A discrete mapping's NegateValue, beside its leaf: a read of 2000 coils then packs
+    // its bits without touching 2000 mapping objects. False for registers.
+    bool negate;
 };
 
 typedef CResolvedMapping<CParamRegisterMapping> resolved_register_t;

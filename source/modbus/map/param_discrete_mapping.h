@@ -11,9 +11,12 @@ public:
 
     bool negate() const { return _negate; }
 
-    // The bit a read reports for the parameter's value. Inline: a read of 2000 coils makes
-    // 2000 of these calls.
-    bool translate(const toolkit::CElement& el) const { return el.to_bool() != _negate; }
+    // The bit a read reports for the parameter's value, with negate() given (a read of 2000
+    // coils keeps it beside each coil's leaf rather than reach for the mapping).
+    static bool translate(const toolkit::CElement& el, bool negate) {
+        return el.to_bool() != negate;
+    }
+    bool translate(const toolkit::CElement& el) const { return translate(el, _negate); }
     // The value a written bit stores; stamped with the invalid time so that the store
     // stamps it.
     toolkit::CElement translate(bool value) const;
