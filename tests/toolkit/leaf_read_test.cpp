@@ -108,6 +108,19 @@ BOOST_AUTO_TEST_CASE(the_table_keeps_its_ids_as_it_grows) {
     BOOST_TEST(table.size() == size_t(n));
 }
 
+// Leaves the table learns after a connection bound it are read by id like the first ones.
+BOOST_FIXTURE_TEST_CASE(ids_added_after_binding_are_read, CIdFixture) {
+    BOOST_TEST(read_one(5) == 0);
+    const int last = k_leaves + 4000;
+    define({{leaf_path(last), CElement::TYPE_INT, CElement::from_int(7), 0}});
+    for (int i = k_leaves; i <= last; ++i)
+        ids.push_back(table.add(leaf_path(i)));
+    const leaf_id_t id = ids.back();
+    const CLeafValue* out = nullptr;
+    BOOST_REQUIRE_EQUAL(reader.cds().read(&id, 1, &out, true), 0);
+    BOOST_TEST((out->status == API_STATUS_OK && out->value.to_int() == 7));
+}
+
 BOOST_FIXTURE_TEST_CASE(reads_see_every_writer_at_once, CIdFixture) {
     BOOST_TEST(read_one(5) == 0);
     BOOST_TEST(read_one(k_leaves - 1) == -1); // in the table, not in the store
