@@ -109,6 +109,8 @@ private:
     std::chrono::steady_clock::time_point _last_heard;
     // A read is pending: the connection waits for its client, not for an answer.
     bool _reading = false;
+    // Completing a write that send() finished at once.
+    bool _sending_inline = false;
     std::chrono::steady_clock::time_point _last_request;
     // Without eviction nobody reads the stamp, and a request need not read the clock.
     bool _stamp_requests = false;
