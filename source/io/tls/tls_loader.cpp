@@ -29,8 +29,10 @@ mb_tls_engine_fn CTlsLoader::entry() {
         return found;
     std::vector<std::string> paths;
     const std::string beside = program_folder();
-    if (!beside.empty())
+    if (!beside.empty()) {
         paths.push_back(beside + "modbus_tls.so");
+        paths.push_back(beside + MB_TLS_MODULE_FROM_BIN);
+    }
     paths.push_back(MB_TLS_MODULE_PATH);
     std::string tried;
     for (const std::string& path : paths) {

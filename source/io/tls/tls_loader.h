@@ -1,7 +1,8 @@
 #pragma once
 // Opens the TLS module when the first secure port is set up, and makes its engine. The
 // module is looked for beside the running program first (a build tree), then where the
-// package installs it; it stays loaded until the process ends, as its engines' code is in it.
+// package installs it, seen from the program's folder (a package unpacked elsewhere) and as
+// the absolute path; it stays loaded until the process ends, as its engines' code is in it.
 #include "io/tls/tls_engine.h"
 
 #include <memory>
