@@ -95,7 +95,9 @@ struct CLineFixture {
         request->unit = unit;
         request->pdu.function = pdu[0];
         request->pdu.data.assign(pdu.begin() + 1, pdu.end());
-        request->done = [this, request] { done.push_back(request.get()); };
+        // Not the shared pointer: a request holding itself would never be freed.
+        CGatewayRequest* const raw = request.get();
+        request->done = [this, raw] { done.push_back(raw); };
         line->submit(source, request);
         return request;
     }
