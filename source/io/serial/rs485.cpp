@@ -38,7 +38,9 @@ CRs485::result_t CRs485::apply(driver_t& driver, const settings_t& settings,
     serial_rs485 state;
     std::memset(&state, 0, sizeof state);
     int rc = driver.get(state);
-    if (rc == ENOTTY) {
+    // ENOTTY from a driver without RS-485 support; ENOSYS where the ioctl itself is unknown
+    // (an emulator's, for instance).
+    if (rc == ENOTTY || rc == ENOSYS) {
         LOG_INFO(SS_SERIAL_IO, 0,
                  "'%s': the driver has no RS-485 settings (an adapter that switches the line "
                  "itself); RS485 left to the hardware",

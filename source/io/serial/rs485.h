@@ -4,8 +4,9 @@
 // read, the fields this server owns are changed, and the rest (bus termination, addressing,
 // receive during send) is written back as the driver had it.
 //
-// Drivers without RS-485 support answer ENOTTY: USB adapters and PC UARTs whose transceiver
-// switches in hardware. That is normal and worth one info line, not an error.
+// Drivers without RS-485 support answer ENOTTY (ENOSYS under an emulator that does not know
+// the ioctl): USB adapters and PC UARTs whose transceiver switches in hardware. That is
+// normal and worth one info line, not an error.
 #include <linux/serial.h>
 
 #include <cstdint>
