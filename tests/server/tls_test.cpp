@@ -235,6 +235,8 @@ BOOST_AUTO_TEST_CASE(key_readable_by_others_stops_start_up) {
 }
 
 // OpenSSL is in a module beside the program; a copy of the program elsewhere has none.
+// Under qemu-user the copy finds the module beside the original: left to native builds.
+#ifndef MB_EMULATED
 BOOST_AUTO_TEST_CASE(a_missing_tls_module_stops_start_up) {
     CTempDir bin;
     const tk_string program = bin.file("modbus_server");
@@ -247,5 +249,6 @@ BOOST_AUTO_TEST_CASE(a_missing_tls_module_stops_start_up) {
                               bin.file("modbus_tls.so") + " (missing)";
     BOOST_TEST(has_text(s.server->log(), message), s.server->log());
 }
+#endif
 
 BOOST_AUTO_TEST_SUITE_END()

@@ -1,5 +1,7 @@
 #include "io/tls/tls_loader.h"
 
+#include "util/log.h"
+
 #include <dlfcn.h>
 #include <limits.h>
 #include <mutex>
@@ -44,8 +46,10 @@ mb_tls_engine_fn CTlsLoader::entry() {
         const char* failure = module == nullptr ? ::dlerror() : nullptr;
         if (module != nullptr) {
             found = reinterpret_cast<mb_tls_engine_fn>(::dlsym(module, MB_TLS_ENGINE_SYMBOL));
-            if (found != nullptr)
+            if (found != nullptr) {
+                LOG_INFO(SS_TCP_IO, 1, "TLS module: %s", path.c_str());
                 return found;
+            }
             failure = "no " MB_TLS_ENGINE_SYMBOL " in it";
             ::dlclose(module);
         }
