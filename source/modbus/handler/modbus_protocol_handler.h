@@ -13,6 +13,7 @@
 #include "modbus/gateway/gateway_request.h"
 #include "modbus/core/request_runner.h"
 #include "store/store_job.h"
+#include "util/log.h"
 
 #include <memory>
 
@@ -46,6 +47,28 @@ protected:
     // slave's answer, SILENT for a broadcast, or ANSWER at once with exception 1 when the
     // peer's access rule refuses it (a refused broadcast is dropped).
     outcome_t forward(CModbusPdu& pdu, uint8_t unit_id);
+
+    // The transport's action for outcome: nothing, wait for resume(), or send the answer that
+    // adu serializes into out (which keeps the bytes until the next call; dumped under
+    // subsystem). consumed: the input bytes taken, a whole request when not 0.
+    template <class Adu>
+    static action_t action_for(outcome_t outcome, size_t consumed, Adu& adu, iobuf_t& out,
+                               subsystem_t subsystem) {
+        action_t action;
+        action.consumed = consumed;
+        action.request = consumed != 0;
+        if (outcome == WAIT) {
+            action.kind = action_t::WAIT;
+        } else if (outcome == ANSWER) {
+            out.clear();
+            adu.serialize(out);
+            LOG_DUMP(subsystem, 6, out.data(), out.size(), "Response");
+            action.kind = action_t::SEND;
+            action.data = out.data();
+            action.size = out.size();
+        }
+        return action;
+    }
 
     CRequestRunner _runner;
 

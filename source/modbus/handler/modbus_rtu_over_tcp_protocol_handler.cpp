@@ -110,25 +110,6 @@ CProtocolHandler::action_t CModbusRtuOverTcpProtocolHandler::resume() {
     return act(resumed(), 0);
 }
 
-CProtocolHandler::action_t CModbusRtuOverTcpProtocolHandler::act(outcome_t outcome,
-                                                                 size_t consumed) {
-    action_t action;
-    action.consumed = consumed;
-    action.request = consumed != 0;
-    switch (outcome) {
-    case SILENT:
-        break;
-    case WAIT:
-        action.kind = action_t::WAIT;
-        break;
-    case ANSWER:
-        _out.clear();
-        _adu.serialize(_out);
-        LOG_DUMP(SS_TCP_PROTOCOL, 6, _out.data(), _out.size(), "Response");
-        action.kind = action_t::SEND;
-        action.data = _out.data();
-        action.size = _out.size();
-        break;
-    }
-    return action;
+CProtocolHandler::action_t CModbusRtuOverTcpProtocolHandler::act(outcome_t outcome, size_t consumed) {
+    return action_for(outcome, consumed, _adu, _out, SS_TCP_PROTOCOL);
 }

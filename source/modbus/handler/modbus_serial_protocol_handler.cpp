@@ -111,22 +111,6 @@ CProtocolHandler::action_t CModbusSerialProtocolHandler::resume() {
 }
 
 CProtocolHandler::action_t CModbusSerialProtocolHandler::act(outcome_t outcome) {
-    action_t action;
-    switch (outcome) {
-    case SILENT:
-        break;
-    case WAIT:
-        action.kind = action_t::WAIT;
-        break;
-    case ANSWER:
-        assert(!_broadcasting);
-        _out.clear();
-        _adu.serialize(_out);
-        LOG_DUMP(SS_SERIAL_PROTOCOL, 6, _out.data(), _out.size(), "Response");
-        action.kind = action_t::SEND;
-        action.data = _out.data();
-        action.size = _out.size();
-        break;
-    }
-    return action;
+    assert(!_broadcasting || outcome != ANSWER);
+    return action_for(outcome, 0, _adu, _out, SS_SERIAL_PROTOCOL);
 }

@@ -94,23 +94,5 @@ CProtocolHandler::action_t CModbusTcpProtocolHandler::answer_exception(modbus_er
 }
 
 CProtocolHandler::action_t CModbusTcpProtocolHandler::act(outcome_t outcome, size_t consumed) {
-    action_t action;
-    action.consumed = consumed;
-    action.request = consumed != 0;
-    switch (outcome) {
-    case SILENT:
-        break;
-    case WAIT:
-        action.kind = action_t::WAIT;
-        break;
-    case ANSWER:
-        _out.clear();
-        _adu.serialize(_out);
-        LOG_DUMP(SS_TCP_PROTOCOL, 6, _out.data(), _out.size(), "Response");
-        action.kind = action_t::SEND;
-        action.data = _out.data();
-        action.size = _out.size();
-        break;
-    }
-    return action;
+    return action_for(outcome, consumed, _adu, _out, SS_TCP_PROTOCOL);
 }

@@ -68,21 +68,5 @@ CProtocolHandler::action_t CModbusUdpProtocolHandler::resume() {
 }
 
 CProtocolHandler::action_t CModbusUdpProtocolHandler::act(outcome_t outcome) {
-    action_t action;
-    switch (outcome) {
-    case SILENT:
-        break;
-    case WAIT:
-        action.kind = action_t::WAIT;
-        break;
-    case ANSWER:
-        _out.clear();
-        _adu.serialize(_out);
-        LOG_DUMP(SS_TCP_PROTOCOL, 6, _out.data(), _out.size(), "Response");
-        action.kind = action_t::SEND;
-        action.data = _out.data();
-        action.size = _out.size();
-        break;
-    }
-    return action;
+    return action_for(outcome, 0, _adu, _out, SS_TCP_PROTOCOL);
 }
